@@ -1,0 +1,241 @@
+#pragma once
+// Class metadata: one ClassInfo per class, made once and kept for the life of
+// the process. It holds the class's name (as it travels on the wire: no "::",
+// no "_"), its superclass, its selector table and its key dependencies.
+//
+// A class declares itself with ZT_OBJECT(Class, Super) in its body and
+// ZT_DEFINE_CLASS(Class) in its source file, where it also defines
+//     void Class::registerMembers(zt::ClassBuilder<Class> &b)
+// listing every method reachable by selector under its exact selector string:
+//     b.method("setName:", &Class::setName);
+//     b.property("name", &Class::name, &Class::setName);  // "name" and "setName:"
+//     b.dependency("statusString", {"identity.status"});
+// Type codes of the signature are derived from the member-function type.
+
+#include "runtime/signature.h"
+#include "runtime/value.h"
+#include "zt_export.h"
+
+#include <QHash>
+#include <QStringList>
+#include <functional>
+#include <memory>
+#include <shared_mutex>
+#include <tuple>
+#include <unordered_map>
+
+namespace zt {
+
+class Object;
+class ClassInfo;
+template<typename C> class ClassBuilder;
+
+//! One entry of a selector table.
+struct ZT_EXPORT MethodEntry
+{
+    Selector selector;
+    MethodSignature signature;
+    //! Calls the method on `self` (an instance of the registering class or a
+    //! subclass) with one value per real argument; answers the result as a
+    //! value (nil for void).
+    std::function<QVariant(Object *self, const QVariant *arguments)> call;
+};
+
+//! The accessors that key-value coding found for one key of one class.
+struct KeyAccessors
+{
+    const MethodEntry *getter = nullptr;      // getKey, key, isKey, _key
+    const MethodEntry *setter = nullptr;      // setKey:, _setKey:
+    const MethodEntry *countOf = nullptr;     // countOfKey
+    const MethodEntry *objectAt = nullptr;    // objectInKeyAtIndex:
+    const MethodEntry *atIndexes = nullptr;   // keyAtIndexes:
+    const MethodEntry *insertMany = nullptr;  // insertKey:atIndexes:
+    const MethodEntry *insertOne = nullptr;   // insertObject:inKeyAtIndex:
+    const MethodEntry *removeMany = nullptr;  // removeKeyAtIndexes:
+    const MethodEntry *removeOne = nullptr;   // removeObjectFromKeyAtIndex:
+    const MethodEntry *replaceMany = nullptr; // replaceKeyAtIndexes:withKey:
+    const MethodEntry *replaceOne = nullptr;  // replaceObjectInKeyAtIndex:withObject:
+    QStringList affectingKeyPaths;            // dependencies, the whole class chain
+};
+
+class ZT_EXPORT ClassInfo
+{
+public:
+    using Factory = Object *(*)();
+    using Registrar = void (*)(ClassInfo &);
+
+    ClassInfo(const char *name, const ClassInfo *superclass, Factory factory, Registrar registrar);
+    ClassInfo(const ClassInfo &) = delete;
+    ~ClassInfo();
+
+    const QString &name() const { return m_name; }
+    const ClassInfo *superclass() const { return m_superclass; }
+    bool isSubclassOf(const ClassInfo &other) const;
+
+    //! The method for a selector in this class or its superclasses.
+    const MethodEntry *instanceMethod(const Selector &selector) const;
+    //! The method for a selector in this class's own table only.
+    const MethodEntry *ownInstanceMethod(const Selector &selector) const;
+    QList<Selector> ownSelectors() const;
+
+    //! Key paths whose changes also change `key` (own and inherited declarations).
+    QStringList keyPathsForValuesAffectingValueForKey(const QString &key) const;
+    //! Accessors found for a key, resolved once and cached.
+    const KeyAccessors &accessorsForKey(const QString &key) const;
+
+    //! A new instance made with the class's plain constructor, or null for an
+    //! abstract class.
+    Ref<Object> createInstance() const;
+    //! The class registered under a name, or null.
+    static const ClassInfo *named(const QString &name);
+
+    // Registration (ClassBuilder).
+    void addMethod(MethodEntry entry);
+    void addDependency(const QString &key, const QStringList &keyPaths);
+
+    template<typename C> static Factory factoryFor()
+    {
+        if constexpr (!std::is_abstract_v<C> && std::is_default_constructible_v<C>)
+            return []() -> Object * { return new C; };
+        else
+            return nullptr;
+    }
+
+private:
+    struct SelectorHash
+    {
+        size_t operator()(const Selector &s) const noexcept { return qHash(s); }
+    };
+    QString m_name;
+    const ClassInfo *m_superclass;
+    Factory m_factory;
+    std::unordered_map<Selector, MethodEntry, SelectorHash> m_methods;
+    QHash<QString, QStringList> m_dependencies;
+    mutable std::shared_mutex m_cacheLock;
+    mutable std::unordered_map<QString, std::unique_ptr<KeyAccessors>, std::hash<QString>> m_cache;
+};
+
+namespace detail {
+
+template<typename F> struct MemberTraits;
+template<typename R, typename K, typename... A> struct MemberTraits<R (K::*)(A...)>
+{
+    using Return = R;
+    using Class = K;
+    using Self = K;
+    static constexpr size_t arity = sizeof...(A);
+};
+template<typename R, typename K, typename... A> struct MemberTraits<R (K::*)(A...) const>
+{
+    using Return = R;
+    using Class = K;
+    using Self = const K;
+    static constexpr size_t arity = sizeof...(A);
+};
+
+template<typename R, typename Self, typename Fn, typename... A, size_t... I>
+QVariant invokeMember(Fn fn, Self *self, const QVariant *args, std::index_sequence<I...>)
+{
+    if constexpr (std::is_void_v<R>) {
+        (self->*fn)(fromValue<std::decay_t<A>>(args[I])...);
+        return {};
+    } else {
+        return toValue((self->*fn)(fromValue<std::decay_t<A>>(args[I])...));
+    }
+}
+
+template<typename R, typename K, typename... A> MethodSignature signatureOf(R (K::*)(A...))
+{
+    return MethodSignature::of<R, A...>();
+}
+template<typename R, typename K, typename... A> MethodSignature signatureOf(R (K::*)(A...) const)
+{
+    return MethodSignature::of<R, A...>();
+}
+
+template<typename R, typename K, typename... A> auto thunkOf(R (K::*fn)(A...))
+{
+    return [fn](Object *self, const QVariant *args) {
+        return invokeMember<R, K, decltype(fn), A...>(fn, static_cast<K *>(self), args,
+                                                      std::index_sequence_for<A...>{});
+    };
+}
+template<typename R, typename K, typename... A> auto thunkOf(R (K::*fn)(A...) const)
+{
+    return [fn](Object *self, const QVariant *args) {
+        return invokeMember<R, const K, decltype(fn), A...>(fn, static_cast<const K *>(self), args,
+                                                            std::index_sequence_for<A...>{});
+    };
+}
+
+ZT_EXPORT void checkSelectorArity(const char *className, const char *selector, size_t arity);
+
+} // namespace detail
+
+template<typename C> class ClassBuilder
+{
+public:
+    explicit ClassBuilder(ClassInfo &info) : m_info(info) {}
+
+    //! Registers a member function under its exact selector string.
+    template<typename F> ClassBuilder &method(const char *selector, F fn)
+    {
+        static_assert(std::is_base_of_v<typename detail::MemberTraits<F>::Class, C>,
+                      "the method must belong to the class or one of its bases");
+        detail::checkSelectorArity(m_info.name().toLatin1().constData(), selector,
+                                   detail::MemberTraits<F>::arity);
+        m_info.addMethod(MethodEntry{Selector(selector), detail::signatureOf(fn), detail::thunkOf(fn)});
+        return *this;
+    }
+
+    //! Registers "key" and "setKey:" for a read-write property.
+    template<typename G, typename S> ClassBuilder &property(const char *key, G getter, S setter)
+    {
+        method(key, getter);
+        QByteArray set = QByteArray(key);
+        set[0] = char(std::toupper(uchar(set[0])));
+        m_setterNames.push_back("set" + set + ':');
+        return method(m_setterNames.back().constData(), setter);
+    }
+
+    //! Declares that observers of `key` are also told of changes at `keyPaths`.
+    ClassBuilder &dependency(const char *key, const QStringList &keyPaths)
+    {
+        m_info.addDependency(QString::fromLatin1(key), keyPaths);
+        return *this;
+    }
+
+private:
+    ClassInfo &m_info;
+    std::vector<QByteArray> m_setterNames;
+};
+
+} // namespace zt
+
+//! In the body of a class derived (directly or not) from zt::Object.
+#define ZT_OBJECT(Class, Super)                                                                              \
+public:                                                                                                      \
+    using super = Super;                                                                                     \
+    static const ::zt::ClassInfo &staticClassInfo();                                                         \
+    const ::zt::ClassInfo &classInfo() const override                                                        \
+    {                                                                                                        \
+        return staticClassInfo();                                                                            \
+    }                                                                                                        \
+                                                                                                             \
+private:                                                                                                     \
+    static void registerMembers(::zt::ClassBuilder<Class> &builder);                                         \
+                                                                                                             \
+public:
+
+//! In the class's source file, at namespace scope.
+#define ZT_DEFINE_CLASS(Class)                                                                               \
+    const ::zt::ClassInfo &Class::staticClassInfo()                                                          \
+    {                                                                                                        \
+        static const ::zt::ClassInfo info(#Class, &super::staticClassInfo(),                                 \
+                                          ::zt::ClassInfo::factoryFor<Class>(), [](::zt::ClassInfo &i) {     \
+                                              ::zt::ClassBuilder<Class> b(i);                                \
+                                              registerMembers(b);                                            \
+                                          });                                                                \
+        return info;                                                                                         \
+    }                                                                                                        \
+    [[maybe_unused]] static const ::zt::ClassInfo &zt_classinfo_##Class = Class::staticClassInfo();

@@ -1,0 +1,153 @@
+#include "runtime/signature.h"
+
+namespace zt {
+
+int selectorArgumentCount(const Selector &selector)
+{
+    return int(selector.count(':'));
+}
+
+MethodSignature::MethodSignature(QByteArray returnType, QList<QByteArray> argumentTypes)
+    : m_return(std::move(returnType)), m_arguments(std::move(argumentTypes))
+{}
+
+namespace {
+bool isQualifier(char c)
+{
+    return c == 'r' || c == 'n' || c == 'N' || c == 'o' || c == 'O' || c == 'R' || c == 'V';
+}
+
+// Reads one (possibly qualified) code at `pos`, skipping frame offsets after it.
+QByteArray readCode(const QByteArray &types, qsizetype &pos)
+{
+    const qsizetype start = pos;
+    while (pos < types.size() && isQualifier(types[pos]))
+        ++pos;
+    if (pos >= types.size())
+        return {};
+    ++pos;
+    QByteArray code = types.mid(start, pos - start);
+    while (pos < types.size() && (std::isdigit(uchar(types[pos])) || types[pos] == '-'))
+        ++pos;
+    return code;
+}
+} // namespace
+
+MethodSignature MethodSignature::fromTypes(const QByteArray &types)
+{
+    qsizetype pos = 0;
+    QByteArray ret = readCode(types, pos);
+    if (ret.isEmpty() || readCode(types, pos) != "@" || readCode(types, pos) != ":")
+        return {};
+    QList<QByteArray> args;
+    while (pos < types.size()) {
+        QByteArray code = readCode(types, pos);
+        if (code.isEmpty())
+            return {};
+        args.append(code);
+    }
+    return MethodSignature(ret, args);
+}
+
+QByteArray MethodSignature::argumentTypeAt(qsizetype index) const
+{
+    if (index == 0)
+        return QByteArrayLiteral("@");
+    if (index == 1)
+        return QByteArrayLiteral(":");
+    return m_arguments.value(index - 2);
+}
+
+qsizetype MethodSignature::methodReturnLength() const
+{
+    return typeCodeWidth(m_return);
+}
+
+QByteArray MethodSignature::types() const
+{
+    QByteArray out = m_return + "@:";
+    for (const QByteArray &a : m_arguments)
+        out += a;
+    return out;
+}
+
+qsizetype typeCodeWidth(const QByteArray &code)
+{
+    if (code.size() != 1)
+        return code.isEmpty() ? 0 : typeCodeWidth(code.right(1));
+    switch (code[0]) {
+    case 'c':
+    case 'C':
+        return 1;
+    case 's':
+    case 'S':
+        return 2;
+    case 'i':
+    case 'I':
+    case 'f':
+        return 4;
+    case 'q':
+    case 'Q':
+    case 'd':
+    case '@':
+    case ':':
+    case '#':
+    case '*':
+        return 8;
+    default:
+        return 0;
+    }
+}
+
+QVariant coerceToTypeCode(const QVariant &value, const QByteArray &code)
+{
+    if (code.size() != 1)
+        return value;
+    switch (code[0]) {
+    case 'c':
+        return QVariant(value.toLongLong() != 0 || value.toBool());
+    case 'C':
+        return QVariant(quint64(quint8(value.toULongLong())));
+    case 's':
+        return QVariant(qint64(qint16(value.toLongLong())));
+    case 'S':
+        return QVariant(quint64(quint16(value.toULongLong())));
+    case 'i':
+        return QVariant(qint64(qint32(value.toLongLong())));
+    case 'I':
+        return QVariant(quint64(quint32(value.toULongLong())));
+    case 'q':
+        return QVariant(qint64(value.toLongLong()));
+    case 'Q':
+        return QVariant(quint64(value.toULongLong()));
+    case 'f':
+    case 'd':
+        return QVariant(value.toDouble());
+    default:
+        return value;
+    }
+}
+
+Protocol::Protocol(QString name, std::initializer_list<std::pair<const char *, const char *>> requiredMethods)
+    : m_name(std::move(name))
+{
+    for (const auto &[sel, types] : requiredMethods)
+        addMethod(Selector(sel), MethodSignature::fromTypes(QByteArray(types)));
+}
+
+void Protocol::addMethod(const Selector &selector, MethodSignature signature, bool required)
+{
+    (required ? m_required : m_optional).insert(selector, std::move(signature));
+}
+
+MethodSignature Protocol::methodSignature(const Selector &selector, bool required) const
+{
+    return (required ? m_required : m_optional).value(selector);
+}
+
+QList<Selector> Protocol::selectors(bool required) const
+{
+    return (required ? m_required : m_optional).keys();
+}
+
+} // namespace zt
