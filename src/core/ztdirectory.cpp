@@ -1,0 +1,111 @@
+#include "core/ztdirectory.h"
+
+#include "core/ztabstractipc.h"
+#include "runtime/exception.h"
+
+ZT_DEFINE_CLASS(ZTDirectory)
+
+void ZTDirectory::registerMembers(zt::ClassBuilder<ZTDirectory> &b)
+{
+    b.method("objectWithID:", &ZTDirectory::objectWithID);
+    b.method("personWithID:", &ZTDirectory::personWithID);
+    b.method("channelWithID:", &ZTDirectory::channelWithID);
+    b.method("connectionWithID:", &ZTDirectory::connectionWithID);
+    b.method("registerObject:", &ZTDirectory::registerObject);
+    b.method("unregisterObject:", &ZTDirectory::unregisterObject);
+    b.method("unregisterObjectWithID:", &ZTDirectory::unregisterObjectWithID);
+}
+
+ZTDirectory *ZTDirectory::sharedInstance()
+{
+    static ZTDirectory *const instance = QKSharedObject::sharedInstance<ZTDirectory>();
+    return instance;
+}
+
+zt::Ref<ZTAbstractIPC> ZTDirectory::objectWithID(const QString &uuid) const
+{
+    if (uuid.isEmpty())
+        return {};
+    QMutexLocker locker(&m_lock);
+    auto it = m_objects.constFind(uuid);
+    return it == m_objects.cend() ? zt::Ref<ZTAbstractIPC>() : zt::Ref<ZTAbstractIPC>(it->object);
+}
+
+void ZTDirectory::registerObject(ZTAbstractIPC *object)
+{
+    ZT_ASSERT(object, QStringLiteral("Directory can't register a null object"));
+    const QString uuid = object->description();
+    ZT_ASSERT(!uuid.isNull(), QStringLiteral("Directory can't register a null-description object"));
+    QMutexLocker locker(&m_lock);
+    if (m_objects.contains(uuid))
+        return; // the first registration wins
+    Entry &e = m_objects[uuid];
+    e.object = object;
+    if (object->isRetainedByDirectory())
+        e.hold = object;
+}
+
+void ZTDirectory::unregisterObject(ZTAbstractIPC *object)
+{
+    ZT_ASSERT(object, QStringLiteral("Directory can't unregister a null object"));
+    const QString uuid = object->registeredUUID().isNull() ? object->description() : object->registeredUUID();
+    unregisterObjectWithID(uuid);
+}
+
+void ZTDirectory::unregisterObjectWithID(const QString &uuid)
+{
+    ZT_ASSERT(!uuid.isNull(), QStringLiteral("Directory can't unregister a null-description object"));
+    Entry removed;
+    {
+        QMutexLocker locker(&m_lock);
+        removed = m_objects.take(uuid);
+    }
+    // `removed.hold` is dropped here, outside the lock: it may free the object.
+}
+
+void ZTDirectory::removeEntryIfHolding(const QString &uuid, const ZTAbstractIPC *object)
+{
+    Entry removed;
+    {
+        QMutexLocker locker(&m_lock);
+        auto it = m_objects.find(uuid);
+        if (it == m_objects.end() || it->object != object)
+            return;
+        removed = std::move(*it);
+        m_objects.erase(it);
+    }
+    // An object being torn down was never held (the hold would have kept it
+    // alive), so dropping `removed` frees nothing.
+}
+
+qsizetype ZTDirectory::count() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_objects.size();
+}
+
+namespace {
+QMutex agentLock;
+zt::Ref<zt::Object> &agentRef()
+{
+    static zt::Ref<zt::Object> agent;
+    return agent;
+}
+} // namespace
+
+void ZTCoreBridge::setAgent(zt::Object *agent)
+{
+    zt::Ref<zt::Object> previous;
+    {
+        QMutexLocker locker(&agentLock);
+        if (agentRef().get() == agent)
+            return;
+        previous = std::exchange(agentRef(), zt::Ref<zt::Object>(agent));
+    }
+}
+
+zt::Object *ZTCoreBridge::agent()
+{
+    QMutexLocker locker(&agentLock);
+    return agentRef().get();
+}

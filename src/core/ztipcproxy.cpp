@@ -1,0 +1,227 @@
+#include "core/ztipcproxy.h"
+
+#include "core/ztabstractipc.h"
+#include "core/ztapplication.h"
+#include "runtime/exception.h"
+#include "runtime/format.h"
+#include "runtime/invocation.h"
+#include "runtime/logging.h"
+#include "runtime/process.h"
+
+#include <atomic>
+
+ZT_DEFINE_CLASS(ZTIPCProxy)
+
+void ZTIPCProxy::registerMembers(zt::ClassBuilder<ZTIPCProxy> &b)
+{
+    b.method("agentDidChangeValueForKey:", &ZTIPCProxy::agentDidChangeValueForKey);
+    b.method("agentDidChange:valuesAtIndexes:forKey:", &ZTIPCProxy::agentDidChangeValuesAtIndexesForKey);
+    b.method("clientDidChangeValueForKey:", &ZTIPCProxy::clientDidChangeValueForKey);
+    b.method("clientDidChange:valuesAtIndexes:forKey:", &ZTIPCProxy::clientDidChangeValuesAtIndexesForKey);
+    b.property("parent", &ZTIPCProxy::parent, &ZTIPCProxy::setParent);
+}
+
+namespace {
+// -1 not yet asked, 0 client, 1 agent.
+std::atomic<int> cachedRole{-1};
+
+const zt::Selector AgentChange = "agentDidChangeValue:forKey:objectID:";
+const zt::Selector AgentInsert = "agentDidInsertValues:atIndexes:forKey:objectID:";
+const zt::Selector AgentRemove = "agentDidRemoveValuesAtIndexes:forKey:objectID:";
+const zt::Selector AgentReplace = "agentDidReplaceValuesAtIndexes:withValues:forKey:objectID:";
+const zt::Selector ClientChange = "client:didChangeValue:forKey:objectID:";
+const zt::Selector ClientInsert = "client:didInsertValues:atIndexes:forKey:objectID:";
+const zt::Selector ClientRemove = "client:didRemoveValuesAtIndexes:forKey:objectID:";
+const zt::Selector ClientReplace = "client:didReplaceValuesAtIndexes:withValues:forKey:objectID:";
+
+zt::Object *remoteRoot()
+{
+    ZTApplicationDelegate *delegate = ZTApplication::delegate();
+    return delegate ? delegate->counterpart() : nullptr;
+}
+} // namespace
+
+bool ZTIPCProxy::isAgent()
+{
+    int role = cachedRole.load(std::memory_order_relaxed);
+    if (role < 0) {
+        role = zt::process::applicationIdentifier().endsWith(QStringLiteral("Agent")) ? 1 : 0;
+        cachedRole.store(role, std::memory_order_relaxed);
+    }
+    return role == 1;
+}
+
+void ZTIPCProxy::resetCachedProcessRole()
+{
+    cachedRole.store(-1);
+}
+
+QString ZTIPCProxy::prefix()
+{
+    return isAgent() ? QStringLiteral("toClient") : QStringLiteral("toAgent");
+}
+
+QString ZTIPCProxy::autoprefix()
+{
+    return isAgent() ? QStringLiteral("toAgent") : QStringLiteral("toClient");
+}
+
+bool ZTIPCProxy::canWireValue(const QVariant &value)
+{
+    switch (zt::kindOf(value)) {
+    case zt::ValueKind::Array:
+        return canWireValues(value.toList());
+    case zt::ValueKind::Dictionary: {
+        // Enumerating a dictionary yields its keys: only they are checked.
+        const QVariantMap map = value.toMap();
+        QVariantList keys;
+        keys.reserve(map.size());
+        for (auto it = map.keyBegin(); it != map.keyEnd(); ++it)
+            keys.append(*it);
+        return canWireValues(keys);
+    }
+    case zt::ValueKind::Nil:
+    case zt::ValueKind::Null:
+    case zt::ValueKind::String:
+    case zt::ValueKind::Data:
+    case zt::ValueKind::IndexSet:
+    case zt::ValueKind::Date:
+    case zt::ValueKind::Bool:
+    case zt::ValueKind::Signed:
+    case zt::ValueKind::Unsigned:
+    case zt::ValueKind::Real:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool ZTIPCProxy::canWireValues(const QVariantList &values)
+{
+    for (const QVariant &v : values)
+        if (!canWireValue(v))
+            return false;
+    return true;
+}
+
+void ZTIPCProxy::agentDidChangeValueForKey(const QString &key)
+{
+    changeValueForKey(key, true);
+}
+
+void ZTIPCProxy::agentDidChangeValuesAtIndexesForKey(quint64 kind, const zt::IndexSet &indexes,
+                                                     const QString &key)
+{
+    changeValuesAtIndexes(kind, indexes, key, true);
+}
+
+void ZTIPCProxy::clientDidChangeValueForKey(const QString &key)
+{
+    changeValueForKey(key, false);
+}
+
+void ZTIPCProxy::clientDidChangeValuesAtIndexesForKey(quint64 kind, const zt::IndexSet &indexes,
+                                                      const QString &key)
+{
+    changeValuesAtIndexes(kind, indexes, key, false);
+}
+
+void ZTIPCProxy::changeValueForKey(const QString &key, bool agent)
+{
+    if (!m_parent)
+        return;
+    QVariant value = m_parent->valueForKey(key);
+    if (!canWireValue(value)) {
+        zt::log(ztCore, u"*** Ignored remote KVO because class %@ is unsupported (key %@ in %@)",
+                zt::valueClassName(value), key, m_parent->className());
+        return;
+    }
+    send(AgentChange, ClientChange, agent, {std::move(value), key, m_parent->description()});
+}
+
+void ZTIPCProxy::changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes, const QString &key,
+                                       bool agent)
+{
+    if (!m_parent)
+        return;
+    auto valuesAtIndexes = [&]() {
+        const QVariantList all = m_parent->valueForKey(key).toList();
+        QVariantList picked;
+        picked.reserve(qsizetype(indexes.count()));
+        for (quint64 i : indexes) {
+            if (i >= quint64(all.size()))
+                zt::Exception::raise(
+                    QString::fromUtf16(zt::exceptions::RangeError),
+                    zt::format(u"*** -[NSArray objectsAtIndexes:]: index %lu in index set beyond "
+                               u"bounds [0 .. %ld]",
+                               i, qint64(all.size()) - 1));
+            picked.append(all[qsizetype(i)]);
+        }
+        return picked;
+    };
+    auto unsupported = [&](const QVariantList &values) {
+        QVariantList classNames;
+        classNames.reserve(values.size());
+        for (const QVariant &v : values)
+            classNames.append(zt::valueClassName(v));
+        zt::log(ztCore, u"*** Ignored remote KVO because %@ is unsupported (key %@ in %@)",
+                QVariant(classNames), key, m_parent->className());
+    };
+    const QVariant indexValue = QVariant::fromValue(indexes);
+    switch (kind) {
+    case quint64(zt::KeyValueChange::Setting):
+        changeValueForKey(key, agent);
+        return;
+    case quint64(zt::KeyValueChange::Insertion): {
+        const QVariantList values = valuesAtIndexes();
+        if (!canWireValues(values))
+            return unsupported(values);
+        send(AgentInsert, ClientInsert, agent, {values, indexValue, key, m_parent->description()});
+        return;
+    }
+    case quint64(zt::KeyValueChange::Removal):
+        send(AgentRemove, ClientRemove, agent, {indexValue, key, m_parent->description()});
+        return;
+    case quint64(zt::KeyValueChange::Replacement): {
+        const QVariantList values = valuesAtIndexes();
+        if (!canWireValues(values))
+            return unsupported(values);
+        send(AgentReplace, ClientReplace, agent, {indexValue, values, key, m_parent->description()});
+        return;
+    }
+    default:
+        zt::log(ztCore, u"*** Ignored remote KVO because %lu is an unsupported mutation type in %@:%@", kind,
+                m_parent->className(), key);
+    }
+}
+
+void ZTIPCProxy::send(const zt::Selector &agentSelector, const zt::Selector &clientSelector, bool agent,
+                      QVariantList arguments)
+{
+    zt::Object *root = remoteRoot();
+    if (!root)
+        return; // no connection: the change is lost
+    if (agent) {
+        root->perform(agentSelector, arguments);
+        return;
+    }
+    arguments.prepend(ZTApplication::delegate()->clientID());
+    root->perform(clientSelector, arguments);
+}
+
+zt::MethodSignature ZTIPCProxy::methodSignatureForSelector(const zt::Selector &selector) const
+{
+    if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))
+        return own->signature;
+    return m_parent ? m_parent->methodSignatureForSelector(selector) : zt::MethodSignature();
+}
+
+void ZTIPCProxy::forwardInvocation(zt::Invocation &invocation)
+{
+    if (!m_parent)
+        return;
+    const QString name = zt::format(u"%@_%@_%@_%@", prefix(), m_parent->className(), m_parent->description(),
+                                    QString::fromLatin1(invocation.selector()));
+    invocation.setSelector(name.toLatin1());
+    invocation.invokeWithTarget(remoteRoot());
+}

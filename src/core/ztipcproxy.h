@@ -1,0 +1,68 @@
+#pragma once
+// ZTIPCProxy: the local stand-in for the mirror of one model object in the
+// other process. Its parent (the model object that owns it) hands it every
+// propagated change; the proxy reads the current value, checks that it can
+// cross the process boundary, and sends one of eight change messages to the
+// remote root. Any other message is forwarded under the selector
+// "<prefix>_<class>_<UUID>_<selector>" to the remote root, which passes it to
+// the mirror object with that UUID.
+//
+// The proxy answers the root object's own operations (description, className)
+// itself; everything else that its class does not define is forwarded.
+
+#include "runtime/object.h"
+
+#include <optional>
+
+class ZTAbstractIPC;
+
+class ZT_EXPORT ZTIPCProxy : public zt::Object
+{
+    ZT_OBJECT(ZTIPCProxy, zt::Object)
+public:
+    //! True in the agent: the application identifier ends with "Agent".
+    //! Computed on first call and kept for the life of the process.
+    //! @sel isAgent
+    static bool isAgent();
+    //! Forgets the cached answer of isAgent (for tests that play both roles).
+    static void resetCachedProcessRole();
+    //! The prefix of messages this process sends: "toClient" in the agent, "toAgent" in the client.
+    //! @sel prefix
+    static QString prefix();
+    //! The prefix of messages this process receives: "toAgent" in the agent, "toClient" in the client.
+    //! @sel autoprefix
+    static QString autoprefix();
+
+    //! @sel canWireValue:
+    static bool canWireValue(const QVariant &value);
+    //! @sel canWireValues:
+    static bool canWireValues(const QVariantList &values);
+
+    //! @sel agentDidChangeValueForKey:
+    void agentDidChangeValueForKey(const QString &key);
+    //! @sel agentDidChange:valuesAtIndexes:forKey:
+    void agentDidChangeValuesAtIndexesForKey(quint64 kind, const zt::IndexSet &indexes, const QString &key);
+    //! @sel clientDidChangeValueForKey:
+    void clientDidChangeValueForKey(const QString &key);
+    //! @sel clientDidChange:valuesAtIndexes:forKey:
+    void clientDidChangeValuesAtIndexesForKey(quint64 kind, const zt::IndexSet &indexes, const QString &key);
+
+    //! The parent's signature: a call is forwarded only if the model class declares it.
+    zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override;
+    void forwardInvocation(zt::Invocation &invocation) override;
+
+    //! @sel parent
+    ZTAbstractIPC *parent() const { return m_parent; }
+    //! Not retained: the parent owns the proxy.
+    //! @sel setParent:
+    void setParent(ZTAbstractIPC *parent) { m_parent = parent; }
+
+private:
+    void changeValueForKey(const QString &key, bool agent);
+    void changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes, const QString &key, bool agent);
+    //! Sends to the remote root; the client's messages lead with its client ID.
+    void send(const zt::Selector &agentSelector, const zt::Selector &clientSelector, bool agent,
+              QVariantList arguments);
+
+    ZTAbstractIPC *m_parent = nullptr;
+};
