@@ -1,0 +1,524 @@
+// The binary property-list reader. Input is untrusted (it arrives from the
+// other process, or from disk), so:
+//  - every read is bounded by subtraction against the end of the object area
+//    (the start of the offset table), never by an addition that could wrap;
+//  - counts are checked against the bytes left before anything is reserved;
+//  - the trailer is validated before any offset is followed;
+//  - each object is decoded once. An object met again (a shared string, or a
+//    container referenced twice) is copied from where it was first placed,
+//    which for containers is an implicitly shared copy; an object met again
+//    while it is still being decoded is a cycle and fails;
+//  - depth and the size of the expanded result are bounded by ReadLimits.
+
+#include "runtime/plist.h"
+#include "runtime/plist_p.h"
+#include "runtime/value.h"
+
+#include "runtime/format.h"
+
+#include <QVarLengthArray>
+#include <cstring>
+#include <map>
+
+namespace zt::plist {
+
+namespace {
+
+using namespace format;
+
+// The reader recurses once per container level.
+constexpr int HardDepthLimit = 4096;
+
+class Reader
+{
+public:
+    Reader(QByteArrayView data, const ReadLimits &limits);
+    std::optional<QVariant> read(Error *error);
+
+private:
+    enum class State : quint8
+    {
+        Unseen,
+        Decoding,
+        Done,
+    };
+    enum class Placed : quint8
+    {
+        Nowhere,
+        Variant, // ptr is a const QVariant *
+        String,  // ptr is a const QString * (a dictionary key)
+    };
+    struct Slot
+    {
+        const void *ptr;
+        qint64 weight; // values in the expanded object, itself included
+        int height;    // container levels in the object, 0 for a scalar
+        State state;
+        Placed placed;
+    };
+
+    bool fail(const QString &what);
+    bool failAt(quint64 offset, const QString &what);
+    bool parseTrailer();
+    bool objectOffset(quint64 index, quint64 &offset);
+    bool readCount(quint64 &pos, quint8 marker, quint64 &count);
+    bool readRef(const uchar *p, quint64 &ref);
+
+    //! Decodes object `index` into `out`. `level` is the container level the
+    //! object would have. The caller records where the value finally lives
+    //! with place().
+    bool value(quint64 index, int level, QVariant &out);
+    bool key(quint64 index, QString &out);
+    bool enter(quint64 index, int level, bool &cached);
+    void place(quint64 index, const QVariant *where);
+    void place(quint64 index, const QString *where);
+
+    bool decode(quint64 index, int level, QVariant &out);
+    bool decodeString(quint64 pos, quint8 marker, QString &out);
+    bool decodeArray(quint64 index, quint64 pos, quint8 marker, int level, QVariant &out);
+    bool decodeDict(quint64 index, quint64 pos, quint8 marker, int level, QVariant &out);
+
+    const uchar *m_data;
+    quint64 m_size;
+    int m_maxDepth;
+    quint64 m_maxObjects;
+
+    int m_offsetSize = 0;
+    int m_refSize = 0;
+    quint64 m_count = 0;
+    quint64 m_top = 0;
+    quint64 m_tableOffset = 0; // also the end of the object area
+
+    quint64 m_produced = 0;
+    QVarLengthArray<Slot, 64> m_slots;
+    QString m_failure;
+};
+
+Reader::Reader(QByteArrayView data, const ReadLimits &limits)
+    : m_data(reinterpret_cast<const uchar *>(data.data())), m_size(quint64(data.size())),
+      m_maxDepth(qBound(0, limits.maxDepth, HardDepthLimit)),
+      m_maxObjects(quint64(qMax<qsizetype>(limits.maxObjects, 0)))
+{}
+
+bool Reader::fail(const QString &what)
+{
+    if (m_failure.isEmpty())
+        m_failure = QStringLiteral("Malformed binary property list: ") + what;
+    return false;
+}
+
+bool Reader::failAt(quint64 offset, const QString &what)
+{
+    return fail(zt::format(u"%@ (object at offset %llu)", what, offset));
+}
+
+bool Reader::parseTrailer()
+{
+    if (m_size < quint64(MagicSize + TrailerSize))
+        return fail(QStringLiteral("too short to hold a header and a trailer"));
+    if (std::memcmp(m_data, Magic, MagicSize) != 0)
+        return fail(QStringLiteral("missing \"bplist00\" header"));
+    const uchar *trailer = m_data + m_size - TrailerSize;
+    m_offsetSize = trailer[6];
+    m_refSize = trailer[7];
+    m_count = readBigEndian(trailer + 8, 8);
+    m_top = readBigEndian(trailer + 16, 8);
+    m_tableOffset = readBigEndian(trailer + 24, 8);
+    if (m_offsetSize < 1 || m_offsetSize > 8)
+        return fail(zt::format(u"offset size %d is not between 1 and 8", m_offsetSize));
+    if (m_refSize < 1 || m_refSize > 8)
+        return fail(zt::format(u"object reference size %d is not between 1 and 8", m_refSize));
+    if (m_count == 0)
+        return fail(QStringLiteral("no objects"));
+    if (m_count > m_maxObjects)
+        return fail(zt::format(u"%llu objects exceed the limit of %llu", m_count, m_maxObjects));
+    if (m_top >= m_count)
+        return fail(zt::format(u"top object %llu is not below the object count %llu", m_top, m_count));
+    const quint64 tableSpace = m_size - quint64(TrailerSize);
+    if (m_tableOffset <= quint64(MagicSize) || m_tableOffset > tableSpace)
+        return fail(zt::format(u"offset table at %llu is outside the file", m_tableOffset));
+    if (m_count > (tableSpace - m_tableOffset) / quint64(m_offsetSize))
+        return fail(QStringLiteral("offset table runs into the trailer"));
+    // Every object takes at least one byte of the object area; more objects
+    // than that can only come from repeated offsets, which no writer makes.
+    if (m_count > m_tableOffset - quint64(MagicSize))
+        return fail(QStringLiteral("more objects than the object area can hold"));
+    return true;
+}
+
+bool Reader::objectOffset(quint64 index, quint64 &offset)
+{
+    offset = readBigEndian(m_data + m_tableOffset + index * quint64(m_offsetSize), m_offsetSize);
+    if (offset < quint64(MagicSize) || offset >= m_tableOffset)
+        return fail(zt::format(u"offset %llu of object %llu is outside the object area", offset, index));
+    return true;
+}
+
+bool Reader::readRef(const uchar *p, quint64 &ref)
+{
+    ref = readBigEndian(p, m_refSize);
+    if (ref >= m_count)
+        return fail(zt::format(u"reference to object %llu, but there are only %llu", ref, m_count));
+    return true;
+}
+
+// pos is just past the marker; on return it is past the count.
+bool Reader::readCount(quint64 &pos, quint8 marker, quint64 &count)
+{
+    const quint8 low = marker & 0x0F;
+    if (low != ExtendedCount) {
+        count = low;
+        return true;
+    }
+    if (pos >= m_tableOffset)
+        return failAt(pos, QStringLiteral("count runs past the object area"));
+    const quint8 intMarker = m_data[pos];
+    if ((intMarker & 0xF0) != Int || (intMarker & 0x0F) > 3)
+        return failAt(pos, zt::format(u"count marker 0x%02x is not an integer of 1 to 8 bytes", intMarker));
+    const int width = 1 << (intMarker & 0x0F);
+    if (quint64(width) > m_tableOffset - pos - 1)
+        return failAt(pos, QStringLiteral("count runs past the object area"));
+    count = readBigEndian(m_data + pos + 1, width);
+    pos += 1 + quint64(width);
+    return true;
+}
+
+bool Reader::enter(quint64 index, int level, bool &cached)
+{
+    Slot &slot = m_slots[qsizetype(index)];
+    if (slot.state == State::Decoding)
+        return fail(zt::format(u"object %llu contains itself", index));
+    cached = slot.state == State::Done;
+    // Only the top object is never placed, and everything else descends from it.
+    if (cached && slot.placed == Placed::Nowhere)
+        return fail(zt::format(u"object %llu contains itself", index));
+    const quint64 weight = cached ? quint64(slot.weight) : 1;
+    if (weight > m_maxObjects - m_produced)
+        return fail(zt::format(u"more than %llu values", m_maxObjects));
+    if (cached && slot.height > 0 && slot.height - 1 > m_maxDepth - level)
+        return fail(zt::format(u"containers nested deeper than %d levels", m_maxDepth));
+    m_produced += weight;
+    return true;
+}
+
+void Reader::place(quint64 index, const QVariant *where)
+{
+    Slot &slot = m_slots[qsizetype(index)];
+    if (slot.placed == Placed::Nowhere) {
+        slot.ptr = where;
+        slot.placed = Placed::Variant;
+    }
+}
+
+void Reader::place(quint64 index, const QString *where)
+{
+    Slot &slot = m_slots[qsizetype(index)];
+    if (slot.placed == Placed::Nowhere) {
+        slot.ptr = where;
+        slot.placed = Placed::String;
+    }
+}
+
+bool Reader::value(quint64 index, int level, QVariant &out)
+{
+    bool cached = false;
+    if (!enter(index, level, cached))
+        return false;
+    if (!cached)
+        return decode(index, level, out);
+    const Slot &slot = m_slots[qsizetype(index)];
+    if (slot.placed == Placed::String)
+        out = QVariant(*static_cast<const QString *>(slot.ptr));
+    else
+        out = *static_cast<const QVariant *>(slot.ptr);
+    return true;
+}
+
+bool Reader::key(quint64 index, QString &out)
+{
+    bool cached = false;
+    if (!enter(index, 0, cached))
+        return false;
+    Slot &slot = m_slots[qsizetype(index)];
+    if (cached) {
+        if (slot.placed == Placed::String) {
+            out = *static_cast<const QString *>(slot.ptr);
+            return true;
+        }
+        const QVariant &v = *static_cast<const QVariant *>(slot.ptr);
+        if (v.typeId() != QMetaType::QString)
+            return fail(zt::format(u"dictionary key (object %llu) is not a string", index));
+        out = *static_cast<const QString *>(v.constData());
+        return true;
+    }
+    quint64 pos = 0;
+    if (!objectOffset(index, pos))
+        return false;
+    const quint8 marker = m_data[pos];
+    const quint8 type = marker & 0xF0;
+    if (type != AsciiString && type != Utf16String)
+        return failAt(pos, zt::format(u"dictionary key (object %llu) is not a string", index));
+    if (!decodeString(pos, marker, out))
+        return false;
+    slot.state = State::Done;
+    slot.weight = 1;
+    slot.height = 0;
+    return true;
+}
+
+bool Reader::decodeString(quint64 pos, quint8 marker, QString &out)
+{
+    const quint64 start = pos;
+    ++pos;
+    quint64 n = 0;
+    if (!readCount(pos, marker, n))
+        return false;
+    const quint64 left = m_tableOffset - pos;
+    const uchar *p = m_data + pos;
+    if ((marker & 0xF0) == AsciiString) {
+        if (n > left)
+            return failAt(start, zt::format(u"string of %llu bytes runs past the object area", n));
+        if (n == 0) {
+            out = QStringLiteral("");
+            return true;
+        }
+        uchar all = 0;
+        for (quint64 i = 0; i < n; ++i)
+            all |= p[i];
+        if (all & 0x80)
+            return failAt(start, QStringLiteral("ASCII string holds a byte above 0x7f"));
+        out = QString::fromLatin1(reinterpret_cast<const char *>(p), qsizetype(n));
+        return true;
+    }
+    if (n > left / 2)
+        return failAt(start, zt::format(u"string of %llu UTF-16 units runs past the object area", n));
+    if (n == 0) {
+        out = QStringLiteral("");
+        return true;
+    }
+    out = QString(qsizetype(n), Qt::Uninitialized);
+    char16_t *units = reinterpret_cast<char16_t *>(out.data());
+    for (quint64 i = 0; i < n; ++i)
+        units[i] = char16_t((p[2 * i] << 8) | p[2 * i + 1]);
+    return true;
+}
+
+bool Reader::decodeArray(quint64 index, quint64 pos, quint8 marker, int level, QVariant &out)
+{
+    const quint64 start = pos;
+    if (level > m_maxDepth)
+        return failAt(start, zt::format(u"containers nested deeper than %d levels", m_maxDepth));
+    ++pos;
+    quint64 n = 0;
+    if (!readCount(pos, marker, n))
+        return false;
+    if (n > (m_tableOffset - pos) / quint64(m_refSize))
+        return failAt(start, zt::format(u"array of %llu elements runs past the object area", n));
+    QVariantList list;
+    list.reserve(qsizetype(n));
+    qint64 weight = 1;
+    int height = 0;
+    const uchar *refs = m_data + pos;
+    for (quint64 i = 0; i < n; ++i) {
+        quint64 ref = 0;
+        if (!readRef(refs + i * quint64(m_refSize), ref))
+            return false;
+        QVariant &element = list.emplaceBack();
+        if (!value(ref, level + 1, element))
+            return false;
+        place(ref, &element);
+        weight += m_slots[qsizetype(ref)].weight;
+        height = qMax(height, m_slots[qsizetype(ref)].height);
+    }
+    out = QVariant(list);
+    Slot &slot = m_slots[qsizetype(index)];
+    slot.weight = weight;
+    slot.height = height + 1;
+    return true;
+}
+
+bool Reader::decodeDict(quint64 index, quint64 pos, quint8 marker, int level, QVariant &out)
+{
+    const quint64 start = pos;
+    if (level > m_maxDepth)
+        return failAt(start, zt::format(u"containers nested deeper than %d levels", m_maxDepth));
+    ++pos;
+    quint64 n = 0;
+    if (!readCount(pos, marker, n))
+        return false;
+    if (n > (m_tableOffset - pos) / quint64(m_refSize) / 2)
+        return failAt(start, zt::format(u"dictionary of %llu entries runs past the object area", n));
+    std::map<QString, QVariant> entries;
+    qint64 weight = 1;
+    int height = 0;
+    const uchar *keyRefs = m_data + pos;
+    const uchar *valueRefs = keyRefs + n * quint64(m_refSize);
+    for (quint64 i = 0; i < n; ++i) {
+        quint64 keyRef = 0;
+        quint64 valueRef = 0;
+        if (!readRef(keyRefs + i * quint64(m_refSize), keyRef) ||
+            !readRef(valueRefs + i * quint64(m_refSize), valueRef))
+            return false;
+        QString k;
+        if (!key(keyRef, k))
+            return false;
+        QVariant v;
+        if (!value(valueRef, level + 1, v))
+            return false;
+        const size_t before = entries.size();
+        // Writers emit keys in sorted order, which makes the end the right hint.
+        const auto it = entries.emplace_hint(entries.end(), std::move(k), std::move(v));
+        if (entries.size() == before)
+            return failAt(start, zt::format(u"duplicate dictionary key \"%@\"", it->first));
+        place(keyRef, &it->first);
+        place(valueRef, &it->second);
+        weight += 1 + m_slots[qsizetype(valueRef)].weight;
+        height = qMax(height, m_slots[qsizetype(valueRef)].height);
+    }
+    out = QVariant(QVariantMap(std::move(entries)));
+    Slot &slot = m_slots[qsizetype(index)];
+    slot.weight = weight;
+    slot.height = height + 1;
+    return true;
+}
+
+bool Reader::decode(quint64 index, int level, QVariant &out)
+{
+    quint64 pos = 0;
+    if (!objectOffset(index, pos))
+        return false;
+    Slot &slot = m_slots[qsizetype(index)];
+    slot.state = State::Decoding;
+    slot.weight = 1;
+    slot.height = 0;
+
+    const quint8 marker = m_data[pos];
+    const quint8 low = marker & 0x0F;
+    const quint64 left = m_tableOffset - pos - 1; // bytes after the marker
+    const uchar *p = m_data + pos + 1;
+    bool ok = true;
+    switch (marker & 0xF0) {
+    case 0x00:
+        if (marker == Null)
+            out = nullValue();
+        else if (marker == False || marker == True)
+            out = QVariant(marker == True);
+        else
+            ok = failAt(pos, zt::format(u"unsupported marker 0x%02x", marker));
+        break;
+    case Int: {
+        if (low > 4)
+            return failAt(pos, zt::format(u"integer of 2^%d bytes", low));
+        const quint64 width = quint64(1) << low;
+        if (width > left)
+            return failAt(pos, QStringLiteral("integer runs past the object area"));
+        if (width == 16) {
+            // A signed 128-bit integer; only the 64-bit range is representable.
+            const quint64 high = readBigEndian(p, 8);
+            const quint64 lowWord = readBigEndian(p + 8, 8);
+            if (high == 0 && lowWord > quint64(std::numeric_limits<qint64>::max()))
+                out = QVariant(qulonglong(lowWord));
+            else if ((high == 0 && !(lowWord >> 63)) || (high == ~quint64(0) && (lowWord >> 63)))
+                out = QVariant(qlonglong(lowWord));
+            else
+                return failAt(pos, QStringLiteral("integer does not fit in 64 bits"));
+        } else {
+            // 1, 2 and 4 bytes are unsigned; 8 bytes are two's complement.
+            out = QVariant(qlonglong(readBigEndian(p, int(width))));
+        }
+        break;
+    }
+    case Real:
+        if (low == 2 && left >= 4) {
+            const quint32 bits = quint32(readBigEndian(p, 4));
+            float f;
+            std::memcpy(&f, &bits, sizeof f);
+            out = QVariant(double(f));
+        } else if (low == 3 && left >= 8) {
+            out = QVariant(bitsToDouble(readBigEndian(p, 8)));
+        } else {
+            return failAt(pos, zt::format(u"bad real marker 0x%02x or truncated real", marker));
+        }
+        break;
+    case format::Date & 0xF0: {
+        if (marker != format::Date || left < 8)
+            return failAt(pos, zt::format(u"bad date marker 0x%02x or truncated date", marker));
+        const double seconds = bitsToDouble(readBigEndian(p, 8));
+        const auto date = detail::secondsToDate(seconds);
+        if (!date)
+            return failAt(pos, zt::format(u"date %g is out of range", seconds));
+        out = QVariant(*date);
+        break;
+    }
+    case format::Data: {
+        quint64 at = pos + 1;
+        quint64 n = 0;
+        if (!readCount(at, marker, n))
+            return false;
+        if (n > m_tableOffset - at)
+            return failAt(pos, zt::format(u"data of %llu bytes runs past the object area", n));
+        out = QVariant(QByteArray(reinterpret_cast<const char *>(m_data + at), qsizetype(n)));
+        break;
+    }
+    case AsciiString:
+    case Utf16String: {
+        QString s;
+        if (!decodeString(pos, marker, s))
+            return false;
+        out = QVariant(s);
+        break;
+    }
+    case format::Uid: {
+        const quint64 width = quint64(low) + 1;
+        if (width > left)
+            return failAt(pos, QStringLiteral("UID runs past the object area"));
+        if (width > 8 && readBigEndian(p, int(width - 8)) != 0)
+            return failAt(pos, QStringLiteral("UID does not fit in 64 bits"));
+        const quint64 uid = width > 8 ? readBigEndian(p + width - 8, 8) : readBigEndian(p, int(width));
+        out = QVariant::fromValue(zt::Uid{uid});
+        break;
+    }
+    case format::Array:
+        ok = decodeArray(index, pos, marker, level, out);
+        break;
+    case format::Dict:
+        ok = decodeDict(index, pos, marker, level, out);
+        break;
+    case OrderedSet:
+    case Set:
+        return failAt(pos, QStringLiteral("sets are not supported"));
+    default:
+        return failAt(pos, zt::format(u"unknown marker 0x%02x", marker));
+    }
+    if (!ok)
+        return false;
+    m_slots[qsizetype(index)].state = State::Done;
+    return true;
+}
+
+std::optional<QVariant> Reader::read(Error *error)
+{
+    bool ok = parseTrailer();
+    QVariant result;
+    if (ok) {
+        m_slots.resize(qsizetype(m_count));
+        std::memset(static_cast<void *>(m_slots.data()), 0, size_t(m_count) * sizeof(Slot));
+        ok = value(m_top, 1, result);
+    }
+    if (!ok) {
+        if (error)
+            *error = Error(detail::errorDomain(), ReadCorruptErrorCode, m_failure);
+        return std::nullopt;
+    }
+    return result;
+}
+
+} // namespace
+
+std::optional<QVariant> readBinary(QByteArrayView data, Error *error, const ReadLimits &limits)
+{
+    Reader reader(data, limits);
+    return reader.read(error);
+}
+
+} // namespace zt::plist
