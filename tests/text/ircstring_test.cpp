@@ -1,0 +1,306 @@
+#include "runtime/exception.h"
+#include "text/ircstring.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <vector>
+
+namespace {
+
+using namespace Qt::StringLiterals;
+
+struct Row
+{
+    const char *name;
+    QString input;
+    QString expected;
+};
+
+void checkRows(const std::vector<Row> &rows, const std::function<QString(QStringView)> &function)
+{
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(function(row.input), row.expected) << "input: " << row.input.toStdString();
+    }
+}
+
+TEST(IrcString, StringByRemovingPrivileges)
+{
+    checkRows(
+        {
+            {"plain", u"nick"_s, u"nick"_s},
+            {"stacked marks", u"@+nick"_s, u"nick"_s},
+            {"every mark", u"*@+&%!~ nick"_s, u"nick"_s},
+            {"inner marks stay", u"@ni@ck "_s, u"ni@ck"_s},
+            {"trailing marks", u"nick+~"_s, u"nick"_s},
+            {"only marks", u"@@ +"_s, u""_s},
+            {"non-marks kept", u"^nick_"_s, u"^nick_"_s},
+            {"empty", u""_s, u""_s},
+        },
+        irc::stringByRemovingPrivileges);
+}
+
+TEST(IrcString, RemoveUnderscores)
+{
+    checkRows(
+        {
+            {"several", u"nick___"_s, u"nick"_s},
+            {"inner stay", u"ni_ck_"_s, u"ni_ck"_s},
+            {"only underscores keep one", u"____"_s, u"_"_s},
+            {"single underscore", u"_"_s, u"_"_s},
+            {"none", u"nick"_s, u"nick"_s},
+            {"empty", u""_s, u""_s},
+        },
+        [](QStringView s) {
+            QString copy = s.toString();
+            irc::removeUnderscores(copy);
+            return copy;
+        });
+}
+
+TEST(IrcString, AlternativeNick)
+{
+    checkRows(
+        {
+            {"empty gives login", u""_s, u"login"_s},
+            {"one character gives login", u"a"_s, u"login"_s},
+            {"one underscore gives login", u"_"_s, u"login"_s},
+            {"two underscores give login", u"__"_s, u"login"_s},
+            {"letter and underscore give login", u"a_"_s, u"login"_s},
+            {"short nick gains underscore", u"ab"_s, u"ab_"_s},
+            {"underscores become a dash", u"nick__"_s, u"nick-"_s},
+            {"dash gains underscore", u"nick-"_s, u"nick-_"_s},
+            {"grave gains underscore", u"nick`"_s, u"nick`_"_s},
+            {"eight gains ninth", u"abcdefgh"_s, u"abcdefgh_"_s},
+            {"nine loses last", u"abcdefghi"_s, u"abcdefgh"_s},
+            {"nine ending in underscore loses it", u"abcdefgh_"_s, u"abcdefgh"_s},
+            {"long is cut by one", u"averylongnickname"_s, u"averylongnicknam"_s},
+            {"counts code units", u"n\U0001F600ck_"_s, u"n\U0001F600ck-"_s},
+        },
+        [](QStringView s) { return irc::alternativeNick(s, u"login"); });
+}
+
+TEST(IrcString, AlternativeNickSequenceSettlesAtNineCharacters)
+{
+    const QStringList expected{
+        u"nick"_s,    u"nick_"_s,    u"nick-"_s,    u"nick-_"_s,    u"nick--"_s,   u"nick--_"_s,
+        u"nick---"_s, u"nick---_"_s, u"nick----"_s, u"nick----_"_s, u"nick----"_s, u"nick----_"_s,
+    };
+    QString nick = expected.front();
+    for (qsizetype i = 1; i < expected.size(); ++i) {
+        nick = irc::alternativeNick(nick, u"login");
+        EXPECT_EQ(nick, expected[i]) << "step " << i;
+    }
+}
+
+TEST(IrcString, AlternativeNickFallsBackToTheRunningUser)
+{
+    const QString login = irc::loginName();
+    EXPECT_FALSE(login.isEmpty());
+    EXPECT_EQ(irc::loginName(), login);
+    EXPECT_EQ(irc::alternativeNick(u"x"), login);
+    EXPECT_EQ(irc::alternativeNick(u"ab"), u"ab_"_s);
+}
+
+TEST(IrcString, Mnemonic)
+{
+    checkRows(
+        {
+            {"first word lower-cased", u"Freenode Main"_s, u"freenode"_s},
+            {"no space", u"LiberaChat"_s, u"liberachat"_s},
+            {"leading space", u" Libera"_s, u""_s},
+            {"non-ASCII letters", u"ÄBC DEF"_s, u"äbc"_s},
+            {"empty", u""_s, u""_s},
+        },
+        irc::mnemonic);
+}
+
+TEST(IrcString, IsLocal)
+{
+    const struct
+    {
+        const char *name;
+        QString host;
+        bool local;
+    } rows[] = {
+        {"loopback address", u"127.0.0.1"_s, true},
+        {"localhost", u"localhost"_s, true},
+        {"localhost any case", u"LocalHost"_s, true},
+        {"other loopback address", u"127.0.0.2"_s, false},
+        {"padded address", u" 127.0.0.1"_s, false},
+        {"localhost with domain", u"localhost.localdomain"_s, false},
+        {"empty", u""_s, false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(irc::isLocal(row.host), row.local);
+    }
+}
+
+TEST(IrcString, ChannelNamePredicates)
+{
+    const struct
+    {
+        const char *name;
+        QString text;
+        bool restricted;
+        bool channel;
+        bool statused;
+    } rows[] = {
+        {"hash", u"#chan"_s, true, true, false},
+        {"bang", u"!chan"_s, true, true, false},
+        {"ampersand", u"&chan"_s, true, true, false},
+        {"tilde", u"~chan"_s, true, true, false},
+        {"plus channel", u"+chan"_s, false, true, false},
+        {"nick", u"chan"_s, false, false, false},
+        {"empty", u""_s, false, false, false},
+        {"op status on hash", u"@#chan"_s, false, false, true},
+        {"halfop status on ampersand", u"%&x"_s, false, false, true},
+        {"voice status on bang", u"+!x"_s, false, true, true},
+        {"status on bare hash", u"@#"_s, false, false, true},
+        {"status on plus channel", u"@+chan"_s, false, false, false},
+        {"bare status mark", u"@"_s, false, false, false},
+        {"bare plus", u"+"_s, false, true, false},
+        {"double status", u"@@#chan"_s, false, false, false},
+        {"unknown status mark", u"*#chan"_s, false, false, false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(irc::isRestrictedChannelName(row.text), row.restricted);
+        EXPECT_EQ(irc::isChannelName(row.text), row.channel);
+        EXPECT_EQ(irc::isStatusedChannelName(row.text), row.statused);
+    }
+}
+
+TEST(IrcString, ChannelName)
+{
+    checkRows(
+        {
+            {"nick gains hash", u"chan"_s, u"#chan"_s},
+            {"hash kept", u"#chan"_s, u"#chan"_s},
+            {"plus channel kept", u"+chan"_s, u"+chan"_s},
+            {"status channel gains hash", u"@#chan"_s, u"#@#chan"_s},
+            {"empty stays empty", u""_s, u""_s},
+        },
+        irc::channelName);
+}
+
+TEST(IrcString, ChannelNameAsLink)
+{
+    checkRows(
+        {
+            {"first hash kept", u"#a#b"_s, u"#a%23b"_s},
+            {"double hash", u"##chan"_s, u"#%23chan"_s},
+            {"added hash is first", u"a#b"_s, u"#a%23b"_s},
+            {"other prefix", u"&a#"_s, u"&a%23"_s},
+            {"no inner hash", u"#chan"_s, u"#chan"_s},
+            {"empty", u""_s, u""_s},
+        },
+        irc::channelNameAsLink);
+}
+
+TEST(IrcString, FormattedCommand)
+{
+    checkRows(
+        {
+            {"command", u"/msg nick hi"_s, u"MSG nick hi"_s},
+            {"not a command", u"join #a"_s, u"JOIN #a"_s},
+            {"only first word changes case", u"/Me waves At you"_s, u"ME waves At you"_s},
+            {"empty words kept", u"/msg  nick   hi "_s, u"MSG  nick   hi "_s},
+            {"slash only", u"/"_s, u""_s},
+            {"slash and space", u"/ x"_s, u" x"_s},
+            {"leading space", u" /msg"_s, u" /msg"_s},
+            {"no arguments", u"/quit"_s, u"QUIT"_s},
+            {"full case mapping", u"/straße x"_s, u"STRASSE x"_s},
+            {"empty", u""_s, u""_s},
+        },
+        irc::formattedCommand);
+}
+
+TEST(IrcString, MaskSplitting)
+{
+    const struct
+    {
+        const char *name;
+        QString mask;
+        QString nick;
+        QString user;
+        QString host;
+    } rows[] = {
+        {"full mask", u"nick!~user@host.example.org"_s, u"nick"_s, u"~user"_s, u"host.example.org"_s},
+        {"empty user", u"nick!@host"_s, u"nick"_s, u""_s, u"host"_s},
+        {"at sign in host", u"n!u@h@x"_s, u"n"_s, u"u"_s, u"h@x"_s},
+        {"bang in user", u"n!u!v@h"_s, u"n"_s, u"u!v"_s, u"h"_s},
+        {"nick only", u"nick"_s, u"nick"_s, u""_s, u""_s},
+        {"nick and user", u"nick!user"_s, u"nick"_s, u""_s, u""_s},
+        {"channel without at", u"#chan!x"_s, u"#chan!x"_s, u""_s, u""_s},
+        {"empty", u""_s, u""_s, u""_s, u""_s},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(irc::maskToNick(row.mask), row.nick);
+        EXPECT_EQ(irc::maskToUser(row.mask), row.user);
+        EXPECT_EQ(irc::maskToHost(row.mask), row.host);
+    }
+}
+
+TEST(IrcString, MaskToUserNeedsABangBeforeTheAt)
+{
+    const struct
+    {
+        const char *name;
+        QString mask;
+    } rows[] = {
+        {"no bang", u"user@host"_s},
+        {"bang after at", u"a@b!c"_s},
+        {"channel name", u"#chan!x@y"_s},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        try {
+            irc::maskToUser(row.mask);
+            ADD_FAILURE() << "no exception";
+        } catch (const zt::Exception &e) {
+            EXPECT_EQ(e.name(), u"NSRangeException"_s);
+        }
+        // The other two splitters stay total.
+        EXPECT_NO_THROW(irc::maskToNick(row.mask));
+        EXPECT_NO_THROW(irc::maskToHost(row.mask));
+    }
+}
+
+TEST(IrcString, EscapedString)
+{
+    checkRows(
+        {
+            {"angle brackets and ampersand", u"a < b & c"_s, u"a &lt; b &amp; c"_s},
+            {"existing entity escaped again", u"&lt;"_s, u"&amp;lt;"_s},
+            {"two spaces", u"a  b"_s, u"a &nbsp;b"_s},
+            {"three spaces", u"a   b"_s, u"a &nbsp; b"_s},
+            {"four spaces", u"    "_s, u" &nbsp; &nbsp;"_s},
+            {"nbsp entity not escaped twice", u"&  "_s, u"&amp; &nbsp;"_s},
+            {"closing bracket", u"<b>"_s, u"&lt;b&gt;"_s},
+            {"quotes untouched", u"\"it's\""_s, u"\"it's\""_s},
+            {"single space", u" "_s, u" "_s},
+            {"empty", u""_s, u""_s},
+        },
+        irc::escapedString);
+}
+
+TEST(IrcString, JavascriptString)
+{
+    checkRows(
+        {
+            {"double quote", u"say \"hi\""_s, u"say \\\"hi\\\""_s},
+            {"single quote", u"it's"_s, u"it\\'s"_s},
+            {"line breaks removed", u"a\r\nb\nc\r"_s, u"abc"_s},
+            {"backslash not doubled", u"a\\b"_s, u"a\\b"_s},
+            {"backslash before quote", u"\\\""_s, u"\\\\\""_s},
+            {"tab kept", u"a\tb"_s, u"a\tb"_s},
+            {"empty", u""_s, u""_s},
+        },
+        irc::javascriptString);
+}
+
+} // namespace
