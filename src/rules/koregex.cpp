@@ -1,0 +1,309 @@
+#include "rules/koregex.h"
+
+#include "rules/koregex_p.h"
+#include "rules/koregexmatch.h"
+#include "runtime/exception.h"
+#include "runtime/format.h"
+
+#include <pcre.h>
+
+using namespace zt;
+using namespace zt::koregex;
+
+ZT_DEFINE_CLASS(KORegex)
+
+void KORegex::registerMembers(ClassBuilder<KORegex> &b)
+{
+    b.method("pattern", &KORegex::pattern);
+    b.method("groupCount", &KORegex::groupCount);
+    b.method("findInString:", &KORegex::findInStringSelector);
+    b.method("findAllInString:", &KORegex::findAllInStringSelector);
+    b.method("replaceWithString:inString:", &KORegex::replaceSelector);
+    b.method("replaceWithString:inString:limit:", &KORegex::replaceWithString);
+    b.method("splitString:", &KORegex::splitSelector);
+    b.method("splitString:limit:", &KORegex::splitString);
+}
+
+QString KOStringFromRange(const KORange &range)
+{
+    return QStringLiteral("{%1, %2}").arg(range.location).arg(range.length);
+}
+
+KORegex::KORegex() = default;
+
+KORegex::~KORegex()
+{
+    releaseCompiled();
+}
+
+void KORegex::releaseCompiled()
+{
+    if (m_extra)
+        pcre_free_study(static_cast<pcre_extra *>(m_extra));
+    if (m_regex)
+        pcre_free(m_regex);
+    m_extra = nullptr;
+    m_regex = nullptr;
+    m_groupCount = 0;
+}
+
+Ref<KORegex> KORegex::regexWithPattern(const QString &pattern, int options)
+{
+    auto regex = make<KORegex>();
+    if (!regex->initWithPattern(pattern, options))
+        return {};
+    return regex;
+}
+
+QList<Ref<KORegex>> KORegex::regexWithPatterns(const QStringList &patterns)
+{
+    QList<Ref<KORegex>> out;
+    out.reserve(patterns.size());
+    for (const QString &pattern : patterns) {
+        if (pattern.isEmpty())
+            continue;
+        if (Ref<KORegex> regex = regexWithPattern(pattern, CaseInsensitive))
+            out.append(std::move(regex));
+    }
+    return out;
+}
+
+bool KORegex::init()
+{
+    return initWithPattern(QStringLiteral(""));
+}
+
+bool KORegex::initWithPattern(const QString &pattern, int options)
+{
+    releaseCompiled();
+    m_pattern = pattern;
+
+    int flags = PCRE_UTF8;
+    if (options & CaseInsensitive)
+        flags |= PCRE_CASELESS;
+    if (options & DotAll)
+        flags |= PCRE_DOTALL;
+    if (options & Extended)
+        flags |= PCRE_EXTENDED;
+    if (options & Ungreedy)
+        flags |= PCRE_UNGREEDY;
+    if (options & Multiline)
+        flags |= PCRE_MULTILINE;
+
+    // The compiler reads a C string: a pattern ends at its first U+0000.
+    QVarLengthArray<char, 256> utf8(3 * pattern.size() + 1);
+    utf8[encodeUtf8(pattern, utf8.data())] = '\0';
+
+    const char *error = nullptr;
+    int errorOffset = 0;
+    ::pcre *compiled = pcre_compile(utf8.constData(), flags, &error, &errorOffset, nullptr);
+    if (!compiled)
+        return false;
+    int captures = 0;
+    if (pcre_fullinfo(compiled, nullptr, PCRE_INFO_CAPTURECOUNT, &captures) != 0) {
+        pcre_free(compiled);
+        return false;
+    }
+    m_regex = compiled;
+    m_groupCount = captures + 1;
+    // JIT compilation; without it (or when it fails) searches use the
+    // interpreter, with the same results.
+    const char *studyError = nullptr;
+    m_extra = pcre_study(compiled, PCRE_STUDY_JIT_COMPILE, &studyError);
+    return true;
+}
+
+void KORegex::setExtra(void *extra)
+{
+    if (extra == m_extra)
+        return;
+    if (m_extra)
+        pcre_free_study(static_cast<pcre_extra *>(m_extra));
+    m_extra = extra;
+}
+
+QString KORegex::description() const
+{
+    return format(u"%@[pattern: %@]", Object::description(), m_pattern);
+}
+
+Ref<KORegexMatch> KORegex::findInString(const QString &string, std::optional<KORange> range) const
+{
+    ZT_ASSERT(m_regex, QStringLiteral("KORegex used without a compiled pattern"));
+    const qsizetype length = string.size();
+    const KORange searched = range.value_or(KORange{0, length});
+    checkRange(searched, length);
+
+    QVarLengthArray<int, 30> ovector;
+    reserveMatchVector(ovector, m_groupCount * 3);
+
+    // A miss, the common case, allocates nothing for subjects of ordinary length.
+    QVarLengthArray<char, 1024> utf8(3 * length);
+    const qsizetype size = encodeUtf8(string, utf8.data());
+    checkSearchableLength(size);
+    const bool ascii = size == length;
+    const ByteRange bytes = byteRange(string, ascii, searched);
+
+    const int options = PCRE_NO_UTF8_CHECK | (bytes.notEndOfLine ? PCRE_NOTEOL : 0);
+    const int rc = execute(*this, utf8.constData(), int(bytes.end), int(bytes.start), options, ovector.data(),
+                           int(ovector.size()));
+    if (rc == PCRE_ERROR_NOMATCH)
+        return {};
+    if (rc < 1)
+        assertionFailure(format(u"unexpected error pcre_exec(): %d", rc));
+    for (int i = 2 * rc; i < 2 * m_groupCount; ++i)
+        ovector[i] = -1;
+
+    std::shared_ptr<const SubjectText> subject;
+    if (!ascii)
+        subject = std::make_shared<const SubjectText>(string, utf8.constData(), size);
+    return make<KORegexMatch>(Ref<KORegex>(const_cast<KORegex *>(this)), string, std::move(subject),
+                              ovector.constData());
+}
+
+QList<Ref<KORegexMatch>> KORegex::findAllInString(const QString &string, std::optional<KORange> range) const
+{
+    return findEnumeratorInString(string, range)->allObjects();
+}
+
+Ref<KORegexMatchEnumerator> KORegex::findEnumeratorInString(const QString &string,
+                                                            std::optional<KORange> range) const
+{
+    ZT_ASSERT(m_regex, QStringLiteral("KORegex used without a compiled pattern"));
+    return make<KORegexMatchEnumerator>(Ref<KORegex>(const_cast<KORegex *>(this)), string,
+                                        range.value_or(KORange{0, string.size()}));
+}
+
+QStringList KORegex::splitString(const QString &string, int limit) const
+{
+    ZT_ASSERT(m_regex, QStringLiteral("KORegex used without a compiled pattern"));
+    auto subject = std::make_shared<const SubjectText>(string);
+    MatchCursor cursor(*this, subject, 0, subject->size(), false);
+    QStringList pieces;
+    qsizetype previousEnd = 0;
+    for (int handled = 0; (limit < 1 || handled < limit) && cursor.next(); ++handled) {
+        const int *ov = cursor.ovector();
+        pieces.append(subject->text(previousEnd, ov[0]));
+        for (int group = 1; group < m_groupCount; ++group) {
+            if (ov[2 * group] >= 0)
+                pieces.append(subject->text(ov[2 * group], ov[2 * group + 1]));
+        }
+        previousEnd = ov[1];
+    }
+    pieces.append(subject->text(previousEnd, subject->size()));
+    return pieces;
+}
+
+Ref<KORegexMatch> KORegex::findInStringSelector(const QString &string) const
+{
+    return findInString(string);
+}
+
+QList<Ref<KORegexMatch>> KORegex::findAllInStringSelector(const QString &string) const
+{
+    return findAllInString(string);
+}
+
+QString KORegex::replaceSelector(const QString &templ, const QString &string) const
+{
+    return replaceWithString(templ, string);
+}
+
+QStringList KORegex::splitSelector(const QString &string) const
+{
+    return splitString(string);
+}
+
+namespace zt::koregex {
+
+int execute(const KORegex &regex, const char *subject, int length, int start, int options, int *ovector,
+            int ovectorSize)
+{
+    const auto *compiled = static_cast<const ::pcre *>(regex.regex());
+    auto *extra = static_cast<pcre_extra *>(regex.extra());
+    int rc = pcre_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize);
+    if (rc == PCRE_ERROR_JIT_STACKLIMIT && extra) {
+        // The machine-stack JIT area is small; deep patterns finish on the
+        // interpreter, which yields the same result. The copy keeps the
+        // shared study data untouched for other threads.
+        pcre_extra interpreted = *extra;
+        interpreted.flags &= ~PCRE_EXTRA_EXECUTABLE_JIT;
+        rc = pcre_exec(compiled, &interpreted, subject, length, start, options, ovector, ovectorSize);
+    }
+    return rc;
+}
+
+void reserveMatchVector(QVarLengthArray<int, 30> &vector, int items)
+{
+    try {
+        vector.resize(items);
+    } catch (const std::bad_alloc &) {
+        assertionFailure(format(u"couldn't allocate match vector for %d items", items));
+    }
+}
+
+QVarLengthArray<int, 4> groupNumbersForName(const KORegex &regex, const QString &name)
+{
+    QVarLengthArray<int, 4> numbers;
+    QVarLengthArray<char, 64> utf8(3 * name.size() + 1);
+    utf8[encodeUtf8(name, utf8.data())] = '\0';
+    char *first = nullptr;
+    char *last = nullptr;
+    const int entrySize = pcre_get_stringtable_entries(static_cast<const ::pcre *>(regex.regex()),
+                                                       utf8.constData(), &first, &last);
+    if (entrySize <= 0 || !first)
+        return numbers;
+    for (const char *entry = first; entry <= last; entry += entrySize)
+        numbers.append((uchar(entry[0]) << 8) | uchar(entry[1]));
+    return numbers;
+}
+
+MatchCursor::MatchCursor(const KORegex &regex, std::shared_ptr<const SubjectText> subject,
+                         qsizetype startByte, qsizetype endByte, bool notEndOfLine)
+    : m_regex(regex), m_subject(std::move(subject)), m_position(startByte), m_end(endByte),
+      m_options(PCRE_NO_UTF8_CHECK | (notEndOfLine ? PCRE_NOTEOL : 0))
+{
+    checkSearchableLength(m_subject->size());
+    reserveMatchVector(m_ovector, regex.groupCount() * 3);
+}
+
+bool MatchCursor::next()
+{
+    if (m_done)
+        return false;
+    const char *data = m_subject->data();
+    const int rc = execute(m_regex, data, int(m_end), int(m_position), m_options, m_ovector.data(),
+                           int(m_ovector.size()));
+    if (rc == PCRE_ERROR_NOMATCH) {
+        m_done = true;
+        return false;
+    }
+    if (rc < 1)
+        assertionFailure(format(u"unexpected error pcre_exec(): %d", rc));
+    for (int i = 2 * rc; i < 2 * m_regex.groupCount(); ++i)
+        m_ovector[i] = -1;
+
+    // Resume at the match's end, one character further after an empty match.
+    const auto oneCharacterAfter = [&](qsizetype at) {
+        return at < m_end ? at + sequenceLength(uchar(data[at])) : m_end + 1;
+    };
+    qsizetype next = m_ovector[1];
+    if (m_ovector[1] == m_ovector[0])
+        next = oneCharacterAfter(next);
+    // A match that \K leaves ending before the search start must not stall
+    // the walk.
+    if (next <= m_position)
+        next = oneCharacterAfter(m_position);
+    // \C can end a match inside a character; searches start on boundaries.
+    while (next < m_end && isContinuation(uchar(data[next])))
+        ++next;
+    if (next > m_end) {
+        // An empty match at the very end of the range is not reported.
+        m_done = true;
+        return false;
+    }
+    m_position = next;
+    return true;
+}
+
+} // namespace zt::koregex

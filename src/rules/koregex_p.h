@@ -1,0 +1,156 @@
+#pragma once
+// Internals of the regular-expression layer: the UTF-8 form of a subject, the
+// conversions between its byte offsets and the string's indices, and the
+// cursor that walks through successive matches.
+//
+// Index conventions. QString indices are UTF-16 code units. PCRE works on
+// the UTF-8 bytes. The positions reported in match ranges are "characters"
+// counted the way the system has always counted them: one per byte that
+// starts a UTF-8 sequence, so a character outside the Basic Multilingual
+// Plane counts once although the string holds it as two code units. Cutting
+// the subject (group text, substitution, splitting) uses true UTF-16 indices,
+// so the text itself is never damaged by that count.
+
+#include "rules/koregex.h"
+
+#include <QString>
+#include <QVarLengthArray>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace zt::koregex {
+
+//! Encodes UTF-16 as UTF-8 into `out`, which must hold 3 * in.size() bytes,
+//! and answers the number of bytes written. An unpaired surrogate becomes
+//! U+FFFD (three bytes, one code unit, like the unit it replaces), so the
+//! output is always valid UTF-8 and byte and code-unit positions stay in step.
+qsizetype encodeUtf8(QStringView in, char *out);
+
+//! The UTF-8 length of in[0, index). An index that splits a surrogate pair
+//! counts the whole pair when `roundUp`, and none of it otherwise.
+qsizetype utf8Offset(QStringView in, qsizetype index, bool roundUp);
+
+//! The byte length of the UTF-8 sequence that starts with `lead`.
+inline int sequenceLength(uchar lead)
+{
+    return lead < 0xC0 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+}
+
+inline bool isContinuation(uchar byte)
+{
+    return (byte & 0xC0) == 0x80;
+}
+
+//! A subject string with its UTF-8 form; immutable once built, shared by the
+//! matches of one search and safe to read from several threads. For an ASCII
+//! subject, offsets and indices coincide and conversions cost nothing.
+class SubjectText
+{
+public:
+    //! Encodes `string`.
+    explicit SubjectText(QString string);
+    //! Copies the already encoded bytes of `string`.
+    SubjectText(QString string, const char *utf8, qsizetype size);
+
+    const QString &string() const { return m_string; }
+    bool isAscii() const { return m_ascii; }
+    const char *data() const { return m_bytes.constData(); }
+    qsizetype size() const { return m_size; }
+
+    //! The system's character position of a byte offset: the number of bytes
+    //! before it that start a UTF-8 sequence.
+    qsizetype characterIndex(qsizetype byte) const;
+    //! The UTF-16 index of a byte offset; an offset inside a sequence counts
+    //! the whole character.
+    qsizetype utf16Index(qsizetype byte) const;
+    //! The byte offset of a UTF-16 index (see utf8Offset()).
+    qsizetype byteOffset(qsizetype index, bool roundUp) const;
+    //! The subject's text between two byte offsets (empty when they are
+    //! reversed), a view into string().
+    QStringView view(qsizetype startByte, qsizetype endByte) const;
+    //! The same as a string; never null.
+    QString text(qsizetype startByte, qsizetype endByte) const;
+
+private:
+    struct Checkpoint
+    {
+        qsizetype characters = 0;
+        qsizetype units = 0;
+    };
+    // Counts before every multiple of this many bytes, so that a conversion
+    // scans at most one block: long subjects convert in constant time.
+    static constexpr qsizetype BlockSize = 256;
+    const Checkpoint *checkpoints() const;
+
+    QString m_string;
+    QByteArray m_bytes;
+    qsizetype m_size = 0;
+    bool m_ascii = false;
+    mutable std::once_flag m_checkpointsOnce;
+    mutable std::vector<Checkpoint> m_checkpoints;
+};
+
+//! Runs PCRE on behalf of a pattern: the study data is passed along, and a
+//! search that exhausts the JIT stack is repeated by the interpreter.
+//! Answers pcre_exec's result.
+int execute(const KORegex &regex, const char *subject, int length, int start, int options, int *ovector,
+            int ovectorSize);
+
+//! Walks through the successive matches of a pattern in a byte range of a
+//! subject: after a match the search resumes at its end, one character later
+//! when it was empty, and an empty match at the very end of the range is not
+//! reported. Matches that \K or \C leave at odd offsets cannot stall it: the
+//! search always moves forward to a character boundary.
+class MatchCursor
+{
+public:
+    MatchCursor(const KORegex &regex, std::shared_ptr<const SubjectText> subject, qsizetype startByte,
+                qsizetype endByte, bool notEndOfLine);
+
+    //! Finds the next match; its offsets are in ovector() (groupCount * 3
+    //! integers, groups that took no part set to -1).
+    bool next();
+    const int *ovector() const { return m_ovector.constData(); }
+    int *takeableOvector() { return m_ovector.data(); }
+    const std::shared_ptr<const SubjectText> &subject() const { return m_subject; }
+    //! The byte offset where the next search starts.
+    qsizetype position() const { return m_position; }
+    qsizetype endByte() const { return m_end; }
+
+private:
+    const KORegex &m_regex;
+    std::shared_ptr<const SubjectText> m_subject;
+    QVarLengthArray<int, 30> m_ovector;
+    qsizetype m_position;
+    qsizetype m_end;
+    int m_options;
+    bool m_done = false;
+};
+
+//! Raises NSRangeException "range {l, n} out of bounds" unless the range
+//! lies within a string of `length` code units.
+void checkRange(const KORange &range, qsizetype length);
+
+//! Raises when a subject's UTF-8 form is longer than PCRE can search.
+void checkSearchableLength(qsizetype bytes);
+
+//! The byte offsets of a range checked by checkRange(). A range boundary
+//! inside a surrogate pair moves to a character boundary inside the range.
+struct ByteRange
+{
+    qsizetype start = 0;
+    qsizetype end = 0;
+    bool notEndOfLine = false;
+};
+ByteRange byteRange(QStringView string, bool ascii, const KORange &range);
+
+//! Raises "couldn't allocate match vector for %d items" when `items`
+//! integers cannot be reserved.
+void reserveMatchVector(QVarLengthArray<int, 30> &vector, int items);
+
+//! The group numbers that carry `name` in the pattern (several with (?J)),
+//! in table order; empty when the pattern has no such group.
+QVarLengthArray<int, 4> groupNumbersForName(const KORegex &regex, const QString &name);
+
+} // namespace zt::koregex

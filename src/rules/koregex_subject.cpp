@@ -1,0 +1,244 @@
+// UTF-8 forms of subjects and the conversions between byte offsets, the
+// system's character positions and UTF-16 indices.
+
+#include "rules/koregex_p.h"
+
+#include "runtime/exception.h"
+#include "runtime/format.h"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace zt::koregex {
+
+namespace {
+
+#ifdef __SSE2__
+// True when the 8 code units at `p` are all ASCII.
+inline bool asciiBlock(const char16_t *p, __m128i &units)
+{
+    units = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
+    const __m128i high = _mm_and_si128(units, _mm_set1_epi16(short(0xFF80)));
+    return _mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())) == 0xFFFF;
+}
+#endif
+
+// Bytes in [p, p + n) that start a UTF-8 sequence. The bytes come from
+// encodeUtf8(), so 0xFE and 0xFF never occur and "not a continuation byte"
+// is the whole rule; as a signed char a continuation byte is below -64.
+inline qsizetype countSequenceStarts(const char *p, qsizetype n)
+{
+    qsizetype count = 0;
+    for (qsizetype i = 0; i < n; ++i)
+        count += static_cast<signed char>(p[i]) > -65;
+    return count;
+}
+
+// Bytes in [p, p + n) that start a four-byte sequence: each of those
+// characters takes two UTF-16 code units.
+inline qsizetype countFourByteStarts(const char *p, qsizetype n)
+{
+    qsizetype count = 0;
+    for (qsizetype i = 0; i < n; ++i)
+        count += static_cast<uchar>(p[i]) >= 0xF0;
+    return count;
+}
+
+} // namespace
+
+qsizetype encodeUtf8(QStringView in, char *out)
+{
+    const char16_t *src = in.utf16();
+    const char16_t *const end = src + in.size();
+    char *dst = out;
+    while (src < end) {
+#ifdef __SSE2__
+        __m128i units;
+        while (end - src >= 8 && asciiBlock(src, units)) {
+            _mm_storel_epi64(reinterpret_cast<__m128i *>(dst), _mm_packus_epi16(units, units));
+            src += 8;
+            dst += 8;
+        }
+        if (src == end)
+            break;
+#endif
+        char32_t c = *src++;
+        if (c < 0x80) {
+            *dst++ = char(c);
+            continue;
+        }
+        if (c < 0x800) {
+            *dst++ = char(0xC0 | (c >> 6));
+            *dst++ = char(0x80 | (c & 0x3F));
+            continue;
+        }
+        if (QChar::isSurrogate(c)) {
+            if (QChar::isHighSurrogate(c) && src < end && QChar::isLowSurrogate(*src)) {
+                c = QChar::surrogateToUcs4(char16_t(c), *src++);
+                *dst++ = char(0xF0 | (c >> 18));
+                *dst++ = char(0x80 | ((c >> 12) & 0x3F));
+                *dst++ = char(0x80 | ((c >> 6) & 0x3F));
+                *dst++ = char(0x80 | (c & 0x3F));
+                continue;
+            }
+            c = QChar::ReplacementCharacter;
+        }
+        *dst++ = char(0xE0 | (c >> 12));
+        *dst++ = char(0x80 | ((c >> 6) & 0x3F));
+        *dst++ = char(0x80 | (c & 0x3F));
+    }
+    return dst - out;
+}
+
+qsizetype utf8Offset(QStringView in, qsizetype index, bool roundUp)
+{
+    const char16_t *const begin = in.utf16();
+    const char16_t *src = begin;
+    const char16_t *const stop = begin + index;
+    const char16_t *const end = begin + in.size();
+    qsizetype bytes = 0;
+    while (src < stop) {
+#ifdef __SSE2__
+        __m128i units;
+        while (stop - src >= 8 && asciiBlock(src, units)) {
+            src += 8;
+            bytes += 8;
+        }
+        if (src == stop)
+            break;
+#endif
+        const char16_t c = *src++;
+        if (c < 0x80) {
+            bytes += 1;
+        } else if (c < 0x800) {
+            bytes += 2;
+        } else if (QChar::isHighSurrogate(c) && src < end && QChar::isLowSurrogate(*src)) {
+            if (src < stop || roundUp)
+                bytes += 4;
+            ++src;
+        } else {
+            bytes += 3; // BMP character, or an unpaired surrogate written as U+FFFD
+        }
+    }
+    return bytes;
+}
+
+SubjectText::SubjectText(QString string) : m_string(std::move(string))
+{
+    if (m_string.isNull())
+        m_string = QStringLiteral("");
+    m_bytes.resize(3 * m_string.size());
+    m_size = encodeUtf8(m_string, m_bytes.data());
+    m_bytes.resize(m_size);
+    m_ascii = m_size == m_string.size();
+}
+
+SubjectText::SubjectText(QString string, const char *utf8, qsizetype size)
+    : m_string(std::move(string)), m_bytes(utf8, size), m_size(size)
+{
+    if (m_string.isNull())
+        m_string = QStringLiteral("");
+    m_ascii = m_size == m_string.size();
+}
+
+const SubjectText::Checkpoint *SubjectText::checkpoints() const
+{
+    std::call_once(m_checkpointsOnce, [this] {
+        const char *bytes = m_bytes.constData();
+        const qsizetype blocks = m_size / BlockSize + 1;
+        m_checkpoints.resize(size_t(blocks));
+        Checkpoint running;
+        for (qsizetype b = 0; b < blocks; ++b) {
+            m_checkpoints[size_t(b)] = running;
+            const qsizetype from = b * BlockSize;
+            const qsizetype n = std::min(BlockSize, m_size - from);
+            const qsizetype starts = countSequenceStarts(bytes + from, n);
+            running.characters += starts;
+            running.units += starts + countFourByteStarts(bytes + from, n);
+        }
+    });
+    return m_checkpoints.data();
+}
+
+qsizetype SubjectText::characterIndex(qsizetype byte) const
+{
+    byte = std::clamp<qsizetype>(byte, 0, m_size);
+    if (m_ascii)
+        return byte;
+    const char *bytes = m_bytes.constData();
+    if (m_size <= 4 * BlockSize)
+        return countSequenceStarts(bytes, byte);
+    const qsizetype block = byte / BlockSize;
+    const qsizetype from = block * BlockSize;
+    return checkpoints()[block].characters + countSequenceStarts(bytes + from, byte - from);
+}
+
+qsizetype SubjectText::utf16Index(qsizetype byte) const
+{
+    byte = std::clamp<qsizetype>(byte, 0, m_size);
+    if (m_ascii)
+        return byte;
+    const char *bytes = m_bytes.constData();
+    if (m_size <= 4 * BlockSize)
+        return countSequenceStarts(bytes, byte) + countFourByteStarts(bytes, byte);
+    const qsizetype block = byte / BlockSize;
+    const qsizetype from = block * BlockSize;
+    const qsizetype n = byte - from;
+    return checkpoints()[block].units + countSequenceStarts(bytes + from, n) +
+           countFourByteStarts(bytes + from, n);
+}
+
+qsizetype SubjectText::byteOffset(qsizetype index, bool roundUp) const
+{
+    return m_ascii ? index : utf8Offset(m_string, index, roundUp);
+}
+
+QStringView SubjectText::view(qsizetype startByte, qsizetype endByte) const
+{
+    const qsizetype from = utf16Index(startByte);
+    const qsizetype to = utf16Index(endByte);
+    return QStringView(m_string).mid(from, std::max<qsizetype>(0, to - from));
+}
+
+QString SubjectText::text(qsizetype startByte, qsizetype endByte) const
+{
+    const QStringView v = view(startByte, endByte);
+    return v.isEmpty() ? QStringLiteral("") : v.toString();
+}
+
+void checkRange(const KORange &range, qsizetype length)
+{
+    if (range.location < 0 || range.length < 0 || range.location > length ||
+        range.length > length - range.location)
+        Exception::raise(QString::fromUtf16(exceptions::RangeError),
+                         format(u"range %@ out of bounds", KOStringFromRange(range)));
+}
+
+void checkSearchableLength(qsizetype bytes)
+{
+    if (bytes > INT_MAX)
+        invalidArgument(format(u"a subject of %ld bytes is too long to search", bytes));
+}
+
+ByteRange byteRange(QStringView string, bool ascii, const KORange &range)
+{
+    ByteRange r;
+    r.notEndOfLine = range.end() < string.size();
+    if (ascii) {
+        r.start = range.location;
+        r.end = range.end();
+        return r;
+    }
+    r.start = utf8Offset(string, range.location, true);
+    r.end = range.length == 0 ? r.start : utf8Offset(string, range.end(), false);
+    if (r.start > r.end)
+        r.start = r.end;
+    return r;
+}
+
+} // namespace zt::koregex
