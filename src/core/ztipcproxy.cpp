@@ -66,6 +66,26 @@ QString ZTIPCProxy::autoprefix()
     return isAgent() ? QStringLiteral("toAgent") : QStringLiteral("toClient");
 }
 
+const zt::Protocol &ZTIPCProxy::agentChangeProtocol()
+{
+    static const zt::Protocol protocol(QStringLiteral("ZTAgentChangeMessages"),
+                                       {{AgentChange.constData(), "v@:@@@"},
+                                        {AgentInsert.constData(), "v@:@@@@"},
+                                        {AgentRemove.constData(), "v@:@@@"},
+                                        {AgentReplace.constData(), "v@:@@@@"}});
+    return protocol;
+}
+
+const zt::Protocol &ZTIPCProxy::clientChangeProtocol()
+{
+    static const zt::Protocol protocol(QStringLiteral("ZTClientChangeMessages"),
+                                       {{ClientChange.constData(), "v@:@@@@"},
+                                        {ClientInsert.constData(), "v@:@@@@@"},
+                                        {ClientRemove.constData(), "v@:@@@@"},
+                                        {ClientReplace.constData(), "v@:@@@@@"}});
+    return protocol;
+}
+
 bool ZTIPCProxy::canWireValue(const QVariant &value)
 {
     switch (zt::kindOf(value)) {

@@ -33,6 +33,11 @@ public:
     //! @sel autoprefix
     static QString autoprefix();
 
+    //! The change messages a root object receives from the agent (four
+    //! selectors) and from clients (four more, each led by the client ID).
+    static const zt::Protocol &agentChangeProtocol();
+    static const zt::Protocol &clientChangeProtocol();
+
     //! @sel canWireValue:
     static bool canWireValue(const QVariant &value);
     //! @sel canWireValues:

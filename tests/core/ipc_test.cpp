@@ -1,0 +1,524 @@
+// The mirroring core: UUIDs and the directory, archives, the eight change
+// messages, wiring, forwarded calls and block observation.
+
+#include "coretest.h"
+#include "runtime/plist.h"
+
+using namespace zt;
+
+namespace {
+const QString InternalInconsistency = QStringLiteral("NSInternalInconsistencyException");
+}
+
+// ---- UUIDs and registration ----
+
+TEST_F(CoreTest, AgentObjectsGetFreshRegisteredUuids)
+{
+    auto a = agentObject();
+    auto b = agentObject();
+    EXPECT_FALSE(a->description().isEmpty());
+    EXPECT_FALSE(a->description().contains(u'_'));
+    EXPECT_EQ(a->description(), a->description().toUpper());
+    EXPECT_NE(a->description(), b->description());
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(a->description()).get(), a.get());
+    EXPECT_TRUE(a->enableInterProcessKVO());
+    a->invalidate();
+    b->invalidate();
+}
+
+TEST_F(CoreTest, UuidRulesAndTheirAssertionTexts)
+{
+    struct Row
+    {
+        const char *name;
+        bool agent;
+        std::function<void()> action;
+        QString exception, reason;
+    };
+    const Row rows[] = {
+        {"client init without a UUID", false, [] { make<TestNode>()->init(); }, InternalInconsistency,
+         QStringLiteral("Counterpart should have a description set")},
+        {"initWithUUID in the agent", true, [] { make<TestNode>()->initWithUUID(QStringLiteral("X")); },
+         InternalInconsistency, QStringLiteral("Agent cannot call initWithUUID:")},
+        {"initWithUUID in the agent, static UUID", true,
+         [] { make<TestSingleton>()->initWithUUID(QStringLiteral("X")); }, InternalInconsistency,
+         QStringLiteral("Agent cannot call initWithUUID:")},
+        {"empty counterpart UUID", false,
+         [] { ZTAbstractIPC::createCounterpartWithUUID<TestNode>(QString()); }, InternalInconsistency,
+         QStringLiteral("Cannot create a counterpart with null UUID")},
+        {"static UUID assigned twice", false,
+         [] {
+             auto s = make<TestSingleton>();
+             s->initWithUUID(QStringLiteral("ignored"));
+         },
+         QStringLiteral("AssignUUID Inconsistency"),
+         QStringLiteral("Cannot assign UUID to TEST-SINGLETON-UUID which is already in directory")},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        playRole(row.agent);
+        const auto [name, reason] = raised(row.action);
+        EXPECT_EQ(name, row.exception);
+        EXPECT_EQ(reason, row.reason);
+        ZTDirectory::sharedInstance()->unregisterObjectWithID(QStringLiteral("TEST-SINGLETON-UUID"));
+    }
+}
+
+TEST_F(CoreTest, StaticUuidObjectsAreMadeWithPlainInitInBothProcesses)
+{
+    for (bool agent : {true, false}) {
+        playRole(agent);
+        auto s = make<TestSingleton>();
+        s->init();
+        EXPECT_EQ(s->description(), QStringLiteral("TEST-SINGLETON-UUID"));
+        s->invalidate();
+    }
+    // With registration off, the second assignment of initWithUUID succeeds.
+    playRole(false);
+    ZTAbstractIPC::disableRegistration();
+    auto s = make<TestSingleton>();
+    s->initWithUUID(QStringLiteral("other"));
+    EXPECT_EQ(s->description(), QStringLiteral("TEST-SINGLETON-UUID"));
+    EXPECT_FALSE(s->inDirectory());
+}
+
+TEST_F(CoreTest, ClientCounterpartsComeFromTheDirectoryFirst)
+{
+    playRole(false);
+    auto made = ZTAbstractIPC::createCounterpartWithUUID<TestNode>(QStringLiteral("AAAA-1"));
+    ASSERT_TRUE(made);
+    EXPECT_EQ(made->description(), QStringLiteral("AAAA-1"));
+    EXPECT_FALSE(made->enableInterProcessKVO());
+    // Whatever holds the UUID is returned, even of another class.
+    auto again = ZTAbstractIPC::createCounterpartWithUUID<TestSingleton>(QStringLiteral("AAAA-1"));
+    EXPECT_EQ(again.get(), made.get());
+    made->invalidate();
+}
+
+TEST_F(CoreTest, RegistrationOffMakesVolatileObjectsThatNeverSend)
+{
+    ZTAbstractIPC::disableRegistration();
+    auto v = agentObject();
+    ZTAbstractIPC::enableRegistration();
+    EXPECT_FALSE(v->inDirectory());
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(v->description()), nullptr);
+    EXPECT_EQ(v->counterpart(), nullptr);
+    v->setName(QStringLiteral("dropped"));
+    EXPECT_TRUE(calls().isEmpty());
+    v->invalidate(); // not registered: nothing happens
+    EXPECT_EQ(v->nilified, 0);
+}
+
+TEST_F(CoreTest, InvalidateOnceLeavesTheDirectoryAndKeepsTheProxy)
+{
+    auto n = agentObject();
+    ZTIPCProxy *proxy = n->counterpart();
+    const QString uuid = n->description();
+    n->invalidate();
+    n->invalidate();
+    EXPECT_EQ(n->nilified, 1);
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(uuid), nullptr);
+    EXPECT_EQ(n->counterpart(), proxy);
+}
+
+TEST_F(CoreTest, DictionaryInitialiserOverwritesTheTextNotTheEntry)
+{
+    auto n = make<TestNode>();
+    n->initWithDictionary({{QStringLiteral("description"), QStringLiteral("FROM-DICT")},
+                           {QStringLiteral("name"), QStringLiteral("n")}});
+    EXPECT_EQ(n->description(), QStringLiteral("FROM-DICT"));
+    EXPECT_EQ(n->name(), QStringLiteral("n"));
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(QStringLiteral("FROM-DICT")), nullptr);
+    ASSERT_FALSE(n->registeredUUID().isEmpty());
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(n->registeredUUID()).get(), n.get());
+    n->invalidate(); // leaves the entry it was registered under
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(n->registeredUUID()), nullptr);
+}
+
+// ---- the directory ----
+
+TEST_F(CoreTest, FirstRegistrationWinsAndLookupsIgnoreClass)
+{
+    ZTDirectory *dir = ZTDirectory::sharedInstance();
+    playRole(false);
+    auto first = ZTAbstractIPC::createCounterpartWithUUID<TestNode>(QStringLiteral("SAME"));
+    auto second = make<TestNode>();
+    second->initWithUUID(QStringLiteral("SAME"));
+    EXPECT_EQ(dir->objectWithID(QStringLiteral("SAME")).get(), first.get());
+    EXPECT_EQ(dir->channelWithID(QStringLiteral("SAME")).get(), first.get());
+    EXPECT_EQ(dir->objectWithID(QString()), nullptr);
+    EXPECT_EQ(dir->objectWithID(QStringLiteral("unknown")), nullptr);
+    first->invalidate();
+    second->invalidate();
+    EXPECT_EQ(dir->objectWithID(QStringLiteral("SAME")), nullptr);
+}
+
+TEST_F(CoreTest, HeldObjectsAreRetainedExactlyWhileRegistered)
+{
+    auto held = make<HeldNode>();
+    EXPECT_EQ(held->retainCount(), 1);
+    held->init();
+    EXPECT_EQ(held->retainCount(), 2);
+    auto plain = agentObject();
+    EXPECT_EQ(plain->retainCount(), 1); // ordinary objects are never retained
+    held->invalidate();
+    EXPECT_EQ(held->retainCount(), 1);
+    plain->invalidate();
+
+    // A held object lives on in the directory with no other owner.
+    QString uuid;
+    {
+        auto orphan = make<HeldNode>();
+        orphan->init();
+        uuid = orphan->description();
+    }
+    auto found = ZTDirectory::sharedInstance()->objectWithID(uuid);
+    ASSERT_TRUE(found);
+    found->invalidate();
+}
+
+TEST_F(CoreTest, TeardownWhileRegisteredLeavesTheEntryAndWarns)
+{
+    zttest::LogCapture log;
+    QString uuid;
+    {
+        auto n = agentObject();
+        uuid = n->description();
+    }
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(uuid), nullptr);
+    ASSERT_EQ(log.lines().size(), 1);
+    EXPECT_TRUE(log.lines()[0].contains(uuid));
+}
+
+TEST_F(CoreTest, DirectoryAssertions)
+{
+    EXPECT_EQ(raised([] { ZTDirectory::sharedInstance()->registerObject(nullptr); }).second,
+              QStringLiteral("Directory can't register a null object"));
+    EXPECT_EQ(raised([] { ZTDirectory::sharedInstance()->registerObject(make<TestNode>().get()); }).second,
+              QStringLiteral("Directory can't register a null-description object"));
+    EXPECT_EQ(raised([] { ZTDirectory::sharedInstance()->unregisterObject(nullptr); }).second,
+              QStringLiteral("Directory can't unregister a null object"));
+    EXPECT_EQ(raised([] { ZTDirectory::sharedInstance()->unregisterObjectWithID(QString()); }).second,
+              QStringLiteral("Directory can't unregister a null-description object"));
+}
+
+// ---- archives ----
+
+TEST_F(CoreTest, ArchivesKeepOrRecreateTheUuid)
+{
+    auto n = agentObject();
+    n->setName(QStringLiteral("archived"));
+    const QString uuid = n->description();
+    const QByteArray data = KeyedArchiver::archivedDataWithRootObject(objectValue(n.get()));
+    n->invalidate();
+
+    auto back = fromValue<Ref<TestNode>>(KeyedUnarchiver::unarchiveObjectWithData(data).value_or(QVariant()));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->description(), uuid);
+    EXPECT_EQ(back->name(), QStringLiteral("archived"));
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(uuid).get(), back.get());
+    back->invalidate();
+
+    ZTAbstractIPC::setRecreateDescriptions(true);
+    auto fresh =
+        fromValue<Ref<TestNode>>(KeyedUnarchiver::unarchiveObjectWithData(data).value_or(QVariant()));
+    ASSERT_TRUE(fresh);
+    EXPECT_NE(fresh->description(), uuid);
+    fresh->invalidate();
+}
+
+TEST_F(CoreTest, ArchiveWithOnlyADescriptionKeepsIt)
+{
+    // An older archive layout stored the UUID under "description" only.
+    const QVariantMap top{{QStringLiteral("root"), QVariant::fromValue(Uid{1})}};
+    const QVariantList objects{
+        QStringLiteral("$null"),
+        QVariantMap{{QStringLiteral("$class"), QVariant::fromValue(Uid{3})},
+                    {QStringLiteral("description"), QVariant::fromValue(Uid{2})}},
+        QStringLiteral("OLD-UUID"),
+        QVariantMap{{QStringLiteral("$classname"), QStringLiteral("TestNode")},
+                    {QStringLiteral("$classes"), QVariantList{QStringLiteral("TestNode")}}}};
+    const QVariantMap archive{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")},
+                              {QStringLiteral("$version"), qint64(100000)},
+                              {QStringLiteral("$top"), top},
+                              {QStringLiteral("$objects"), objects}};
+    auto back = fromValue<Ref<TestNode>>(
+        KeyedUnarchiver::unarchiveObjectWithData(plist::writeBinary(archive)).value_or(QVariant()));
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->description(), QStringLiteral("OLD-UUID"));
+    back->invalidate();
+}
+
+// ---- change messages ----
+
+TEST_F(CoreTest, AgentChangesBecomeTheFourAgentMessages)
+{
+    auto parent = agentObject();
+    auto c1 = agentObject();
+    auto c2 = agentObject();
+    c1->setName(QStringLiteral("one"));
+    c2->setName(QStringLiteral("two"));
+    calls().clear();
+    const QString id = parent->description();
+
+    parent->setName(QStringLiteral("p"));
+    parent->setName(QString()); // nil is wired and sent as an absent value
+    auto children = parent->mutableArrayValueForKey(QStringLiteral("children"));
+    children.addObject(objectValue(c1.get()));
+    children.insertObjectAtIndex(objectValue(c2.get()), 0);
+    children.replaceObjectAtIndex(1, objectValue(c2.get()));
+    children.removeObjectAtIndex(0);
+
+    const QVariantMap d1 = c1->dictionary(), d2 = c2->dictionary();
+    const QVariant key = QStringLiteral("childDictionaries");
+    const struct Expected
+    {
+        QByteArray selector;
+        QVariantList arguments;
+    } expected[] = {
+        {"agentDidChangeValue:forKey:objectID:", {QStringLiteral("p"), QStringLiteral("name"), id}},
+        {"agentDidChangeValue:forKey:objectID:", {QVariant(), QStringLiteral("name"), id}},
+        {"agentDidInsertValues:atIndexes:forKey:objectID:",
+         {QVariantList{d1}, QVariant::fromValue(IndexSet{0}), key, id}},
+        {"agentDidInsertValues:atIndexes:forKey:objectID:",
+         {QVariantList{d2}, QVariant::fromValue(IndexSet{0}), key, id}},
+        {"agentDidReplaceValuesAtIndexes:withValues:forKey:objectID:",
+         {QVariant::fromValue(IndexSet{1}), QVariantList{d2}, key, id}},
+        {"agentDidRemoveValuesAtIndexes:forKey:objectID:", {QVariant::fromValue(IndexSet{0}), key, id}},
+    };
+    ASSERT_EQ(calls().size(), std::size(expected));
+    for (size_t i = 0; i < std::size(expected); ++i) {
+        SCOPED_TRACE(expected[i].selector.constData());
+        EXPECT_EQ(calls()[i].selector, expected[i].selector);
+        EXPECT_TRUE(valuesEqual(calls()[i].arguments, expected[i].arguments))
+            << qPrintable(describe(calls()[i].arguments));
+    }
+    for (auto &o : {parent, c1, c2})
+        o->invalidate();
+}
+
+TEST_F(CoreTest, DirectingClientsSendTheFourClientMessagesLedByTheirId)
+{
+    playRole(false);
+    auto n = ZTAbstractIPC::createCounterpartWithUUID<TestNode>(QStringLiteral("C-1"));
+    auto child = ZTAbstractIPC::createCounterpartWithUUID<TestNode>(QStringLiteral("C-2"));
+    auto node = dynamicCast<TestNode>(n);
+    node->setCount(5); // not directing: nothing goes out
+    EXPECT_TRUE(calls().isEmpty());
+
+    node->startDirectingKVOCommunication();
+    ASSERT_EQ(calls().size(), 1); // the mirror is told to stop sending
+    EXPECT_EQ(calls()[0].selector, QByteArray("toAgent_TestNode_C-1_setEnableInterProcessKVO:"));
+    EXPECT_TRUE(valuesEqual(calls()[0].arguments, QVariantList{false}));
+    calls().clear();
+
+    node->setCount(6);
+    auto children = node->mutableArrayValueForKey(QStringLiteral("children"));
+    children.addObject(objectValue(child.get()));
+    children.replaceObjectAtIndex(0, objectValue(child.get()));
+    children.removeAllObjects();
+    const QVariant cid = QStringLiteral("client-7");
+    const QVariant key = QStringLiteral("childDictionaries");
+    const QVariantList dicts{child->dictionary()};
+    const struct Expected
+    {
+        QByteArray selector;
+        QVariantList arguments;
+    } expected[] = {
+        {"client:didChangeValue:forKey:objectID:",
+         {cid, qint64(6), QStringLiteral("count"), QStringLiteral("C-1")}},
+        {"client:didInsertValues:atIndexes:forKey:objectID:",
+         {cid, dicts, QVariant::fromValue(IndexSet{0}), key, QStringLiteral("C-1")}},
+        {"client:didReplaceValuesAtIndexes:withValues:forKey:objectID:",
+         {cid, QVariant::fromValue(IndexSet{0}), dicts, key, QStringLiteral("C-1")}},
+        {"client:didRemoveValuesAtIndexes:forKey:objectID:",
+         {cid, QVariant::fromValue(IndexSet{0}), key, QStringLiteral("C-1")}},
+    };
+    ASSERT_EQ(calls().size(), std::size(expected));
+    for (size_t i = 0; i < std::size(expected); ++i) {
+        SCOPED_TRACE(expected[i].selector.constData());
+        EXPECT_EQ(calls()[i].selector, expected[i].selector);
+        EXPECT_TRUE(valuesEqual(calls()[i].arguments, expected[i].arguments))
+            << qPrintable(describe(calls()[i].arguments));
+    }
+    calls().clear();
+    node->stopDirectingKVOCommunication();
+    ASSERT_EQ(calls().size(), 1);
+    EXPECT_TRUE(valuesEqual(calls()[0].arguments, QVariantList{true}));
+    n->invalidate();
+    child->invalidate();
+}
+
+TEST_F(CoreTest, RepresentationIsNeverSent)
+{
+    auto n = agentObject();
+    n->setRepresentation(QStringLiteral("local"));
+    EXPECT_TRUE(calls().isEmpty());
+    n->invalidate();
+}
+
+TEST_F(CoreTest, NoConnectionLosesChangesSilently)
+{
+    ZTApplication::setDelegate(nullptr);
+    auto n = agentObject();
+    n->setName(QStringLiteral("lost"));
+    n->invalidate();
+}
+
+TEST_F(CoreTest, UnwireableChangesAreDroppedWithTheirLogLines)
+{
+    auto n = agentObject();
+    auto other = agentObject();
+    zttest::LogCapture log;
+
+    n->setBuddy(other); // a model object under an unmapped key
+    n->counterpart()->agentDidChangeValuesAtIndexesForKey(7, IndexSet{0}, QStringLiteral("name"));
+    EXPECT_TRUE(calls().isEmpty());
+
+    const QStringList expected{
+        QStringLiteral(
+            "*** Ignored remote KVO because class TestNode is unsupported (key buddy in TestNode)"),
+        QStringLiteral("*** Ignored remote KVO because 7 is an unsupported mutation type in TestNode:name"),
+    };
+    for (const QString &line : expected)
+        EXPECT_TRUE(log.contains(line)) << qPrintable(log.lines().join(u'\n'));
+    n->invalidate();
+    other->invalidate();
+}
+
+TEST_F(CoreTest, AnInsertionOfModelObjectsIsDroppedWholeButARemovalIsSent)
+{
+    // "children" read raw (not mapped to dictionaries) holds model objects.
+    auto n = agentObject();
+    auto c = agentObject();
+    n->mutableArrayValueForKey(QStringLiteral("children")).addObject(objectValue(c.get()));
+    calls().clear();
+    zttest::LogCapture log;
+    n->counterpart()->agentDidChangeValuesAtIndexesForKey(2, IndexSet{0}, QStringLiteral("children"));
+    EXPECT_TRUE(calls().isEmpty());
+    EXPECT_TRUE(log.contains(QStringLiteral(
+        "*** Ignored remote KVO because (\n    TestNode\n) is unsupported (key children in TestNode)")))
+        << qPrintable(log.lines().join(u'\n'));
+    n->counterpart()->agentDidChangeValuesAtIndexesForKey(3, IndexSet{0}, QStringLiteral("children"));
+    ASSERT_EQ(calls().size(), 1);
+    EXPECT_EQ(calls()[0].selector, QByteArray("agentDidRemoveValuesAtIndexes:forKey:objectID:"));
+    // Kind 1 on the to-many path sends the whole current value.
+    n->counterpart()->agentDidChangeValuesAtIndexesForKey(1, IndexSet{0},
+                                                          QStringLiteral("childDictionaries"));
+    ASSERT_EQ(calls().size(), 2);
+    EXPECT_EQ(calls()[1].selector, QByteArray("agentDidChangeValue:forKey:objectID:"));
+    EXPECT_EQ(calls()[1].arguments[0].toList().size(), 1);
+    n->invalidate();
+    c->invalidate();
+}
+
+TEST(Wiring, WhichValuesCanCrossTheBoundary)
+{
+    auto obj = make<TestNode>();
+    const QVariant model = objectValue(obj.get());
+    const struct Row
+    {
+        const char *name;
+        QVariant value;
+        bool wireable;
+    } rows[] = {
+        {"nil", QVariant(), true},
+        {"null marker", nullValue(), true},
+        {"string", QStringLiteral("s"), true},
+        {"number", qint64(1), true},
+        {"bool", false, true},
+        {"data", QByteArray("x"), true},
+        {"date", QDateTime::currentDateTimeUtc(), true},
+        {"index set", QVariant::fromValue(IndexSet{1}), true},
+        {"empty array", QVariantList{}, true},
+        {"model object", model, false},
+        {"array with a model object", QVariantList{1, model}, false},
+        {"nested array with a model object", QVariantList{QVariantList{model}}, false},
+        {"dictionary whose values are model objects", QVariantMap{{QStringLiteral("k"), model}}, true},
+        {"uid", QVariant::fromValue(Uid{1}), false},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(ZTIPCProxy::canWireValue(row.value), row.wireable);
+    }
+}
+
+// ---- forwarded calls and process role ----
+
+TEST_F(CoreTest, CallsOnTheCounterpartAreForwardedUnderTheFourPartSelector)
+{
+    auto n = agentObject();
+    n->counterpart()->perform("renameTo:times:", {QStringLiteral("ab"), 2});
+    ASSERT_EQ(calls().size(), 1);
+    EXPECT_EQ(calls()[0].selector,
+              QByteArray("toClient_TestNode_" + n->description().toLatin1() + "_renameTo:times:"));
+    EXPECT_TRUE(valuesEqual(calls()[0].arguments, QVariantList{QStringLiteral("ab"), qint64(2)}));
+    // The proxy answers the root object's own operations itself.
+    EXPECT_TRUE(
+        n->counterpart()->perform("description").toString().startsWith(QStringLiteral("<ZTIPCProxy")));
+    // A selector the model class does not declare cannot be forwarded.
+    EXPECT_EQ(raised([&] { n->counterpart()->perform("launchMissiles"); }).first,
+              QStringLiteral("NSInvalidArgumentException"));
+    n->invalidate();
+}
+
+TEST_F(CoreTest, ProcessRoleComesFromTheIdentifierSuffixAndIsKept)
+{
+    const struct Row
+    {
+        const char *identifier;
+        bool agent;
+    } rows[] = {
+        {"com.zintaro.Zintaro2Agent", true},  {"Agent", true}, {"com.zintaro.Agent.Client", false},
+        {"com.zintaro.Zintaro2agent", false}, {"", false},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.identifier);
+        process::setApplicationIdentifier(QString::fromLatin1(row.identifier));
+        ZTIPCProxy::resetCachedProcessRole();
+        EXPECT_EQ(ZTIPCProxy::isAgent(), row.agent);
+        EXPECT_EQ(ZTIPCProxy::prefix(), row.agent ? QStringLiteral("toClient") : QStringLiteral("toAgent"));
+        EXPECT_EQ(ZTIPCProxy::autoprefix(),
+                  row.agent ? QStringLiteral("toAgent") : QStringLiteral("toClient"));
+        process::setApplicationIdentifier(QStringLiteral("changed later"));
+        EXPECT_EQ(ZTIPCProxy::isAgent(), row.agent); // the first answer is kept
+    }
+}
+
+// ---- block observation ----
+
+TEST_F(CoreTest, TokensObserveForTheirLifetime)
+{
+    auto n = agentObject();
+    QStringList seen;
+    auto token = observeKeyPathOptionsHandler(n.get(), QStringLiteral("name"),
+                                              ObservingOption::New | ObservingOption::Old,
+                                              [&](Object *o, const KVOChange &c) {
+                                                  EXPECT_EQ(o, n.get());
+                                                  seen.append(c.newValue.toString());
+                                              });
+    n->setName(QStringLiteral("a"));
+    token->setHandler(nullptr); // still registered, does nothing
+    n->setName(QStringLiteral("b"));
+    EXPECT_TRUE(n->hasObservers());
+    token.reset(); // ends the observation
+    EXPECT_FALSE(n->hasObservers());
+    n->setName(QStringLiteral("c"));
+    EXPECT_EQ(seen, QStringList{QStringLiteral("a")});
+
+    // A token made and dropped at once never calls its handler.
+    int calls = 0;
+    VDKVO::observeAtKeyPathOptionsHandler(n.get(), QStringLiteral("name"), {},
+                                          [&](Object *, const KVOChange &) { ++calls; });
+    n->setName(QStringLiteral("d"));
+    EXPECT_EQ(calls, 0);
+
+    // Tokens kept in the object's set end with invalidate.
+    n->addObservationToken(observeKeyPathOptionsHandler(n.get(), QStringLiteral("count"), {},
+                                                        [&](Object *, const KVOChange &) { ++calls; }));
+    n->setCount(1);
+    n->invalidate();
+    n->setCount(2);
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(n->hasObservers());
+}

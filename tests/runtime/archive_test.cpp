@@ -1,0 +1,152 @@
+// Keyed archives: round trips of values and object graphs, and malformed
+// archives that must fail cleanly.
+
+#include "runtime/exception.h"
+#include "runtime/plist.h"
+#include "sample.h"
+
+using namespace zt;
+
+namespace {
+QVariant roundTrip(const QVariant &value)
+{
+    const QByteArray data = KeyedArchiver::archivedDataWithRootObject(value);
+    Error error;
+    const auto back = KeyedUnarchiver::unarchiveObjectWithData(data, &error);
+    EXPECT_TRUE(back.has_value()) << qPrintable(error.localizedDescription());
+    return back.value_or(QVariant());
+}
+
+QVariant uid(quint64 v)
+{
+    return QVariant::fromValue(Uid{v});
+}
+
+QByteArray archiveWith(const QVariantList &objects, const QVariantMap &top)
+{
+    return plist::writeBinary(QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")},
+                                          {QStringLiteral("$version"), qint64(100000)},
+                                          {QStringLiteral("$top"), top},
+                                          {QStringLiteral("$objects"), objects}});
+}
+} // namespace
+
+TEST(KeyedArchive, ValuesOfEveryKindSurvive)
+{
+    const QDateTime date = QDateTime::fromMSecsSinceEpoch(1'700'000'000'123, Qt::UTC);
+    const struct Row
+    {
+        const char *name;
+        QVariant value;
+    } rows[] = {
+        {"nil", QVariant()},
+        {"null", nullValue()},
+        {"string", QStringLiteral("h\u00e9llo \U0001F600")},
+        {"bool", true},
+        {"signed", qint64(-5)},
+        {"unsigned", quint64(0xFFFFFFFFFFFFFFFFull)},
+        {"real", 2.5},
+        {"data", QByteArray("\x00\x01\xff", 3)},
+        {"date", date},
+        {"indexes", QVariant::fromValue(IndexSet{0, 2, 3, 4, 100})},
+        {"nested", QVariantMap{{QStringLiteral("list"), QVariantList{1, nullValue(), QStringLiteral("x")}},
+                               {QStringLiteral("empty"), QVariantMap{}}}},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        const QVariant back = roundTrip(row.value);
+        EXPECT_TRUE(valuesEqual(back, row.value)) << qPrintable(describe(back));
+    }
+}
+
+TEST(KeyedArchive, SharedObjectsAndCyclesSurvive)
+{
+    auto root = make<Sample>();
+    root->setName(QStringLiteral("root"));
+    root->setCount(-9);
+    root->setEnabled(true);
+    auto shared = make<Sample>();
+    shared->setName(QStringLiteral("shared"));
+    shared->setChild(root); // cycle: root -> shared -> root
+    root->setChild(shared);
+    root->mutableArrayValueForKey(QStringLiteral("items"))
+        .addObjects({objectValue(shared.get()), objectValue(shared.get())});
+
+    const QVariant back = roundTrip(objectValue(root.get()));
+    auto copy = fromValue<Ref<Sample>>(back);
+    ASSERT_TRUE(copy);
+    EXPECT_NE(copy.get(), root.get());
+    EXPECT_EQ(copy->name(), QStringLiteral("root"));
+    EXPECT_EQ(copy->count(), -9);
+    EXPECT_TRUE(copy->isEnabled());
+    ASSERT_TRUE(copy->child());
+    EXPECT_EQ(copy->child()->child().get(), copy.get());
+    EXPECT_EQ(objectFrom(copy->items()[0]), copy->child().get());
+    EXPECT_EQ(objectFrom(copy->items()[1]), copy->child().get());
+
+    // Break the cycles so that both graphs are freed.
+    copy->child()->setChild(nullptr);
+    shared->setChild(nullptr);
+}
+
+TEST(KeyedArchive, ObjectsThatDoNotArchiveThemselvesAreRefused)
+{
+    auto rec = make<Recorder>();
+    EXPECT_THROW(KeyedArchiver::archivedDataWithRootObject(objectValue(rec.get())), Exception);
+}
+
+TEST(KeyedArchive, MalformedArchivesFailWithAnError)
+{
+    const QVariant nul = QStringLiteral("$null");
+    const QVariantMap arrayClass{{QStringLiteral("$classname"), QStringLiteral("NSArray")},
+                                 {QStringLiteral("$classes"), QVariantList{QStringLiteral("NSArray")}}};
+    const struct Row
+    {
+        const char *name;
+        QByteArray data;
+    } rows[] = {
+        {"not a property list", QByteArray("hello")},
+        {"wrong archiver",
+         plist::writeBinary(QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("X")}})},
+        {"no objects",
+         plist::writeBinary(QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")}})},
+        {"root past the table", archiveWith({nul}, {{QStringLiteral("root"), uid(5)}})},
+        {"unknown class",
+         archiveWith({nul, QVariantMap{{QStringLiteral("$class"), uid(2)}},
+                      QVariantMap{{QStringLiteral("$classname"), QStringLiteral("NoSuchClass")}}},
+                     {{QStringLiteral("root"), uid(1)}})},
+        {"array refers to itself",
+         archiveWith({nul,
+                      QVariantMap{{QStringLiteral("$class"), uid(2)},
+                                  {QStringLiteral("NS.objects"), QVariantList{uid(1)}}},
+                      arrayClass},
+                     {{QStringLiteral("root"), uid(1)}})},
+        {"class reference is no UID",
+         archiveWith({nul, QVariantMap{{QStringLiteral("$class"), 2}}}, {{QStringLiteral("root"), uid(1)}})},
+        {"array element is no UID", archiveWith({nul,
+                                                 QVariantMap{{QStringLiteral("$class"), uid(2)},
+                                                             {QStringLiteral("NS.objects"), QVariantList{7}}},
+                                                 arrayClass},
+                                                {{QStringLiteral("root"), uid(1)}})},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        Error error;
+        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(row.data, &error).has_value());
+        EXPECT_EQ(error.domain, QStringLiteral("NSCocoaErrorDomain"));
+        EXPECT_FALSE(error.localizedDescription().isEmpty());
+    }
+}
+
+TEST(KeyedArchive, DeepNestingStopsAtTheLimit)
+{
+    QVariant v = QVariantList{};
+    for (int i = 0; i < 40; ++i)
+        v = QVariantList{v};
+    const QByteArray data = KeyedArchiver::archivedDataWithRootObject(v);
+    KeyedUnarchiver::Limits tight;
+    tight.maxDepth = 10;
+    Error error;
+    EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(data, &error, tight).has_value());
+    EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(data).has_value());
+}

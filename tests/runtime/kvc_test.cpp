@@ -1,0 +1,190 @@
+// Key-value coding: accessor search, key paths, collections, undefined keys,
+// and the ordered to-many view.
+
+#include "runtime/exception.h"
+#include "sample.h"
+
+using namespace zt;
+
+namespace {
+
+Ref<Sample> makeTree()
+{
+    auto root = make<Sample>();
+    root->setName(QStringLiteral("root"));
+    auto child = make<Sample>();
+    child->setName(QStringLiteral("leaf"));
+    child->setCount(7);
+    root->setChild(child);
+    return root;
+}
+
+QString raisedName(const std::function<void()> &f, QString *reason = nullptr)
+{
+    try {
+        f();
+    } catch (const Exception &e) {
+        if (reason)
+            *reason = e.reason();
+        return e.name();
+    }
+    return {};
+}
+
+} // namespace
+
+TEST(KeyValueCoding, ReadsThroughEachAccessorStyleAndKeyPaths)
+{
+    auto root = makeTree();
+    root->setEnabled(true);
+    struct Row
+    {
+        const char *path;
+        QVariant expected;
+    } rows[] = {
+        {"name", QStringLiteral("root")},       // plain getter
+        {"enabled", true},                      // isKey
+        {"count", QVariant(qint64(0))},         // number keeps its kind
+        {"child.name", QStringLiteral("leaf")}, // key path
+        {"child.count", QVariant(qint64(7))},   //
+        {"child.child.name", QVariant()},       // nil in the middle of a path
+        {"title", QStringLiteral("root/leaf")}, // derived key
+        {"description", root->description()},   // inherited method
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.path);
+        EXPECT_TRUE(valuesEqual(root->valueForKeyPath(QString::fromLatin1(row.path)), row.expected))
+            << qPrintable(describe(root->valueForKeyPath(QString::fromLatin1(row.path))));
+    }
+}
+
+TEST(KeyValueCoding, ToManyWithoutGetterIsAssembledFromIndexedAccessors)
+{
+    auto c = make<Counted>();
+    EXPECT_TRUE(valuesEqual(c->valueForKey(QStringLiteral("numbers")),
+                            QVariantList{qint64(0), qint64(10), qint64(20)}));
+    EXPECT_EQ(c->mutableArrayValueForKey(QStringLiteral("numbers")).objectAtIndex(2).toLongLong(), 20);
+    EXPECT_EQ(c->mutableArrayValueForKey(QStringLiteral("numbers")).count(), 3);
+}
+
+TEST(KeyValueCoding, CollectionsAnswerElementWise)
+{
+    auto a = make<Sample>();
+    a->setName(QStringLiteral("a"));
+    auto b = make<Sample>();
+    const QVariantList list{objectValue(a.get()), objectValue(b.get()),
+                            QVariantMap{{QStringLiteral("name"), QStringLiteral("m")}}};
+    const QVariant names = valueForKey(QVariant(list), QStringLiteral("name"));
+    // b's name is nil and comes back as the null marker, keeping positions.
+    ASSERT_EQ(names.toList().size(), 3);
+    EXPECT_EQ(names.toList()[0].toString(), QStringLiteral("a"));
+    EXPECT_TRUE(isNullMarker(names.toList()[1]));
+    EXPECT_EQ(names.toList()[2].toString(), QStringLiteral("m"));
+    EXPECT_EQ(valueForKey(QVariant(list), QStringLiteral("@count")).toULongLong(), 3u);
+}
+
+TEST(KeyValueCoding, SettingCoercesToTheSetterKindAndRefusesNilScalars)
+{
+    auto s = make<Sample>();
+    s->setValueForKey(QVariant(2.9), QStringLiteral("count")); // real into an integer property
+    EXPECT_EQ(s->count(), 2);
+    s->setValueForKey(QVariant(qint64(5)), QStringLiteral("enabled"));
+    EXPECT_TRUE(s->isEnabled());
+    s->setValueForKeyPath(QStringLiteral("x"), QStringLiteral("child.name")); // nil intermediate: nothing
+    EXPECT_FALSE(s->child());
+
+    QString reason;
+    EXPECT_EQ(raisedName([&] { s->setValueForKey(QVariant(), QStringLiteral("count")); }, &reason),
+              QStringLiteral("NSInvalidArgumentException"));
+    EXPECT_TRUE(reason.endsWith(QStringLiteral("could not set nil as the value for the key count.")));
+    // An object property accepts nil.
+    s->setValueForKey(QVariant(), QStringLiteral("name"));
+    EXPECT_TRUE(s->name().isNull());
+}
+
+TEST(KeyValueCoding, UndefinedKeysRaiseWithThePlatformText)
+{
+    auto s = make<Sample>();
+    QString reason;
+    EXPECT_EQ(raisedName([&] { s->valueForKey(QStringLiteral("nope")); }, &reason),
+              QStringLiteral("NSUndefinedKeyException"));
+    EXPECT_TRUE(reason.startsWith(QStringLiteral("[<Sample 0x")));
+    EXPECT_TRUE(reason.endsWith(QStringLiteral(
+        "valueForUndefinedKey:]: this class is not key value coding-compliant for the key nope.")));
+    EXPECT_EQ(raisedName([&] { s->setValueForKey(1, QStringLiteral("title")); }),
+              QStringLiteral("NSUndefinedKeyException")); // read-only
+    EXPECT_EQ(raisedName([&] { valueForKey(QVariant(QStringLiteral("s")), QStringLiteral("x")); }),
+              QStringLiteral("NSUndefinedKeyException"));
+}
+
+TEST(MutableArrayProxy, AnnouncesEachKindWithItsIndexes)
+{
+    auto s = make<Sample>();
+    auto rec = make<Recorder>();
+    s->addObserver(rec.get(), QStringLiteral("items"), ObservingOption::New | ObservingOption::Old);
+    MutableArrayProxy items = s->mutableArrayValueForKey(QStringLiteral("items"));
+
+    items.insertObjectsAtIndexes({QStringLiteral("a"), QStringLiteral("c")}, IndexSet{0, 1});
+    items.insertObjectAtIndex(QStringLiteral("b"), 1);
+    items.replaceObjectAtIndex(2, QStringLiteral("C"));
+    items.removeObjectsAtIndexes(IndexSet{0, 2});
+    EXPECT_EQ(s->items(), QVariantList{QStringLiteral("b")});
+
+    struct Expect
+    {
+        KeyValueChange kind;
+        IndexSet indexes;
+        QVariant newValue, oldValue;
+    } expected[] = {
+        {KeyValueChange::Insertion, {0, 1}, QVariantList{QStringLiteral("a"), QStringLiteral("c")}, {}},
+        {KeyValueChange::Insertion, {1}, QVariantList{QStringLiteral("b")}, {}},
+        {KeyValueChange::Replacement,
+         {2},
+         QVariantList{QStringLiteral("C")},
+         QVariantList{QStringLiteral("c")}},
+        {KeyValueChange::Removal, {0, 2}, {}, QVariantList{QStringLiteral("a"), QStringLiteral("C")}},
+    };
+    ASSERT_EQ(rec->notes.size(), 4);
+    for (int i = 0; i < 4; ++i) {
+        SCOPED_TRACE(i);
+        const KVOChange &c = rec->notes[i].change;
+        EXPECT_EQ(c.kind, expected[i].kind);
+        EXPECT_TRUE(c.hasIndexes);
+        EXPECT_EQ(c.indexes, expected[i].indexes);
+        EXPECT_TRUE(valuesEqual(c.newValue, expected[i].newValue)) << qPrintable(describe(c.newValue));
+        EXPECT_TRUE(valuesEqual(c.oldValue, expected[i].oldValue)) << qPrintable(describe(c.oldValue));
+    }
+    s->removeObserver(rec.get(), QStringLiteral("items"));
+}
+
+TEST(MutableArrayProxy, KeyWithOnlyASetterIsReplacedWhole)
+{
+    auto s = make<Sample>();
+    auto rec = make<Recorder>();
+    s->addObserver(rec.get(), QStringLiteral("tags"), ObservingOption::New);
+    auto tags = s->mutableArrayValueForKey(QStringLiteral("tags"));
+    tags.addObject(QStringLiteral("x"));
+    tags.insertObjectAtIndex(QStringLiteral("w"), 0);
+    tags.removeLastObject();
+    EXPECT_EQ(s->tags(), QVariantList{QStringLiteral("w")});
+    ASSERT_EQ(rec->notes.size(), 3);
+    for (const auto &n : rec->notes)
+        EXPECT_EQ(n.change.kind, KeyValueChange::Setting);
+    s->removeObserver(rec.get(), QStringLiteral("tags"));
+}
+
+TEST(MutableArrayProxy, RefusesBadIndexesWithoutChangingAnything)
+{
+    auto s = make<Sample>();
+    auto items = s->mutableArrayValueForKey(QStringLiteral("items"));
+    items.addObjects({1, 2});
+    EXPECT_EQ(raisedName([&] { items.removeObjectAtIndex(5); }), QStringLiteral("NSRangeException"));
+    EXPECT_EQ(raisedName([&] {
+                  items.insertObjectsAtIndexes({1}, IndexSet{0, 1});
+              }),
+              QStringLiteral("NSInvalidArgumentException"));
+    EXPECT_EQ(raisedName([&] { items.insertObjectAtIndex(9, 4); }), QStringLiteral("NSRangeException"));
+    EXPECT_EQ(s->items().size(), 2);
+    EXPECT_EQ(raisedName([&] { s->mutableArrayValueForKey(QStringLiteral("title")).addObject(1); }),
+              QStringLiteral("NSUndefinedKeyException"));
+}

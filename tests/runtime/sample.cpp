@@ -1,0 +1,35 @@
+#include "sample.h"
+
+ZT_DEFINE_CLASS(Sample)
+
+void Sample::registerMembers(zt::ClassBuilder<Sample> &b)
+{
+    b.property("name", &Sample::name, &Sample::setName);
+    b.property("count", &Sample::count, &Sample::setCount);
+    b.method("isEnabled", &Sample::isEnabled);
+    b.method("setEnabled:", &Sample::setEnabled);
+    b.property("child", &Sample::child, &Sample::setChild);
+    b.method("title", &Sample::title);
+    b.dependency("title", {QStringLiteral("name"), QStringLiteral("child.name")});
+    b.method("items", &Sample::items);
+    b.method("countOfItems", &Sample::countOfItems);
+    b.method("objectInItemsAtIndex:", &Sample::objectInItemsAtIndex);
+    b.method("insertItems:atIndexes:", &Sample::insertItemsAtIndexes);
+    b.method("removeItemsAtIndexes:", &Sample::removeItemsAtIndexes);
+    b.property("tags", &Sample::tags, &Sample::setTags);
+    b.method("add:to:", &Sample::add);
+    b.method("flip:", &Sample::flip);
+    b.method("record:small:unsigned:real:", &Sample::record);
+}
+
+ZT_DEFINE_CLASS(Recorder)
+
+void Recorder::registerMembers(zt::ClassBuilder<Recorder> &) {}
+
+ZT_DEFINE_CLASS(Counted)
+
+void Counted::registerMembers(zt::ClassBuilder<Counted> &b)
+{
+    b.method("countOfNumbers", &Counted::countOfNumbers);
+    b.method("objectInNumbersAtIndex:", &Counted::objectInNumbersAtIndex);
+}
