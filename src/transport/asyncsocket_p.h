@@ -1,0 +1,225 @@
+#pragma once
+// AsyncSocket's private half: the QObject that lives on the socket's thread,
+// owns the Qt stream and listeners, receives their signals and the timers,
+// and runs the read and write queues.
+//
+// Re-entrancy rules:
+//  - Every entry from the event loop (a signal, a timer, a posted call) goes
+//    through Entry, which keeps the socket alive for its duration and counts
+//    the depth. A Qt object is deleted directly only at depth 0; inside an
+//    entry it is handed to deleteLater(), since its signal may still be on
+//    the stack.
+//  - Requests made inside an entry (from a delegate call) are served when the
+//    outermost entry ends; requests made outside post one call to the loop.
+//  - pumpAll() is the only place that serves the queues; it does not nest.
+//    Every delegate call inside it is followed by a check of `generation`,
+//    which changes when the socket closes (the queues are then gone).
+
+#include "runtime/exception.h"
+#include "transport/asyncsocket.h"
+
+#include <QBasicTimer>
+#include <QObject>
+#include <QSslSocket>
+#include <QTcpServer>
+#include <deque>
+#include <optional>
+
+class AsyncSocketPrivate;
+
+//! A listener that hands each accepted descriptor to its socket.
+class AsyncSocketListener : public QTcpServer
+{
+public:
+    AsyncSocketListener(AsyncSocketPrivate *owner);
+
+protected:
+    void incomingConnection(qintptr descriptor) override;
+
+private:
+    AsyncSocketPrivate *m_owner;
+};
+
+class AsyncSocketPrivate : public QObject
+{
+public:
+    //! Qt's buffer above which no more pieces are handed to the stream until
+    //! it has taken some: bounds the memory of a slow peer and keeps write
+    //! timeouts meaningful, while letting many small writes share a syscall.
+    static constexpr qint64 WriteHighWater = 256 * 1024;
+
+    explicit AsyncSocketPrivate(AsyncSocket *owner);
+    ~AsyncSocketPrivate() override;
+
+    struct ReadItem
+    {
+        std::optional<AsyncReadPacket> packet;
+        std::shared_ptr<AsyncSpecialPacket> special;
+        bool zeroLength = false; // a fixed-length read of 0 bytes
+    };
+    struct WriteItem
+    {
+        std::optional<AsyncWritePacket> packet;
+        std::shared_ptr<AsyncSpecialPacket> special;
+    };
+    //! When the current read or write started and when it expires (steady
+    //! clock, ns; -1: no timeout).
+    struct Clock
+    {
+        bool started = false;
+        qint64 start = 0;
+        qint64 deadline = -1;
+        qint64 armedFor = -1; // the deadline the timer is running for
+    };
+
+    //! RAII for an entry from the event loop.
+    class Entry
+    {
+    public:
+        explicit Entry(AsyncSocketPrivate *d);
+        ~Entry();
+        Entry(const Entry &) = delete;
+        Entry &operator=(const Entry &) = delete;
+        //! False when the socket is gone: do nothing.
+        bool alive() const { return bool(m_guard); }
+
+    private:
+        AsyncSocketPrivate *m_d;
+        zt::Ref<AsyncSocket> m_guard;
+    };
+
+    // ---- requests (from AsyncSocket's public calls) ----
+    void queueRead(ReadItem item);
+    void queueWrite(AsyncWritePacket packet);
+    void queueTLS(const QVariantMap &settings);
+    void scheduleWork();
+    bool refusesRequests() const { return disconnectAfterReads || disconnectAfterWrites; }
+
+    // ---- opening ----
+    QSslSocket *makeSocket();
+    void attach(QSslSocket *s);
+    bool adoptDescriptor(qintptr descriptor);
+    void postAcceptedSetup();
+    void acceptDescriptor(qintptr descriptor);
+    bool listenOn(const QList<QHostAddress> &v4, const QList<QHostAddress> &v6, quint16 port,
+                  zt::Error *error);
+    void announceConnected();
+
+    // ---- serving ----
+    void pumpAll();
+    void pumpReads();
+    void pumpWrites();
+    enum class Fill
+    {
+        Complete,
+        NeedMore,
+        MaxedOut
+    };
+    Fill fill(AsyncReadPacket &p, qsizetype &got);
+    qsizetype available() const;
+    qsizetype takeBytes(char *dst, qsizetype count);
+    void keepBack(AsyncReadPacket &p, qsizetype count);
+    void maybeStartTLS();
+    void startTLSNow(const QVariantMap &settings);
+    void startClock(Clock &clock, double timeout);
+    void armTimer(QBasicTimer &timer, Clock &clock);
+    void checkAfterQueues();
+
+    // ---- events ----
+    void onError(QAbstractSocket::SocketError error);
+    void onPeerClosed();
+    void onSecured();
+    void timerEvent(QTimerEvent *event) override;
+    void onReadTimeout();
+    void onWriteTimeout();
+
+    // ---- closing ----
+    //! The error path: take in what the stream holds, willDisconnect (a null
+    //! error for the peer's close), close, didDisconnect.
+    void closeWithError(const zt::Error &error);
+    //! Closes and empties the queues; didDisconnect when something was open.
+    //! `graceful` lets the stream flush and end with a FIN (or TLS close).
+    void close(bool graceful);
+    void releaseNative(bool graceful);
+    void drainNative();
+    //! The socket is going away: close without telling anyone.
+    void detach();
+    void disposeLater(QObject *object);
+
+    // ---- delegate calls: exceptions are logged, never passed on ----
+    template<typename F> void notify(F &&call);
+    template<typename R, typename F> R ask(R fallback, F &&call);
+    static void logException(const char *what, const QString &detail);
+
+    // ---- errors ----
+    static zt::Error socketError(AsyncSocketError code, const QString &failureReason = {});
+    static zt::Error streamError(QAbstractSocket::SocketError error, const QString &text);
+
+    AsyncSocket *q;
+    AsyncSocketDelegate *delegate = nullptr;
+    QVariant userData;
+    QStringList modes;
+
+    QSslSocket *socket = nullptr;
+    AsyncSocketListener *listen4 = nullptr;
+    AsyncSocketListener *listen6 = nullptr;
+    QString connectHost; // the host name given to connect, for TLS
+
+    std::deque<ReadItem> reads;   // front: the current read
+    std::deque<WriteItem> writes; // front: the current write
+    size_t sendIndex = 0;         // the first write not wholly handed to the stream
+    qint64 written = 0;           // bytes the stream reported taken, not yet accounted
+    QByteArray partial;           // pre-buffered bytes, from partialPos on
+    qsizetype partialPos = 0;
+    bool lastFromPartial = false;
+
+    Clock readClock, writeClock;
+    QBasicTimer readTimer, writeTimer, connectTimer;
+
+    quint64 generation = 0;
+    int depth = 0;
+    bool accepted = false;
+    bool announced = false;
+    bool preBuffering = false;
+    bool closing = false;
+    bool tlsActive = false;
+    bool disconnectAfterReads = false;
+    bool disconnectAfterWrites = false;
+    bool pumping = false;
+    bool workPending = false;
+    bool kickPosted = false;
+    zt::Ref<AsyncSocket> keepAlive; // held while a disconnect-after waits
+};
+
+template<typename F> void AsyncSocketPrivate::notify(F &&call)
+{
+    AsyncSocketDelegate *target = delegate;
+    if (!target)
+        return;
+    try {
+        call(target);
+    } catch (const zt::Exception &e) {
+        logException(e.what(), e.reason());
+    } catch (const std::exception &e) {
+        logException(e.what(), {});
+    } catch (...) {
+        logException("unknown exception", {});
+    }
+}
+
+template<typename R, typename F> R AsyncSocketPrivate::ask(R fallback, F &&call)
+{
+    AsyncSocketDelegate *target = delegate;
+    if (!target)
+        return fallback;
+    try {
+        return call(target);
+    } catch (const zt::Exception &e) {
+        logException(e.what(), e.reason());
+    } catch (const std::exception &e) {
+        logException(e.what(), {});
+    } catch (...) {
+        logException("unknown exception", {});
+    }
+    return fallback;
+}
