@@ -130,7 +130,8 @@ struct KeyedArchiver::State
         }
         case ValueKind::IndexSet: {
             QVariantList ranges;
-            for (const IndexSet::Range &r : value.value<IndexSet>().ranges()) {
+            const IndexSet set = value.value<IndexSet>();
+            for (const IndexSet::Range &r : set.ranges()) {
                 ranges.append(QVariant(quint64(r.location)));
                 ranges.append(QVariant(quint64(r.length)));
             }

@@ -105,21 +105,21 @@ QVariant coerceToTypeCode(const QVariant &value, const QByteArray &code)
         return value;
     switch (code[0]) {
     case 'c':
-        return QVariant(value.toLongLong() != 0 || value.toBool());
+        return QVariant(toInt64(value) != 0 || value.toBool());
     case 'C':
-        return QVariant(quint64(quint8(value.toULongLong())));
+        return QVariant(quint64(quint8(toUInt64(value))));
     case 's':
-        return QVariant(qint64(qint16(value.toLongLong())));
+        return QVariant(qint64(qint16(toInt64(value))));
     case 'S':
-        return QVariant(quint64(quint16(value.toULongLong())));
+        return QVariant(quint64(quint16(toUInt64(value))));
     case 'i':
-        return QVariant(qint64(qint32(value.toLongLong())));
+        return QVariant(qint64(qint32(toInt64(value))));
     case 'I':
-        return QVariant(quint64(quint32(value.toULongLong())));
+        return QVariant(quint64(quint32(toUInt64(value))));
     case 'q':
-        return QVariant(qint64(value.toLongLong()));
+        return QVariant(toInt64(value));
     case 'Q':
-        return QVariant(quint64(value.toULongLong()));
+        return QVariant(toUInt64(value));
     case 'f':
     case 'd':
         return QVariant(value.toDouble());

@@ -3,6 +3,7 @@
 #include "runtime/object.h"
 
 #include <cmath>
+#include <limits>
 
 namespace zt {
 
@@ -53,6 +54,32 @@ ValueKind kindOf(const QVariant &value)
     if (id == qMetaTypeId<Uid>())
         return ValueKind::Uid;
     return ValueKind::Other;
+}
+
+qint64 toInt64(const QVariant &value)
+{
+    if (kindOf(value) == ValueKind::Real) {
+        const double d = value.toDouble();
+        if (!std::isfinite(d))
+            return 0;
+        return d <= -9.2233720368547758e18 ? std::numeric_limits<qint64>::min()
+               : d >= 9.2233720368547758e18 ? std::numeric_limits<qint64>::max()
+                                            : qint64(d);
+    }
+    return value.toLongLong();
+}
+
+quint64 toUInt64(const QVariant &value)
+{
+    if (kindOf(value) == ValueKind::Real) {
+        const double d = value.toDouble();
+        if (!std::isfinite(d) || d <= 0)
+            return d < 0 && d > -9.2233720368547758e18 ? quint64(qint64(d)) : 0;
+        return d >= 1.8446744073709552e19 ? std::numeric_limits<quint64>::max() : quint64(d);
+    }
+    if (kindOf(value) == ValueKind::Signed)
+        return quint64(value.toLongLong());
+    return value.toULongLong();
 }
 
 QVariant nullValue()

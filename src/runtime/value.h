@@ -88,6 +88,11 @@ ZT_EXPORT QString describe(const QVariant &value);
 //! Strict equality: kinds must agree (1 and 1.0 differ, true and 1 differ).
 ZT_EXPORT bool valuesEqual(const QVariant &a, const QVariant &b);
 
+//! Integer readings of a value as a C conversion makes them: reals are
+//! truncated toward zero (QVariant's own conversion rounds).
+ZT_EXPORT qint64 toInt64(const QVariant &value);
+ZT_EXPORT quint64 toUInt64(const QVariant &value);
+
 // ---- C++ <-> value conversions used by the selector and accessor tables ----
 
 template<typename T> struct IsRef : std::false_type
@@ -115,9 +120,9 @@ template<typename T> T fromValue(const QVariant &v)
     } else if constexpr (std::is_same_v<D, bool>) {
         return v.toBool();
     } else if constexpr (std::is_integral_v<D> && std::is_signed_v<D>) {
-        return D(v.toLongLong());
+        return D(toInt64(v));
     } else if constexpr (std::is_integral_v<D>) {
-        return D(v.toULongLong());
+        return D(toUInt64(v));
     } else if constexpr (std::is_floating_point_v<D>) {
         return D(v.toDouble());
     } else if constexpr (std::is_same_v<D, QString>) {
