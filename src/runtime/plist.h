@@ -20,7 +20,8 @@
 //   null        the null marker, read only: the writer refuses it
 //
 // Output is CF-style: smallest integer, offset and reference widths, equal
-// scalars (strings, numbers, dates, data, UIDs) written once and shared.
+// strings, numbers, dates and data written once and shared (UIDs, like
+// containers, once per appearance).
 
 #include "runtime/error.h"
 #include "zt_export.h"

@@ -213,6 +213,7 @@ void Reader::place(quint64 index, const QVariant *where)
 void Reader::place(quint64 index, const QString *where)
 {
     Slot &slot = m_slots[qsizetype(index)];
+    slot.state = State::Done;
     if (slot.placed == Placed::Nowhere) {
         slot.ptr = where;
         slot.placed = Placed::String;
@@ -258,12 +259,11 @@ bool Reader::key(quint64 index, QString &out)
     const quint8 type = marker & 0xF0;
     if (type != AsciiString && type != Utf16String)
         return failAt(pos, zt::format(u"dictionary key (object %llu) is not a string", index));
-    if (!decodeString(pos, marker, out))
-        return false;
-    slot.state = State::Done;
+    // The key becomes Done when place() records where it lives: the entry's
+    // value, decoded before that, may be this very string.
     slot.weight = 1;
     slot.height = 0;
-    return true;
+    return decodeString(pos, marker, out);
 }
 
 bool Reader::decodeString(quint64 pos, quint8 marker, QString &out)

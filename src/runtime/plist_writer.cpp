@@ -97,6 +97,7 @@ private:
     qsizetype flattenString(const QString &s);
     qsizetype flattenContainer(const QVariant &value, int depth);
     qsizetype addScalar(Object object, quint64 hash);
+    qsizetype addObject(const Object &object);
     qsizetype fail(QString reason);
 
     bool sameScalar(const Object &a, const Object &b) const;
@@ -129,7 +130,6 @@ bool Writer::sameScalar(const Object &a, const Object &b) const
     case Kind::Int:
         return a.i == b.i;
     case Kind::BigUInt:
-    case Kind::Uid:
     case Kind::Real:
     case Kind::Date:
         // Reals compare by bit pattern: 0.0 and -0.0 stay apart, a NaN is
@@ -149,21 +149,24 @@ bool Writer::sameScalar(const Object &a, const Object &b) const
 
 void Writer::growTable()
 {
+    // Grown in place: QVarLengthArray's move assignment leaks its old heap
+    // buffer in Qt 6.4.
+    const QVarLengthArray<quint32, 128> oldTable = m_table;
+    const QVarLengthArray<quint64, 128> oldHashes = m_tableHashes;
     const qsizetype capacity = m_table.isEmpty() ? 64 : m_table.size() * 2;
-    QVarLengthArray<quint32, 128> table(capacity, 0);
-    QVarLengthArray<quint64, 128> hashes(capacity, 0);
+    m_table.resize(capacity);
+    m_tableHashes.resize(capacity);
+    std::fill(m_table.begin(), m_table.end(), 0);
     const qsizetype mask = capacity - 1;
-    for (qsizetype i = 0; i < m_table.size(); ++i) {
-        if (!m_table[i])
+    for (qsizetype i = 0; i < oldTable.size(); ++i) {
+        if (!oldTable[i])
             continue;
-        qsizetype slot = qsizetype(m_tableHashes[i]) & mask;
-        while (table[slot])
+        qsizetype slot = qsizetype(oldHashes[i]) & mask;
+        while (m_table[slot])
             slot = (slot + 1) & mask;
-        table[slot] = m_table[i];
-        hashes[slot] = m_tableHashes[i];
+        m_table[slot] = oldTable[i];
+        m_tableHashes[slot] = oldHashes[i];
     }
-    m_table = std::move(table);
-    m_tableHashes = std::move(hashes);
 }
 
 qsizetype Writer::addScalar(Object object, quint64 hash)
@@ -179,12 +182,18 @@ qsizetype Writer::addScalar(Object object, quint64 hash)
     }
     if (m_objects.size() >= qsizetype(std::numeric_limits<quint32>::max()))
         return fail(QStringLiteral("Property list invalid for format: too many objects"));
-    const qsizetype index = m_objects.size();
-    m_objects.append(object);
-    m_headerBytes += object.headerSize;
+    const qsizetype index = addObject(object);
     m_table[slot] = quint32(index + 1);
     m_tableHashes[slot] = hash;
     ++m_tableUsed;
+    return index;
+}
+
+qsizetype Writer::addObject(const Object &object)
+{
+    const qsizetype index = m_objects.size();
+    m_objects.append(object);
+    m_headerBytes += object.headerSize;
     return index;
 }
 
@@ -336,11 +345,12 @@ qsizetype Writer::flatten(const QVariant &value, int depth)
         return flattenContainer(value, depth);
     default:
         if (value.typeId() == qMetaTypeId<zt::Uid>()) {
+            // Written once per appearance, as CF and plistlib do.
             o.kind = Kind::Uid;
             o.u = static_cast<const zt::Uid *>(value.constData())->value;
             o.intWidth = byteWidth(o.u);
             o.headerSize = 1 + o.intWidth;
-            return addScalar(o, mix(o.u ^ 0x80));
+            return addObject(o);
         }
         return fail(zt::format(u"Property list invalid for format: %@ objects are not property list objects",
                                valueClassName(value)));
