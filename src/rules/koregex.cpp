@@ -5,7 +5,9 @@
 #include "runtime/exception.h"
 #include "runtime/format.h"
 
+#include <memory>
 #include <pcre.h>
+#include <pthread.h>
 
 using namespace zt;
 using namespace zt::koregex;
@@ -216,21 +218,80 @@ QStringList KORegex::splitSelector(const QString &string) const
 
 namespace zt::koregex {
 
+namespace {
+
+// The JIT code runs on a 32 KB stack of its own by default. A search that
+// needs more (deep backtracking over a long subject) is repeated once on a
+// larger stack kept per thread, made on first need; its address space is
+// reserved up front, pages are only used as the search grows into them.
+constexpr int LargeJitStackSize = 16 * 1024 * 1024;
+
+struct JitStackDeleter
+{
+    void operator()(pcre_jit_stack *stack) const { pcre_jit_stack_free(stack); }
+};
+
+pcre_jit_stack *largeJitStack()
+{
+    thread_local std::unique_ptr<pcre_jit_stack, JitStackDeleter> stack;
+    if (!stack)
+        stack.reset(pcre_jit_stack_alloc(32 * 1024, LargeJitStackSize));
+    return stack.get();
+}
+
+// The interpreter recurses on the machine stack, one frame per nested
+// backtracking point; unbounded, a long subject overflows the stack and the
+// process dies. The limit leaves half of the stack that remains to the frames
+// PCRE reports, so an exhausted search ends with an error instead.
+unsigned long interpreterRecursionLimit()
+{
+    static const bool recursesOnStack = [] {
+        int onStack = 0;
+        pcre_config(PCRE_CONFIG_STACKRECURSE, &onStack);
+        return onStack != 0;
+    }();
+    if (!recursesOnStack)
+        return 10000000;
+    static const long frameSize =
+        std::max(64, -pcre_exec(nullptr, nullptr, nullptr, -999, -999, 0, nullptr, 0));
+    thread_local const char *const stackLow = [] {
+        pthread_attr_t attributes;
+        void *address = nullptr;
+        size_t size = 0;
+        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+            pthread_attr_getstack(&attributes, &address, &size);
+            pthread_attr_destroy(&attributes);
+        }
+        return static_cast<const char *>(address);
+    }();
+    if (!stackLow)
+        return 1000;
+    const long left = long(static_cast<const char *>(__builtin_frame_address(0)) - stackLow) - 128 * 1024;
+    return left > 2 * frameSize ? (unsigned long)(left / (2 * frameSize)) : 1;
+}
+
+} // namespace
+
 int execute(const KORegex &regex, const char *subject, int length, int start, int options, int *ovector,
             int ovectorSize)
 {
     const auto *compiled = static_cast<const ::pcre *>(regex.regex());
-    auto *extra = static_cast<pcre_extra *>(regex.extra());
-    int rc = pcre_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize);
-    if (rc == PCRE_ERROR_JIT_STACKLIMIT && extra) {
-        // The machine-stack JIT area is small; deep patterns finish on the
-        // interpreter, which yields the same result. The copy keeps the
-        // shared study data untouched for other threads.
-        pcre_extra interpreted = *extra;
-        interpreted.flags &= ~PCRE_EXTRA_EXECUTABLE_JIT;
-        rc = pcre_exec(compiled, &interpreted, subject, length, start, options, ovector, ovectorSize);
+    const auto *extra = static_cast<const pcre_extra *>(regex.extra());
+    if (extra && (extra->flags & PCRE_EXTRA_EXECUTABLE_JIT)) {
+        const int rc = pcre_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize);
+        if (rc != PCRE_ERROR_JIT_STACKLIMIT)
+            return rc;
+        pcre_jit_stack *stack = largeJitStack();
+        if (!stack)
+            return rc;
+        return pcre_jit_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize, stack);
     }
-    return rc;
+    pcre_extra bounded = extra ? *extra : pcre_extra{};
+    if (!(bounded.flags & PCRE_EXTRA_MATCH_LIMIT_RECURSION)) {
+        bounded.flags |= PCRE_EXTRA_MATCH_LIMIT_RECURSION;
+        bounded.match_limit_recursion = interpreterRecursionLimit();
+    }
+    return pcre_exec(compiled, &bounded, subject, length, start, options, ovector, ovectorSize);
 }
 
 void reserveMatchVector(QVarLengthArray<int, 30> &vector, int items)

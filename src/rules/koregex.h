@@ -137,9 +137,6 @@ public:
     //! "<KORegex: 0x…>[pattern: …]".
     QString description() const override;
 
-protected:
-    void dealloc() override;
-
 private:
     // Single-argument forms for the selector table.
     zt::Ref<KORegexMatch> findInStringSelector(const QString &string) const;

@@ -91,9 +91,10 @@ private:
     mutable std::vector<Checkpoint> m_checkpoints;
 };
 
-//! Runs PCRE on behalf of a pattern: the study data is passed along, and a
-//! search that exhausts the JIT stack is repeated by the interpreter.
-//! Answers pcre_exec's result.
+//! Runs PCRE on behalf of a pattern, passing its study data. A JIT search
+//! that exhausts its stack is repeated on a larger one; an interpreted search
+//! is bounded so that it cannot overflow the thread's stack. Answers
+//! pcre_exec's result.
 int execute(const KORegex &regex, const char *subject, int length, int start, int options, int *ovector,
             int ovectorSize);
 

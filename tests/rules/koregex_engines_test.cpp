@@ -1,0 +1,183 @@
+// The three ways a pattern can run (JIT code, the interpreter with study
+// data, the bare interpreter) give identical results over a generated corpus,
+// and deep searches neither fail early on the JIT stack nor overflow the
+// machine stack.
+
+#include "regex_support.h"
+
+#include <pcre.h>
+#include <pthread.h>
+#include <random>
+
+using namespace regextest;
+using zt::Ref;
+
+namespace {
+
+enum class Engine
+{
+    Jit,
+    StudiedInterpreter,
+    Interpreter
+};
+
+Ref<KORegex> compileFor(const char *pattern, Engine engine)
+{
+    Ref<KORegex> regex = compile(pattern);
+    if (!regex)
+        return regex;
+    switch (engine) {
+    case Engine::Jit:
+        break;
+    case Engine::StudiedInterpreter: {
+        const char *error = nullptr;
+        regex->setExtra(pcre_study(static_cast<pcre *>(regex->pcre()), 0, &error));
+        break;
+    }
+    case Engine::Interpreter:
+        regex->setExtra(nullptr);
+        break;
+    }
+    return regex;
+}
+
+bool runsJitCode(const KORegex &regex)
+{
+    int jit = 0;
+    pcre_fullinfo(static_cast<const pcre *>(regex.pcre()), static_cast<const pcre_extra *>(regex.extra()),
+                  PCRE_INFO_JIT, &jit);
+    return jit == 1;
+}
+
+// Everything the layer answers for one subject, as text.
+std::string behaviour(const KORegex &regex, const QString &subject, KORange range)
+{
+    std::string out;
+    for (const auto &match : regex.findAllInString(subject)) {
+        for (int group = 0; group < match->count(); ++group) {
+            const QString text = match->groupAtIndex(group);
+            out += rangeText(match->rangeAtIndex(group)) + (text.isNull() ? "-" : text.toStdString()) + ",";
+        }
+        out += ";";
+    }
+    if (auto match = regex.findInString(subject, range))
+        out += "ranged " + rangeText(match->range());
+    const QString templ = regex.groupCount() > 1 ? qs("<$0|\\u$1>") : qs("<\\U$0\\E>");
+    out += " replaced " + regex.replaceWithString(templ, subject).toStdString();
+    out += " split " + regex.splitString(subject).join(u'|').toStdString();
+    return out;
+}
+
+TEST(KORegexEngines, IdenticalResultsOverGeneratedCorpus)
+{
+    const char *patterns[] = {"a",
+                              "[a-c]+",
+                              "(a|b)*c",
+                              "(\\w+)\\s+(\\d+)?",
+                              "^\\s*(.*?)\\s*$",
+                              "(?i)É+",
+                              "(.)\\1",
+                              "(?=(\\w))\\w{2}",
+                              "(?<=a)b",
+                              "(?!a).",
+                              "\\b\\w",
+                              "x*",
+                              "(a)|(b)|(c)",
+                              "[^\\x{00}-\\x{7f}]+",
+                              ".",
+                              "(?m)^.",
+                              "a(?:bc|b)c",
+                              "(?U)a.+b",
+                              "\\p{L}+",
+                              "😀|é",
+                              "(\\S+)(?:\\s|$)",
+                              "(?s).{3}",
+                              "(?m)\\d$",
+                              "(?<n>[ab])(?&n)",
+                              "",
+                              "\\X",
+                              "[[:punct:]]",
+                              "(?:a|(b))+?c"};
+    const char *alphabet[] = {"a", "b", "c", "d", " ", "1", "2", "é", "É", "世", "😀", "\n", "-", "x", "!"};
+    std::mt19937 random(20240611);
+    std::vector<QString> subjects;
+    for (int i = 0; i < 60; ++i) {
+        QString subject;
+        const int length = int(random() % 40);
+        for (int k = 0; k < length; ++k)
+            subject += qs(alphabet[random() % std::size(alphabet)]);
+        subjects.push_back(subject);
+    }
+
+    for (const char *pattern : patterns) {
+        SCOPED_TRACE(pattern);
+        const Ref<KORegex> jit = compileFor(pattern, Engine::Jit);
+        const Ref<KORegex> studied = compileFor(pattern, Engine::StudiedInterpreter);
+        const Ref<KORegex> interpreted = compileFor(pattern, Engine::Interpreter);
+        ASSERT_TRUE(jit && studied && interpreted);
+        EXPECT_TRUE(runsJitCode(*jit));
+        EXPECT_FALSE(runsJitCode(*studied));
+        for (const QString &subject : subjects) {
+            SCOPED_TRACE(subject.toStdString());
+            const qsizetype location = random() % (subject.size() + 1);
+            const KORange range{location, qsizetype(random() % (subject.size() - location + 1))};
+            const std::string expected = behaviour(*jit, subject, range);
+            ASSERT_EQ(behaviour(*studied, subject, range), expected);
+            ASSERT_EQ(behaviour(*interpreted, subject, range), expected);
+        }
+    }
+}
+
+TEST(KORegexEngines, DeepSearchOutgrowsTheDefaultJitStack)
+{
+    // Each repetition keeps a backtracking point: far more than the JIT's
+    // default 32 KB stack holds.
+    auto regex = compileFor("(?:(a)|b)*c", Engine::Jit);
+    const QString subject = QString(40000, u'a') + u'c';
+    auto match = regex->findInString(subject);
+    ASSERT_TRUE(match);
+    EXPECT_EQ(match->range(), (KORange{0, 40001}));
+    EXPECT_EQ(match->rangeAtIndex(1), (KORange{39999, 1}));
+    EXPECT_FALSE(regex->findInString(QString(6000, u'a')));
+}
+
+TEST(KORegexEngines, InterpreterStopsBeforeTheStackOverflows)
+{
+    auto regex = compileFor("(?:(a)|b)*c", Engine::Interpreter);
+    ASSERT_TRUE(regex->findInString(QString(1000, u'a') + u'c'));
+    EXPECT_EQ(raised([&] { regex->findInString(QString(300000, u'a') + u'c'); }),
+              "NSInternalInconsistencyException: unexpected error pcre_exec(): -21");
+}
+
+TEST(KORegexEngines, InterpreterLimitFollowsTheThreadsStack)
+{
+    // On a thread with a small stack the same search must end with an error
+    // long before it would run off the stack.
+    struct Job
+    {
+        Ref<KORegex> regex;
+        std::string outcome;
+    } job{compileFor("(?:(a)|b)*c", Engine::Interpreter), {}};
+    const auto run = [](void *argument) -> void * {
+        auto *job = static_cast<Job *>(argument);
+        job->outcome = raised([&] { job->regex->findInString(QString(20000, u'a') + u'c'); });
+        return nullptr;
+    };
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, 512 * 1024);
+    pthread_t thread;
+    ASSERT_EQ(pthread_create(&thread, &attributes, run, &job), 0);
+    pthread_join(thread, nullptr);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(job.outcome, "NSInternalInconsistencyException: unexpected error pcre_exec(): -21");
+}
+
+TEST(KORegexEngines, BacktrackingLimitIsReported)
+{
+    auto regex = compile("(a+)+$");
+    EXPECT_EQ(raised([&] { regex->findInString(QString(40, u'a') + u'b'); }),
+              "NSInternalInconsistencyException: unexpected error pcre_exec(): -8");
+}
+
+} // namespace
