@@ -98,10 +98,14 @@ void AsyncSocket::dealloc()
             p->deleteLater();
         else
             delete p;
-    } else {
+    } else if (p->thread() && p->thread()->isRunning()) {
         // Moved to another thread: its objects may only be touched there.
         p->q = nullptr;
         p->deleteLater();
+    } else {
+        // That thread has ended: no event loop will ever delete it.
+        p->q = nullptr;
+        delete p;
     }
     zt::Object::dealloc();
 }

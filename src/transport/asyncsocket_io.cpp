@@ -67,12 +67,13 @@ qsizetype AsyncSocketPrivate::takeBytes(char *dst, qsizetype count)
         const qsizetype n = qMin(count, partial.size() - partialPos);
         std::memcpy(dst, partial.constData() + partialPos, size_t(n));
         partialPos += n;
-        if (partialPos == partial.size()) {
-            partial.resize(0);
-            partialPos = 0;
-        }
         lastFromPartial = true;
         return n;
+    }
+    // Emptied only now, so keepBack() can still step back into it before.
+    if (!partial.isEmpty()) {
+        partial.resize(0);
+        partialPos = 0;
     }
     lastFromPartial = false;
     if (!socket)

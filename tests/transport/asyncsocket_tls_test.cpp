@@ -1,0 +1,157 @@
+// Switching two of our sockets to TLS in queue order, with a throwaway
+// self-signed certificate made by the openssl command for this run.
+
+#include "asyncsocket_support.h"
+
+#include <QProcess>
+#include <QTemporaryDir>
+
+using namespace sockettest;
+
+namespace {
+
+struct Credentials
+{
+    QByteArray certificate, key;
+    QString problem;
+};
+
+const Credentials &credentials()
+{
+    static const Credentials made = [] {
+        Credentials c;
+        QTemporaryDir dir;
+        QProcess openssl;
+        openssl.start(QStringLiteral("openssl"),
+                      {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
+                       QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
+                       QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes"),
+                       QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
+                       QStringLiteral("/CN=localhost"), QStringLiteral("-addext"),
+                       QStringLiteral("subjectAltName=DNS:localhost,IP:127.0.0.1"), QStringLiteral("-keyout"),
+                       dir.filePath(QStringLiteral("key.pem")), QStringLiteral("-out"),
+                       dir.filePath(QStringLiteral("cert.pem"))});
+        if (!openssl.waitForFinished(60000) || openssl.exitCode() != 0) {
+            c.problem = QString::fromLocal8Bit(openssl.readAllStandardError());
+            return c;
+        }
+        QFile cert(dir.filePath(QStringLiteral("cert.pem"))), key(dir.filePath(QStringLiteral("key.pem")));
+        if (cert.open(QIODevice::ReadOnly))
+            c.certificate = cert.readAll();
+        if (key.open(QIODevice::ReadOnly))
+            c.key = key.readAll();
+        return c;
+    }();
+    return made;
+}
+
+QVariantMap serverSettings()
+{
+    return {{QString::fromUtf16(AsyncSocketTLS::Certificates), credentials().certificate},
+            {QString::fromUtf16(AsyncSocketTLS::PrivateKey), credentials().key}};
+}
+
+struct TlsRow
+{
+    const char *name;
+    std::function<QVariantMap()> clientSettings;
+    bool succeeds;
+};
+
+class StartTLS : public ::testing::TestWithParam<TlsRow>
+{
+};
+
+// The client says "STARTTLS\r\n" and starts its handshake at once; the server
+// reads the line with a terminator read, which must leave the handshake's
+// bytes in the stream, then switches too. Requests queued after startTLS wait
+// for the handshake.
+TEST_P(StartTLS, SwitchesInQueueOrder)
+{
+    const TlsRow &row = GetParam();
+    ASSERT_TRUE(credentials().problem.isEmpty()) << credentials().problem.toStdString();
+    Pair pair;
+    ASSERT_TRUE(pair.open(QStringLiteral("127.0.0.1"), QStringLiteral("127.0.0.1")));
+    AsyncSocket *server = pair.server();
+    AsyncSocket *client = pair.client.get();
+
+    server->readDataToDataWithTimeoutTag("\r\n", 10, 1);
+    server->startTLS(serverSettings());
+    server->readDataToDataWithTimeoutTag("\n", 10, 2);
+    pair.serverEvents.onRead = [](AsyncSocket *s, const QByteArray &, long tag) {
+        if (tag == 2)
+            s->writeDataWithTimeoutTag("reply!", 10, 5);
+    };
+    client->writeDataWithTimeoutTag("STARTTLS\r\n", 10, 1);
+    client->startTLS(row.clientSettings());
+    client->writeDataWithTimeoutTag("secret\n", 10, 2);
+    client->readDataToLengthWithTimeoutTag(6, 10, 3);
+
+    if (row.succeeds) {
+        ASSERT_TRUE(waitUntil([&] { return pair.clientEvents.data.size() == 1; }));
+        EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"STARTTLS\r\n", "secret\n"}));
+        EXPECT_EQ(pair.clientEvents.data, QList<QByteArray>{"reply!"});
+        EXPECT_EQ(pair.serverEvents.events.mid(2),
+                  (QStringList{QStringLiteral("read:1"), QStringLiteral("secure"), QStringLiteral("read:2"),
+                               QStringLiteral("write:5")}));
+        EXPECT_EQ(pair.clientEvents.events.mid(2),
+                  (QStringList{QStringLiteral("write:1"), QStringLiteral("secure"), QStringLiteral("write:2"),
+                               QStringLiteral("read:3")}));
+    } else {
+        ASSERT_TRUE(waitUntil(
+            [&] { return pair.clientEvents.disconnects == 1 && pair.serverEvents.disconnects == 1; }));
+        EXPECT_EQ(pair.clientEvents.lastError.domain, QStringLiteral("kCFStreamErrorDomainSSL"));
+        EXPECT_FALSE(pair.clientEvents.lastError.localizedDescription().isEmpty());
+        EXPECT_EQ(pair.clientEvents.secured, 0);
+        EXPECT_EQ(pair.serverEvents.secured, 0);
+        EXPECT_EQ(pair.serverEvents.data, QList<QByteArray>{"STARTTLS\r\n"});
+        EXPECT_EQ(pair.clientEvents.events.last(), QStringLiteral("did"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, StartTLS,
+    ::testing::Values(
+        TlsRow{"TrustedCertificateAndName",
+               [] {
+                   return QVariantMap{
+                       {QString::fromUtf16(AsyncSocketTLS::PeerName), QStringLiteral("localhost")},
+                       {QString::fromUtf16(AsyncSocketTLS::CACertificates), credentials().certificate}};
+               },
+               true},
+        TlsRow{"ChainNotValidated",
+               [] {
+                   return QVariantMap{{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}};
+               },
+               true},
+        TlsRow{"UntrustedCertificateFails", [] { return QVariantMap{}; }, false},
+        TlsRow{"WrongPeerNameFails",
+               [] {
+                   return QVariantMap{
+                       {QString::fromUtf16(AsyncSocketTLS::PeerName), QStringLiteral("example.org")},
+                       {QString::fromUtf16(AsyncSocketTLS::CACertificates), credentials().certificate}};
+               },
+               false}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+TEST(StartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLengthRead)
+{
+    // With pre-buffering on, only terminator reads take bytes ahead; a
+    // fixed-length greeting leaves the handshake in the stream.
+    ASSERT_TRUE(credentials().problem.isEmpty());
+    Pair pair;
+    ASSERT_TRUE(pair.open(QStringLiteral("127.0.0.1"), QStringLiteral("127.0.0.1")));
+    AsyncSocket *server = pair.server();
+    server->enablePreBuffering();
+    server->readDataToLengthWithTimeoutTag(5, 10, 1);
+    server->startTLS(serverSettings());
+    server->readDataToDataWithTimeoutTag("\n", 10, 2);
+    pair.client->writeDataWithTimeoutTag("HELLO", 10, 1);
+    pair.client->startTLS({{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}});
+    pair.client->writeDataWithTimeoutTag("line one\nline two\n", 10, 2);
+    server->readDataToDataWithTimeoutTag("\n", 10, 3);
+    ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 3; }));
+    EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"HELLO", "line one\n", "line two\n"}));
+}
+
+} // namespace
