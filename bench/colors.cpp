@@ -65,6 +65,11 @@ void BM_EscapedColoredString(benchmark::State &state)
         [](const QString &s) { return irc::coloredString(irc::escapedString(s)); });
 }
 
+void BM_EscapedString(benchmark::State &state)
+{
+    run(state, corpus().all, corpus().allBytes, [](const QString &s) { return irc::escapedString(s); });
+}
+
 void BM_StrippedString(benchmark::State &state)
 {
     run(state, corpus().all, corpus().allBytes, [](const QString &s) { return irc::strippedString(s); });
@@ -86,6 +91,7 @@ void BM_ColoredStringView(benchmark::State &state)
 
 BENCHMARK(BM_ColoredString);
 BENCHMARK(BM_EscapedColoredString);
+BENCHMARK(BM_EscapedString);
 BENCHMARK(BM_StrippedString);
 BENCHMARK(BM_ColoredStringStyledLines);
 BENCHMARK(BM_ColoredStringView);

@@ -126,12 +126,12 @@ template<bool Html, typename Sink> void convert(const char16_t *s, qsizetype n, 
     bool underline = false;
     bool italic = false;
 
-    auto toggle = [&sink](bool &on, QStringView opening) {
+    auto toggle = [&](bool &on, QStringView opening) {
         if constexpr (Html)
             sink.piece(on ? SpanEnd : opening);
         on = !on;
     };
-    auto closeAll = [&sink](std::initializer_list<bool *> flags) {
+    auto closeAll = [&](std::initializer_list<bool *> flags) {
         for (bool *on : flags) {
             if (*on) {
                 if constexpr (Html)

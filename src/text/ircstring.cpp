@@ -4,11 +4,16 @@
 #include "runtime/format.h"
 
 #include <QByteArray>
+#include <QtAlgorithms>
 
 #include <cerrno>
 #include <pwd.h>
 #include <unistd.h>
 #include <vector>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace irc {
 
@@ -223,59 +228,137 @@ QString maskToHost(QStringView mask)
     return at < 0 ? QString() : mask.sliced(at + 1).toString();
 }
 
+namespace {
+
+// The HTML replacement for the text at `i`, or a null view; `consumed` says
+// how many code units it replaces.
+inline QStringView htmlReplacement(const QChar *s, qsizetype size, qsizetype i, qsizetype &consumed)
+{
+    consumed = 1;
+    switch (s[i].unicode()) {
+    case u'&':
+        return u"&amp;";
+    case u'<':
+        return u"&lt;";
+    case u'>':
+        return u"&gt;";
+    case u' ':
+        if (i + 1 < size && s[i + 1] == u' ') {
+            consumed = 2;
+            return u" &nbsp;";
+        }
+        return {};
+    default:
+        return {};
+    }
+}
+
+// Index of the first code unit that escaping replaces, or `size`. Most
+// chat lines have none, so this scan decides the cost of escaping them.
+qsizetype firstHtmlReplacement(const QChar *s, qsizetype size)
+{
+    qsizetype i = 0;
+#if defined(__SSE2__)
+    // Eight units at a time: '&', '<', '>', or a space followed by a space
+    // (the second load is the same text one unit further on).
+    const __m128i amp = _mm_set1_epi16(u'&');
+    const __m128i lt = _mm_set1_epi16(u'<');
+    const __m128i gt = _mm_set1_epi16(u'>');
+    const __m128i space = _mm_set1_epi16(u' ');
+    for (; i + 9 <= size; i += 8) {
+        const __m128i here = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s + i));
+        const __m128i next = _mm_loadu_si128(reinterpret_cast<const __m128i *>(s + i + 1));
+        const __m128i hit = _mm_or_si128(
+            _mm_or_si128(_mm_cmpeq_epi16(here, amp), _mm_cmpeq_epi16(here, lt)),
+            _mm_or_si128(_mm_cmpeq_epi16(here, gt),
+                         _mm_and_si128(_mm_cmpeq_epi16(here, space), _mm_cmpeq_epi16(next, space))));
+        const int mask = _mm_movemask_epi8(hit);
+        if (mask != 0)
+            return i + qCountTrailingZeroBits(quint32(mask)) / 2;
+    }
+#endif
+    constexpr quint64 candidates = (1ull << '&') | (1ull << '<') | (1ull << '>') | (1ull << ' ');
+    for (; i < size; ++i) {
+        const char16_t c = s[i].unicode();
+        if (c < 64 && ((candidates >> c) & 1u) && (c != u' ' || (i + 1 < size && s[i + 1] == u' ')))
+            return i;
+    }
+    return size;
+}
+
+// One pass with the same result as the four replacements in sequence: no
+// replacement creates or removes a character that a later one looks for.
+// Text between replacements is copied as whole runs.
+QString escapeFrom(const QChar *s, qsizetype size, qsizetype first)
+{
+    QString result;
+    result.reserve(size + size / 16 + 16);
+    qsizetype run = 0;
+    for (qsizetype i = first; i < size; ++i) {
+        if (s[i].unicode() > u'>') // above every character that is replaced
+            continue;
+        qsizetype consumed;
+        const QStringView replacement = htmlReplacement(s, size, i, consumed);
+        if (replacement.isNull())
+            continue;
+        result.append(QStringView(s + run, i - run));
+        result.append(replacement);
+        i += consumed - 1;
+        run = i + 1;
+    }
+    result.append(QStringView(s + run, size - run));
+    return result;
+}
+
+} // namespace
+
 QString escapedString(QStringView text)
 {
-    // One pass with the same result as the four replacements in sequence: no
-    // replacement creates or removes a character that a later one looks for.
-    QString result;
-    result.reserve(text.size() + text.size() / 8 + 8);
-    const qsizetype size = text.size();
-    for (qsizetype i = 0; i < size; ++i) {
-        const QChar c = text[i];
-        switch (c.unicode()) {
-        case u'&':
-            result.append(u"&amp;");
-            break;
-        case u' ':
-            if (i + 1 < size && text[i + 1] == u' ') {
-                result.append(u" &nbsp;");
-                ++i;
-            } else {
-                result.append(c);
-            }
-            break;
-        case u'<':
-            result.append(u"&lt;");
-            break;
-        case u'>':
-            result.append(u"&gt;");
-            break;
-        default:
-            result.append(c);
-        }
-    }
-    return result;
+    const qsizetype first = firstHtmlReplacement(text.data(), text.size());
+    if (first == text.size())
+        return text.toString();
+    return escapeFrom(text.data(), text.size(), first);
+}
+
+QString escapedString(const QString &text)
+{
+    const qsizetype first = firstHtmlReplacement(text.constData(), text.size());
+    if (first == text.size())
+        return text;
+    return escapeFrom(text.constData(), text.size(), first);
 }
 
 QString javascriptString(QStringView text)
 {
+    const QChar *s = text.data();
+    const qsizetype size = text.size();
     QString result;
-    result.reserve(text.size() + 8);
-    for (const QChar c : text) {
-        switch (c.unicode()) {
+    result.reserve(size + 8);
+    qsizetype run = 0;
+    for (qsizetype i = 0; i < size; ++i) {
+        const char16_t c = s[i].unicode();
+        if (c > u'\'') // above every character that is replaced or removed
+            continue;
+        QStringView replacement;
+        switch (c) {
         case u'"':
-            result.append(u"\\\"");
+            replacement = u"\\\"";
             break;
         case u'\'':
-            result.append(u"\\'");
+            replacement = u"\\'";
             break;
         case u'\r':
         case u'\n':
+            replacement = u"";
             break;
         default:
-            result.append(c);
+            continue;
         }
+        result.append(QStringView(s + run, i - run));
+        result.append(replacement);
+        run = i + 1;
     }
+    result.append(QStringView(s + run, size - run));
     return result;
 }
 

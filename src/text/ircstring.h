@@ -99,6 +99,8 @@ ZT_EXPORT QString maskToHost(QStringView mask);
 //! spaces (left to right, not overlapping) → " &nbsp;", "<" → "&lt;",
 //! ">" → "&gt;". Quotes are left alone.
 ZT_EXPORT QString escapedString(QStringView text);
+//! Same; text with nothing to replace is returned as is (shared, no copy).
+ZT_EXPORT QString escapedString(const QString &text);
 
 //! The text fit to stand inside a quoted script literal: '"' → '\"',
 //! '\'' → "\'", carriage returns and line feeds removed. Backslashes already

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QRandomGenerator>
+
 #include <functional>
 #include <vector>
 
@@ -285,7 +287,7 @@ TEST(IrcString, EscapedString)
             {"single space", u" "_s, u" "_s},
             {"empty", u""_s, u""_s},
         },
-        irc::escapedString);
+        [](QStringView s) { return irc::escapedString(s); });
 }
 
 TEST(IrcString, JavascriptString)
@@ -301,6 +303,40 @@ TEST(IrcString, JavascriptString)
             {"empty", u""_s, u""_s},
         },
         irc::javascriptString);
+}
+
+TEST(IrcString, EscapingMatchesOrderedReplacementsOnRandomText)
+{
+    // The definition of both escapes is a chain of whole-string replacements;
+    // QString::replace is an independent implementation of each step.
+    const char16_t alphabet[] = {u' ',  u' ',  u' ',  u'&',  u'<', u'>',   u'a',   u'b',  u'"',
+                                 u'\'', u'\r', u'\n', u'\\', u';', 0x0120, 0x013C, 0x2026};
+    QRandomGenerator random(4242);
+    for (int round = 0; round < 2000; ++round) {
+        QString text;
+        const int length = random.bounded(0, 48);
+        for (int i = 0; i < length; ++i)
+            text += QChar(alphabet[random.bounded(int(std::size(alphabet)))]);
+        SCOPED_TRACE(testing::Message() << "round " << round);
+
+        const QString html = QString(text)
+                                 .replace(u"&"_s, u"&amp;"_s)
+                                 .replace(u"  "_s, u" &nbsp;"_s)
+                                 .replace(u"<"_s, u"&lt;"_s)
+                                 .replace(u">"_s, u"&gt;"_s);
+        ASSERT_EQ(irc::escapedString(text), html);
+        ASSERT_EQ(irc::escapedString(QStringView(text)), html);
+        if (html == text && !text.isEmpty()) {
+            ASSERT_TRUE(irc::escapedString(text).isSharedWith(text));
+        }
+
+        const QString script = QString(text)
+                                   .replace(u"\""_s, u"\\\""_s)
+                                   .replace(u"'"_s, u"\\'"_s)
+                                   .replace(u"\r"_s, QString())
+                                   .replace(u"\n"_s, QString());
+        ASSERT_EQ(irc::javascriptString(text), script);
+    }
 }
 
 } // namespace
