@@ -33,12 +33,23 @@ enum class Form : quint8
     Utf32LE,
 };
 
+// Which converter a character set goes to first. ICU follows the platform's
+// (Apple's) tables for its own encodings, such as the euro sign in Mac OS
+// Cyrillic; its IBM code pages, though, move the control characters 0x1A,
+// 0x1C and 0x7F around, which the C library's tables (Microsoft's) do not.
+enum class Prefer : quint8
+{
+    Icu,
+    Iconv,
+};
+
 struct Entry
 {
     StringEncoding encoding;
     Form form;
     const char *charset;
     const char *name;
+    Prefer prefer = Prefer::Icu;
 };
 
 // CoreFoundation numbers for encodings without a constant of their own carry
@@ -66,54 +77,52 @@ constexpr Entry Table[] = {
     {WindowsCP1252StringEncoding, Form::Charset, "windows-1252", "Western (Windows Latin 1)"},
     {MacOSRomanStringEncoding, Form::Charset, "macintosh", "Western (Mac OS Roman)"},
     {cf(0x0203), Form::Charset, "ISO-8859-3", "Western (ISO Latin 3)"},
-    {cf(0x0410), Form::Charset, "IBM850", "Western (DOS Latin 1)"},
-    {cf(0x0400), Form::Charset, "IBM437", "Latin-US (DOS)"},
-    {cf(0x0415), Form::Charset, "IBM860", "Portuguese (DOS)"},
-    {cf(0x0418), Form::Charset, "IBM863", "Canadian French (DOS)"},
+    {cf(0x0410), Form::Charset, "IBM850", "Western (DOS Latin 1)", Prefer::Iconv},
+    {cf(0x0400), Form::Charset, "IBM437", "Latin-US (DOS)", Prefer::Iconv},
+    {cf(0x0415), Form::Charset, "IBM860", "Portuguese (DOS)", Prefer::Iconv},
+    {cf(0x0418), Form::Charset, "IBM863", "Canadian French (DOS)", Prefer::Iconv},
     {cf(0x020E), Form::Charset, "ISO-8859-14", "Celtic (ISO Latin 8)"},
     {cf(0x020A), Form::Charset, "ISO-8859-10", "Nordic (ISO Latin 6)"},
-    {cf(0x041A), Form::Charset, "IBM865", "Nordic (DOS)"},
-    {cf(0x0416), Form::Charset, "IBM861", "Icelandic (DOS)"},
-    {cf(0x0025), Form::Charset, "MAC-IS", "Icelandic (Mac OS)"},
+    {cf(0x041A), Form::Charset, "IBM865", "Nordic (DOS)", Prefer::Iconv},
+    {cf(0x0416), Form::Charset, "IBM861", "Icelandic (DOS)", Prefer::Iconv},
     {ISOLatin2StringEncoding, Form::Charset, "ISO-8859-2", "Central European (ISO Latin 2)"},
     {cf(0x0204), Form::Charset, "ISO-8859-4", "Central European (ISO Latin 4)"},
     {WindowsCP1250StringEncoding, Form::Charset, "windows-1250", "Central European (Windows Latin 2)"},
     {cf(0x001D), Form::Charset, "MAC-CENTRALEUROPE", "Central European (Mac OS)"},
-    {cf(0x0412), Form::Charset, "IBM852", "Central European (DOS Latin 2)"},
+    {cf(0x0412), Form::Charset, "IBM852", "Central European (DOS Latin 2)", Prefer::Iconv},
     {cf(0x0210), Form::Charset, "ISO-8859-16", "Romanian (ISO Latin 10)"},
     {cf(0x020D), Form::Charset, "ISO-8859-13", "Baltic (ISO Latin 7)"},
     {cf(0x0507), Form::Charset, "windows-1257", "Baltic (Windows)"},
-    {cf(0x0406), Form::Charset, "IBM775", "Baltic (DOS)"},
+    {cf(0x0406), Form::Charset, "IBM775", "Baltic (DOS)", Prefer::Iconv},
     {KOI8RStringEncoding, Form::Charset, "KOI8-R", "Cyrillic (KOI8-R)"},
     {WindowsCP1251StringEncoding, Form::Charset, "windows-1251", "Cyrillic (Windows)"},
     {cf(0x0205), Form::Charset, "ISO-8859-5", "Cyrillic (ISO 8859-5)"},
     {cf(0x0007), Form::Charset, "MAC-CYRILLIC", "Cyrillic (Mac OS)"},
-    {cf(0x0413), Form::Charset, "IBM855", "Cyrillic (DOS)"},
-    {cf(0x041B), Form::Charset, "IBM866", "Russian (DOS)"},
+    {cf(0x0413), Form::Charset, "IBM855", "Cyrillic (DOS)", Prefer::Iconv},
+    {cf(0x041B), Form::Charset, "IBM866", "Russian (DOS)", Prefer::Iconv},
     {cf(0x0A08), Form::Charset, "KOI8-U", "Ukrainian (KOI8-U)"},
     {cf(0x0098), Form::Charset, "MACUKRAINIAN", "Ukrainian (Mac OS)"},
     {cf(0x0207), Form::Charset, "ISO-8859-7", "Greek (ISO 8859-7)"},
     {WindowsCP1253StringEncoding, Form::Charset, "windows-1253", "Greek (Windows)"},
     {cf(0x0006), Form::Charset, "x-mac-greek", "Greek (Mac OS)"},
-    {cf(0x0405), Form::Charset, "CP737", "Greek (DOS)"},
-    {cf(0x041C), Form::Charset, "IBM869", "Greek (DOS Greek 2)"},
+    {cf(0x0405), Form::Charset, "CP737", "Greek (DOS)", Prefer::Iconv},
+    {cf(0x041C), Form::Charset, "IBM869", "Greek (DOS Greek 2)", Prefer::Iconv},
     {cf(0x0209), Form::Charset, "ISO-8859-9", "Turkish (ISO Latin 5)"},
     {WindowsCP1254StringEncoding, Form::Charset, "windows-1254", "Turkish (Windows Latin 5)"},
     {cf(0x0023), Form::Charset, "x-mac-turkish", "Turkish (Mac OS)"},
-    {cf(0x0414), Form::Charset, "IBM857", "Turkish (DOS)"},
+    {cf(0x0414), Form::Charset, "IBM857", "Turkish (DOS)", Prefer::Iconv},
     {cf(0x0208), Form::Charset, "ISO-8859-8", "Hebrew (ISO 8859-8)"},
     {cf(0x0505), Form::Charset, "windows-1255", "Hebrew (Windows)"},
-    {cf(0x0417), Form::Charset, "IBM862", "Hebrew (DOS)"},
+    {cf(0x0417), Form::Charset, "IBM862", "Hebrew (DOS)", Prefer::Iconv},
     {cf(0x0206), Form::Charset, "ISO-8859-6", "Arabic (ISO 8859-6)"},
     {cf(0x0506), Form::Charset, "windows-1256", "Arabic (Windows)"},
-    {cf(0x0419), Form::Charset, "IBM864", "Arabic (DOS)"},
-    {cf(0x020B), Form::Charset, "TIS-620", "Thai (ISO 8859-11)"},
+    {cf(0x0419), Form::Charset, "IBM864", "Arabic (DOS)", Prefer::Iconv},
+    {cf(0x020B), Form::Charset, "ISO-8859-11", "Thai (ISO 8859-11)"},
     {cf(0x041D), Form::Charset, "windows-874", "Thai (Windows, DOS)"},
     {cf(0x0508), Form::Charset, "windows-1258", "Vietnamese (Windows)"},
     {cf(0x0A07), Form::Charset, "VISCII", "Vietnamese (VISCII)"},
     {ShiftJISStringEncoding, Form::Charset, "windows-31j", "Japanese (Windows, DOS)"},
     {cf(0x0A01), Form::Charset, "Shift_JIS", "Japanese (Shift JIS)"},
-    {cf(0x0628), Form::Charset, "SHIFT_JISX0213", "Japanese (Shift JIS X0213)"},
     {JapaneseEUCStringEncoding, Form::Charset, "EUC-JP", "Japanese (EUC)"},
     {ISO2022JPStringEncoding, Form::Charset, "ISO-2022-JP", "Japanese (ISO 2022-JP)"},
     {cf(0x0822), Form::Charset, "ISO-2022-JP-1", "Japanese (ISO 2022-JP-1)"},
@@ -145,17 +154,31 @@ enum class Converter : quint8
     Iconv,
 };
 
+bool icuConverts(const char *charset)
+{
+    return QStringDecoder(charset).isValid() && QStringEncoder(charset).isValid();
+}
+
+bool iconvConverts(const char *charset)
+{
+    iconv_t probe = iconv_open("UTF-8", charset);
+    if (probe == iconv_t(-1))
+        return false;
+    iconv_close(probe);
+    return true;
+}
+
 Converter probeConverter(const Entry &entry)
 {
     if (entry.form != Form::Charset)
         return Converter::Builtin;
-    if (QStringDecoder(entry.charset).isValid() && QStringEncoder(entry.charset).isValid())
+    if (entry.prefer == Prefer::Iconv && iconvConverts(entry.charset))
+        return Converter::Iconv;
+    if (icuConverts(entry.charset))
         return Converter::Icu;
-    iconv_t probe = iconv_open("UTF-8", entry.charset);
-    if (probe == iconv_t(-1))
-        return Converter::None;
-    iconv_close(probe);
-    return Converter::Iconv;
+    if (iconvConverts(entry.charset))
+        return Converter::Iconv;
+    return Converter::None;
 }
 
 const std::vector<Converter> &converters()
@@ -308,11 +331,18 @@ QString decodeIcu(const char *charset, QByteArrayView bytes)
 
 QByteArray encodeIcu(const char *charset, QStringView text)
 {
-    QStringEncoder encoder(charset, QStringEncoder::Flag::Stateless);
+    QStringEncoder encoder(charset);
     QByteArray bytes = encoder.encode(text);
     if (encoder.hasError())
         return {};
-    return bytes.isNull() ? QByteArray("") : bytes;
+    // Qt never asks ICU to flush, so a stateful encoding (ISO 2022, HZ,
+    // UTF-7) would end in its last shift state. One more "A" makes the
+    // encoder return to ASCII first; the "A" itself is dropped.
+    const QByteArray closing = encoder.encode(u"A");
+    if (encoder.hasError() || !closing.endsWith('A'))
+        return {};
+    bytes += closing.chopped(1);
+    return bytes;
 }
 
 // Runs one whole conversion through iconv; false on an invalid or
