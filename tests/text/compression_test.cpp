@@ -1,0 +1,254 @@
+// zlib and gzip compression: round trips, Python's zlib and gzip modules as
+// an independent reader and writer, and damaged or mislabelled input.
+
+#include "text/compression.h"
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <gtest/gtest.h>
+#include <random>
+
+using namespace compression;
+
+namespace {
+
+QByteArray hex(const char *digits)
+{
+    return QByteArray::fromHex(digits);
+}
+
+std::string describe(const QByteArray &bytes)
+{
+    if (bytes.isNull())
+        return "(null)";
+    if (bytes.size() > 64)
+        return std::to_string(bytes.size()) + " bytes";
+    return bytes.toHex().toStdString();
+}
+
+QByteArray chatText(qsizetype size)
+{
+    static const char *lines[] = {"<alice> did anyone see the build break?\n",
+                                  "<bob> yes, fixed in the last commit\n", "* carol waves at everyone\n",
+                                  "<dave> naïve café résumé — ünïcødé 😀\n"};
+    QByteArray out;
+    for (int i = 0; out.size() < size; ++i)
+        out += lines[(i * 7) % 4];
+    out.truncate(size);
+    return out;
+}
+
+QByteArray randomBytes(qsizetype size)
+{
+    std::mt19937 random(424242);
+    QByteArray out(size, Qt::Uninitialized);
+    for (char &c : out)
+        c = char(random());
+    return out;
+}
+
+struct Input
+{
+    const char *name;
+    QByteArray data;
+};
+
+const std::vector<Input> &inputs()
+{
+    static const std::vector<Input> list = [] {
+        QByteArray binary;
+        for (int i = 0; i < 4096; ++i)
+            binary += char(i & 0xFF);
+        return std::vector<Input>{
+            {"OneByte", QByteArray("x")},    {"ChatLine", QByteArray("PRIVMSG #zintaro :hello there\r\n")},
+            {"ChatLog", chatText(200000)},   {"Zeros", QByteArray(4 * 1024 * 1024, '\0')},
+            {"Random", randomBytes(100000)}, {"Binary", binary},
+        };
+    }();
+    return list;
+}
+
+// ---- round trips ----
+
+TEST(CompressionRoundTrip, EveryWrapperReadsBackItsOwnOutput)
+{
+    for (const Input &input : inputs()) {
+        SCOPED_TRACE(input.name);
+        const QByteArray zlib = zlibDeflate(input.data);
+        const QByteArray gzip = gzipDeflate(input.data);
+        ASSERT_FALSE(zlib.isEmpty());
+        ASSERT_FALSE(gzip.isEmpty());
+        EXPECT_TRUE(zlib.startsWith(hex("789c"))) << describe(zlib.left(4));
+        EXPECT_TRUE(gzip.startsWith(hex("1f8b08"))) << describe(gzip.left(4));
+        EXPECT_EQ(zlibInflate(zlib), input.data);
+        EXPECT_EQ(gzipInflate(gzip), input.data);
+        // The gzip reader detects a zlib header too; the zlib reader does not
+        // accept a gzip header.
+        EXPECT_EQ(gzipInflate(zlib), input.data);
+        EXPECT_TRUE(zlibInflate(gzip).isNull());
+    }
+}
+
+TEST(CompressionRoundTrip, EmptyInputIsAnsweredAsItIs)
+{
+    const QByteArray null;
+    const QByteArray empty("");
+    for (auto *operation : {&zlibInflate, &gzipInflate, &zlibDeflate, &gzipDeflate}) {
+        EXPECT_TRUE(operation(null).isNull());
+        const QByteArray result = operation(empty);
+        EXPECT_TRUE(result.isEmpty());
+        EXPECT_FALSE(result.isNull());
+        EXPECT_EQ(result.constData(), empty.constData());
+    }
+}
+
+TEST(CompressionRoundTrip, HighRatioStreamInflatesCompletely)
+{
+    // 64 MB of one byte deflate to about 64 KB: the output outgrows the
+    // first buffer a thousand times over.
+    const QByteArray big(64 * 1024 * 1024, 'z');
+    const QByteArray packed = zlibDeflate(big);
+    EXPECT_LT(packed.size(), 100 * 1024);
+    const QByteArray unpacked = zlibInflate(packed);
+    EXPECT_EQ(unpacked.size(), big.size());
+    EXPECT_TRUE(unpacked == big);
+}
+
+// ---- Python's zlib and gzip as the other side ----
+
+// Reads what we wrote, writes what we must read: for every name, raw_<name>
+// holds the data, ours_zlib_<name> and ours_gzip_<name> our output; the
+// script checks those and writes py_zlib_<name> and py_gzip_<name>.
+const char *oracleScript = R"PY(
+import gzip, os, sys, zlib
+folder = sys.argv[1]
+def read(name):
+    with open(os.path.join(folder, name), 'rb') as f:
+        return f.read()
+def write(name, data):
+    with open(os.path.join(folder, name), 'wb') as f:
+        f.write(data)
+for name in sys.argv[2:]:
+    raw = read('raw_' + name)
+    zlib_ok = zlib.decompress(read('ours_zlib_' + name)) == raw
+    gzip_ok = gzip.decompress(read('ours_gzip_' + name)) == raw
+    write('py_zlib_' + name, zlib.compress(raw, 9))
+    write('py_gzip_' + name, gzip.compress(raw, compresslevel=1, mtime=1700000000))
+    print(name, 'zlib' if zlib_ok else 'ZLIB-MISMATCH', 'gzip' if gzip_ok else 'GZIP-MISMATCH')
+)PY";
+
+TEST(CompressionAgainstPython, BothDirectionsAgree)
+{
+    const QString python = QStandardPaths::findExecutable(QStringLiteral("python3"));
+    if (python.isEmpty())
+        GTEST_SKIP() << "python3 is not installed";
+    QTemporaryDir folder;
+    ASSERT_TRUE(folder.isValid());
+    const auto write = [&](const QString &name, const QByteArray &data) {
+        QFile file(folder.filePath(name));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        ASSERT_EQ(file.write(data), data.size());
+    };
+    QStringList arguments{QStringLiteral("-c"), QString::fromUtf8(oracleScript), folder.path()};
+    for (const Input &input : inputs()) {
+        const QString name = QString::fromLatin1(input.name);
+        write(QStringLiteral("raw_") + name, input.data);
+        write(QStringLiteral("ours_zlib_") + name, zlibDeflate(input.data));
+        write(QStringLiteral("ours_gzip_") + name, gzipDeflate(input.data));
+        arguments << name;
+    }
+
+    QProcess process;
+    process.start(python, arguments);
+    ASSERT_TRUE(process.waitForFinished(120000));
+    ASSERT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
+    const QStringList report =
+        QString::fromUtf8(process.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts);
+
+    ASSERT_EQ(report.size(), qsizetype(inputs().size()));
+    for (const Input &input : inputs()) {
+        SCOPED_TRACE(input.name);
+        const QString name = QString::fromLatin1(input.name);
+        EXPECT_TRUE(report.contains(name + QStringLiteral(" zlib gzip"))) << report.join(u'\n').toStdString();
+        QFile zlibFile(folder.filePath(QStringLiteral("py_zlib_") + name));
+        QFile gzipFile(folder.filePath(QStringLiteral("py_gzip_") + name));
+        ASSERT_TRUE(zlibFile.open(QIODevice::ReadOnly) && gzipFile.open(QIODevice::ReadOnly));
+        const QByteArray theirZlib = zlibFile.readAll();
+        const QByteArray theirGzip = gzipFile.readAll();
+        EXPECT_TRUE(zlibInflate(theirZlib) == input.data);
+        EXPECT_TRUE(gzipInflate(theirGzip) == input.data);
+        EXPECT_TRUE(gzipInflate(theirZlib) == input.data);
+    }
+}
+
+// ---- damaged and mislabelled input ----
+
+struct DamagedRow
+{
+    const char *name;
+    QByteArray input;
+    QByteArray (*operation)(const QByteArray &);
+    QByteArray expected; // null: the operation fails
+};
+
+void PrintTo(const DamagedRow &row, std::ostream *os)
+{
+    *os << row.name;
+}
+
+class CompressionDamaged : public ::testing::TestWithParam<DamagedRow>
+{
+};
+
+TEST_P(CompressionDamaged, Inflates)
+{
+    const DamagedRow &row = GetParam();
+    const QByteArray result = row.operation(row.input);
+    EXPECT_EQ(describe(result), describe(row.expected));
+}
+
+const QByteArray hello = QByteArray("hello");
+const QByteArray helloZlib = hex("789ccb48cdc9c90700062c0215");
+
+QByteArray flipped(QByteArray bytes, qsizetype at)
+{
+    bytes[at] = char(bytes[at] ^ 0x55);
+    return bytes;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, CompressionDamaged,
+    ::testing::Values(
+        DamagedRow{"ZlibWhole", helloZlib, &zlibInflate, hello},
+        DamagedRow{"ZlibMissingChecksumByte", helloZlib.chopped(1), &zlibInflate, {}},
+        DamagedRow{"ZlibMissingChecksum", helloZlib.chopped(4), &zlibInflate, {}},
+        DamagedRow{"ZlibHeaderOnly", hex("789c"), &zlibInflate, {}},
+        DamagedRow{"ZlibHalf", zlibDeflate(chatText(5000)).left(40), &zlibInflate, {}},
+        DamagedRow{"ZlibWrongChecksum", flipped(helloZlib, helloZlib.size() - 1), &zlibInflate, {}},
+        DamagedRow{"ZlibDamagedData", flipped(zlibDeflate(chatText(5000)), 30), &zlibInflate, {}},
+        DamagedRow{"ZlibBadHeader", flipped(helloZlib, 1), &zlibInflate, {}},
+        DamagedRow{"ZlibTrailingBytesIgnored", helloZlib + "junk", &zlibInflate, hello},
+        DamagedRow{"ZlibEmptyStream", hex("789c030000000001"), &zlibInflate, QByteArray("")},
+        DamagedRow{"ZlibPresetDictionary", hex("78bb1a0b045dcb403015c06c003b200691"), &zlibInflate, {}},
+        DamagedRow{"ZlibRawDeflate", hex("cb48cdc9c90700"), &zlibInflate, {}},
+        DamagedRow{"GzipRawDeflate", hex("cb48cdc9c90700"), &gzipInflate, {}},
+        DamagedRow{"GzipAcceptsZlib", helloZlib, &gzipInflate, hello},
+        DamagedRow{"GzipMissingTrailer", gzipDeflate(hello).chopped(8), &gzipInflate, {}},
+        DamagedRow{"GzipMissingLastByte", gzipDeflate(hello).chopped(1), &gzipInflate, {}},
+        DamagedRow{
+            "GzipWrongLength", flipped(gzipDeflate(hello), gzipDeflate(hello).size() - 2), &gzipInflate, {}},
+        DamagedRow{"GzipHeaderOnly", gzipDeflate(hello).left(10), &gzipInflate, {}},
+        DamagedRow{"GzipEmptyMember", hex("1f8b080000000000020303000000000000000000"), &gzipInflate,
+                   QByteArray("")},
+        DamagedRow{"GzipFirstMemberOnly", gzipDeflate("first") + gzipDeflate("second"), &gzipInflate,
+                   QByteArray("first")},
+        DamagedRow{"GzipToZlibReader", gzipDeflate(hello), &zlibInflate, {}},
+        DamagedRow{"PlainTextZlib", QByteArray("hello world"), &zlibInflate, {}},
+        DamagedRow{"PlainTextGzip", QByteArray("hello world"), &gzipInflate, {}},
+        DamagedRow{"SingleByte", QByteArray("x"), &gzipInflate, {}}),
+    [](const ::testing::TestParamInfo<DamagedRow> &info) { return std::string(info.param.name); });
+
+} // namespace
