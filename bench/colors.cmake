@@ -6,7 +6,8 @@
 zt_add_bench(bench_colors ${CMAKE_CURRENT_SOURCE_DIR}/colors.cpp)
 target_include_directories(bench_colors PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 
-find_file(ZT_QT5_CORE_CONFIG Qt5CoreConfig.cmake PATH_SUFFIXES cmake/Qt5Core lib/cmake/Qt5Core)
+find_file(ZT_QT5_CORE_CONFIG Qt5CoreConfig.cmake
+  PATHS ${Qt6_DIR}/../Qt5Core /usr/lib/${CMAKE_LIBRARY_ARCHITECTURE}/cmake/Qt5Core /usr/lib/cmake/Qt5Core)
 find_library(ZT_COMMUNI_UTIL_LIBRARY IrcUtil)
 if(ZT_QT5_CORE_CONFIG AND ZT_COMMUNI_UTIL_LIBRARY)
   include(ExternalProject)

@@ -130,10 +130,16 @@ inline void appendCode(std::string &line, Random &random)
     case 2: { // colour, sometimes with a background, one or two digits
         line += '\x03';
         const unsigned fg = random.below(16);
-        line += (fg >= 10 || random.below(2)) ? std::to_string(fg / 10) + std::to_string(fg % 10)
-                                              : std::to_string(fg);
-        if (random.below(3) == 0)
-            line += "," + std::to_string(random.below(16));
+        if (fg >= 10 || random.below(2))
+            line += char('0' + fg / 10);
+        line += char('0' + fg % 10);
+        if (random.below(3) == 0) {
+            const unsigned bg = random.below(16);
+            line += ',';
+            if (bg >= 10)
+                line += char('0' + bg / 10);
+            line += char('0' + bg % 10);
+        }
         break;
     }
     case 3:
