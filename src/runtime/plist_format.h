@@ -25,6 +25,7 @@
 // Object references are objectRefSize-byte big-endian indexes into the offset
 // table.
 
+#include <QtEndian>
 #include <QtGlobal>
 #include <cstring>
 
@@ -73,10 +74,22 @@ inline constexpr quint8 widthLog2(int width)
 
 inline quint64 readBigEndian(const uchar *p, int width)
 {
-    quint64 v = 0;
-    for (int i = 0; i < width; ++i)
-        v = (v << 8) | p[i];
-    return v;
+    switch (width) {
+    case 1:
+        return p[0];
+    case 2:
+        return qFromBigEndian<quint16>(p);
+    case 4:
+        return qFromBigEndian<quint32>(p);
+    case 8:
+        return qFromBigEndian<quint64>(p);
+    default: {
+        quint64 v = 0;
+        for (int i = 0; i < width; ++i)
+            v = (v << 8) | p[i];
+        return v;
+    }
+    }
 }
 
 inline void writeBigEndian(uchar *p, quint64 v, int width)

@@ -29,6 +29,70 @@ using namespace format;
 // The reader recurses once per container level.
 constexpr int HardDepthLimit = 4096;
 
+bool isAscii(const uchar *p, quint64 n)
+{
+    quint64 all = 0;
+    quint64 i = 0;
+    for (; n - i >= 8; i += 8) {
+        quint64 word;
+        std::memcpy(&word, p + i, 8);
+        all |= word;
+    }
+    for (; i < n; ++i)
+        all |= p[i];
+    return !(all & 0x8080808080808080ULL);
+}
+
+// Dictionary keys repeat from one message to the next, so short ASCII keys
+// are kept in a small direct-mapped cache per thread and handed out as shared
+// copies instead of being allocated for every dictionary. An entry keeps the
+// key's bytes, so a hit costs a byte comparison and a reference count.
+class KeyCache
+{
+public:
+    QString get(const uchar *p, qsizetype n)
+    {
+        const char *chars = reinterpret_cast<const char *>(p);
+        if (n > MaxLength)
+            return QString::fromLatin1(chars, n);
+        Entry &e = m_entries[slotFor(p, n)];
+        if (e.length != n || std::memcmp(e.bytes, p, size_t(n)) != 0) {
+            e.key = QString::fromLatin1(chars, n);
+            std::memcpy(e.bytes, p, size_t(n));
+            e.length = n;
+        }
+        return e.key;
+    }
+
+private:
+    static constexpr qsizetype MaxLength = 40;
+    static constexpr quint64 Size = 256;
+
+    // Length and the first and last eight bytes pick the slot.
+    static quint64 slotFor(const uchar *p, qsizetype n)
+    {
+        quint64 head = 0, tail = 0;
+        if (n >= 8) {
+            std::memcpy(&head, p, 8);
+            std::memcpy(&tail, p + n - 8, 8);
+        } else {
+            for (qsizetype i = 0; i < n; ++i)
+                head = (head << 8) | p[i];
+        }
+        return detail::mix(head ^ (tail * 0x9e3779b97f4a7c15ULL) ^ quint64(n)) & (Size - 1);
+    }
+
+    struct Entry
+    {
+        qsizetype length = -1;
+        char bytes[MaxLength];
+        QString key;
+    };
+    Entry m_entries[Size];
+};
+
+thread_local KeyCache keyCache;
+
 class Reader
 {
 public:
@@ -57,24 +121,24 @@ private:
         Placed placed;
     };
 
-    bool fail(const QString &what);
-    bool failAt(quint64 offset, const QString &what);
+    Q_DECL_COLD_FUNCTION bool fail(const QString &what);
+    Q_DECL_COLD_FUNCTION bool failAt(quint64 offset, const QString &what);
     bool parseTrailer();
-    bool objectOffset(quint64 index, quint64 &offset);
-    bool readCount(quint64 &pos, quint8 marker, quint64 &count);
-    bool readRef(const uchar *p, quint64 &ref);
+    Q_ALWAYS_INLINE bool objectOffset(quint64 index, quint64 &offset);
+    Q_ALWAYS_INLINE bool readCount(quint64 &pos, quint8 marker, quint64 &count);
+    Q_ALWAYS_INLINE bool readRef(const uchar *p, quint64 &ref);
 
     //! Decodes object `index` into `out`. `level` is the container level the
     //! object would have. The caller records where the value finally lives
     //! with place().
     bool value(quint64 index, int level, QVariant &out);
     bool key(quint64 index, QString &out);
-    bool enter(quint64 index, int level, bool &cached);
+    Q_ALWAYS_INLINE bool enter(quint64 index, int level, bool &cached);
     void place(quint64 index, const QVariant *where);
     void place(quint64 index, const QString *where);
 
     bool decode(quint64 index, int level, QVariant &out);
-    bool decodeString(quint64 pos, quint8 marker, QString &out);
+    bool decodeString(quint64 pos, quint8 marker, QString &out, bool isKey);
     bool decodeArray(quint64 index, quint64 pos, quint8 marker, int level, QVariant &out);
     bool decodeDict(quint64 index, quint64 pos, quint8 marker, int level, QVariant &out);
 
@@ -146,7 +210,7 @@ bool Reader::parseTrailer()
     return true;
 }
 
-bool Reader::objectOffset(quint64 index, quint64 &offset)
+Q_ALWAYS_INLINE bool Reader::objectOffset(quint64 index, quint64 &offset)
 {
     offset = readBigEndian(m_data + m_tableOffset + index * quint64(m_offsetSize), m_offsetSize);
     if (offset < quint64(MagicSize) || offset >= m_tableOffset)
@@ -154,7 +218,7 @@ bool Reader::objectOffset(quint64 index, quint64 &offset)
     return true;
 }
 
-bool Reader::readRef(const uchar *p, quint64 &ref)
+Q_ALWAYS_INLINE bool Reader::readRef(const uchar *p, quint64 &ref)
 {
     ref = readBigEndian(p, m_refSize);
     if (ref >= m_count)
@@ -163,7 +227,7 @@ bool Reader::readRef(const uchar *p, quint64 &ref)
 }
 
 // pos is just past the marker; on return it is past the count.
-bool Reader::readCount(quint64 &pos, quint8 marker, quint64 &count)
+Q_ALWAYS_INLINE bool Reader::readCount(quint64 &pos, quint8 marker, quint64 &count)
 {
     const quint8 low = marker & 0x0F;
     if (low != ExtendedCount) {
@@ -183,7 +247,7 @@ bool Reader::readCount(quint64 &pos, quint8 marker, quint64 &count)
     return true;
 }
 
-bool Reader::enter(quint64 index, int level, bool &cached)
+Q_ALWAYS_INLINE bool Reader::enter(quint64 index, int level, bool &cached)
 {
     Slot &slot = m_slots[qsizetype(index)];
     if (slot.state == State::Decoding)
@@ -263,10 +327,10 @@ bool Reader::key(quint64 index, QString &out)
     // value, decoded before that, may be this very string.
     slot.weight = 1;
     slot.height = 0;
-    return decodeString(pos, marker, out);
+    return decodeString(pos, marker, out, true);
 }
 
-bool Reader::decodeString(quint64 pos, quint8 marker, QString &out)
+bool Reader::decodeString(quint64 pos, quint8 marker, QString &out, bool isKey)
 {
     const quint64 start = pos;
     ++pos;
@@ -282,12 +346,10 @@ bool Reader::decodeString(quint64 pos, quint8 marker, QString &out)
             out = QStringLiteral("");
             return true;
         }
-        uchar all = 0;
-        for (quint64 i = 0; i < n; ++i)
-            all |= p[i];
-        if (all & 0x80)
+        if (!isAscii(p, n))
             return failAt(start, QStringLiteral("ASCII string holds a byte above 0x7f"));
-        out = QString::fromLatin1(reinterpret_cast<const char *>(p), qsizetype(n));
+        out = isKey ? keyCache.get(p, qsizetype(n))
+                    : QString::fromLatin1(reinterpret_cast<const char *>(p), qsizetype(n));
         return true;
     }
     if (n > left / 2)
@@ -463,7 +525,7 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
     case AsciiString:
     case Utf16String: {
         QString s;
-        if (!decodeString(pos, marker, s))
+        if (!decodeString(pos, marker, s, false))
             return false;
         out = QVariant(s);
         break;

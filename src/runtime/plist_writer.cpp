@@ -62,28 +62,8 @@ constexpr qsizetype countSize(qsizetype n)
     return n < ExtendedCount ? 0 : 1 + byteWidth(quint64(n));
 }
 
-constexpr quint64 mix(quint64 h)
-{
-    h ^= h >> 33;
-    h *= 0xff51afd7ed558ccdULL;
-    h ^= h >> 33;
-    h *= 0xc4ceb9fe1a85ec53ULL;
-    h ^= h >> 33;
-    return h;
-}
-
-quint64 hashBytes(const uchar *p, qsizetype n, quint64 seed)
-{
-    quint64 h = seed ^ (quint64(n) * 0x9e3779b97f4a7c15ULL);
-    for (; n >= 8; p += 8, n -= 8) {
-        quint64 w;
-        std::memcpy(&w, p, 8);
-        h = (h ^ mix(w)) * 0x100000001b3ULL;
-    }
-    quint64 tail = 0;
-    std::memcpy(&tail, p, size_t(n));
-    return mix(h ^ tail);
-}
+using detail::hashBytes;
+using detail::mix;
 
 class Writer
 {
