@@ -3,6 +3,8 @@
 #include "runtime/exception.h"
 #include "runtime/format.h"
 
+#include <QDebug>
+
 namespace zt {
 
 void TextAttributes::merge(const TextAttributes &other)

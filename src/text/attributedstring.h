@@ -7,12 +7,13 @@
 #include "zt_export.h"
 
 #include <QColor>
-#include <QDebug>
 #include <QFont>
 #include <QList>
 #include <QString>
 
 #include <optional>
+
+class QDebug;
 
 namespace zt {
 

@@ -22,8 +22,9 @@ ZT_EXPORT QString stringByRemovingPrivileges(QStringView nick);
 //! longer than one code unit; a string of underscores keeps exactly one.
 ZT_EXPORT void removeUnderscores(QString &nick);
 
-//! The login name of the user running the process (the password database's
-//! entry for the real user id, else $USER / $LOGNAME). Looked up once.
+//! The login name of the user running the process: the password database's
+//! entry for the real user id, else $USER, else $LOGNAME, else the numeric
+//! user id (never empty). Looked up once per process.
 ZT_EXPORT QString loginName();
 
 //! The next nickname to try after the server refused `nick`:
