@@ -4,7 +4,6 @@
 #include "colors_corpus.h"
 
 #include <IrcTextFormat>
-#include <QCoreApplication>
 #include <QString>
 #include <QStringList>
 
@@ -79,13 +78,4 @@ BENCHMARK(BM_Libcommuni_ToHtml);
 BENCHMARK(BM_Libcommuni_ToPlainText);
 BENCHMARK(BM_Libcommuni_ToHtmlStyledLines);
 
-int main(int argc, char **argv)
-{
-    QCoreApplication app(argc, argv);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
-}
+BENCHMARK_MAIN();
