@@ -78,7 +78,7 @@ qsizetype AsyncSocketPrivate::takeBytes(char *dst, qsizetype count)
     lastFromPartial = false;
     if (!socket)
         return 0;
-    return qsizetype(qMax<qint64>(0, socket->read(dst, count)));
+    return qsizetype(qMax<qint64>(0, socket->take(dst, count)));
 }
 
 // The bytes read past a terminator go back in front of the pre-buffer: if

@@ -27,6 +27,23 @@
 
 class AsyncSocketPrivate;
 
+//! The stream: a QSslSocket, plain until startTLS.
+class AsyncSocketStream : public QSslSocket
+{
+public:
+    using QSslSocket::QSslSocket;
+
+    //! Takes up to `count` bytes. While the stream is plain, QIODevice::read()
+    //! would read ahead into the device's own buffer, out of reach of a later
+    //! handshake (the bytes after "STARTTLS\r\n" are the peer's handshake), so
+    //! plain bytes are taken straight from the stream underneath; decrypted
+    //! bytes live in the device buffer and are read from there.
+    qint64 take(char *data, qint64 count)
+    {
+        return mode() == QSslSocket::UnencryptedMode ? readData(data, count) : read(data, count);
+    }
+};
+
 //! A listener that hands each accepted descriptor to its socket.
 class AsyncSocketListener : public QTcpServer
 {
@@ -96,8 +113,8 @@ public:
     bool refusesRequests() const { return disconnectAfterReads || disconnectAfterWrites; }
 
     // ---- opening ----
-    QSslSocket *makeSocket();
-    void attach(QSslSocket *s);
+    AsyncSocketStream *makeSocket();
+    void attach(AsyncSocketStream *s);
     bool adoptDescriptor(qintptr descriptor);
     void postAcceptedSetup();
     void acceptDescriptor(qintptr descriptor);
@@ -160,7 +177,7 @@ public:
     QVariant userData;
     QStringList modes;
 
-    QSslSocket *socket = nullptr;
+    AsyncSocketStream *socket = nullptr;
     AsyncSocketListener *listen4 = nullptr;
     AsyncSocketListener *listen6 = nullptr;
     QString connectHost; // the host name given to connect, for TLS

@@ -102,15 +102,15 @@ void AsyncSocketPrivate::scheduleWork()
 
 // ---- opening ----
 
-QSslSocket *AsyncSocketPrivate::makeSocket()
+AsyncSocketStream *AsyncSocketPrivate::makeSocket()
 {
-    auto *s = new QSslSocket(this);
+    auto *s = new AsyncSocketStream(this);
     // Nagle's algorithm would hold small messages back for the peer's ack.
     s->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     return s;
 }
 
-void AsyncSocketPrivate::attach(QSslSocket *s)
+void AsyncSocketPrivate::attach(AsyncSocketStream *s)
 {
     socket = s;
     connect(s, &QIODevice::readyRead, this, [this] {
@@ -149,7 +149,7 @@ void AsyncSocketPrivate::attach(QSslSocket *s)
 
 bool AsyncSocketPrivate::adoptDescriptor(qintptr descriptor)
 {
-    QSslSocket *s = makeSocket();
+    AsyncSocketStream *s = makeSocket();
     if (!s->setSocketDescriptor(descriptor)) {
         zt::log(ztTransport, u"AsyncSocket: could not take over an accepted connection: %@",
                 s->errorString());

@@ -155,3 +155,76 @@ TEST(StartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLengthRead)
 }
 
 } // namespace
+
+namespace {
+
+// A TLS client that sends "STARTTLS\r\n" and its ClientHello in a single
+// segment, so the handshake's first bytes are already in the server's stream
+// when it reads the line.
+const char *const eagerClient = R"(
+import socket, ssl, sys
+s = socket.create_connection(('127.0.0.1', int(sys.argv[1])))
+ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+ctx.check_hostname = False
+ctx.verify_mode = ssl.CERT_NONE
+incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
+tls = ctx.wrap_bio(incoming, outgoing, server_hostname='localhost')
+def receive():
+    chunk = s.recv(65536)
+    if not chunk:
+        sys.exit('closed by the server')
+    incoming.write(chunk)
+try:
+    tls.do_handshake()
+except ssl.SSLWantReadError:
+    pass
+s.sendall(b'STARTTLS\r\n' + outgoing.read())
+while True:
+    try:
+        tls.do_handshake()
+        s.sendall(outgoing.read())
+        break
+    except ssl.SSLWantReadError:
+        s.sendall(outgoing.read())
+        receive()
+tls.write(b'secret\n')
+s.sendall(outgoing.read())
+reply = b''
+while len(reply) < 6:
+    try:
+        reply += tls.read(6 - len(reply))
+    except ssl.SSLWantReadError:
+        receive()
+print(reply.decode(), end='')
+)";
+
+TEST(StartTLSOnAccept, HandshakeBytesBehindTheLineStayInTheStream)
+{
+    ASSERT_TRUE(credentials().problem.isEmpty());
+    Recorder listenerEvents, serverEvents;
+    listenerEvents.acceptedDelegate = &serverEvents;
+    auto listener = AsyncSocket::createWithDelegate(&listenerEvents);
+    ASSERT_TRUE(listener->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0));
+    serverEvents.onConnect = [](AsyncSocket *s) {
+        s->readDataToDataWithTimeoutTag("\r\n", 10, 1);
+        s->startTLS(serverSettings());
+        s->readDataToDataWithTimeoutTag("\n", 10, 2);
+    };
+    serverEvents.onRead = [](AsyncSocket *s, const QByteArray &, long tag) {
+        if (tag == 2)
+            s->writeDataWithTimeoutTag("reply!", 10, 3);
+    };
+    QProcess client;
+    client.start(QStringLiteral("python3"), {QStringLiteral("-c"), QString::fromLatin1(eagerClient),
+                                             QString::number(listener->localPort())});
+    ASSERT_TRUE(client.waitForStarted(10000));
+    ASSERT_TRUE(waitUntil([&] { return client.state() == QProcess::NotRunning; }, 30000));
+    EXPECT_EQ(client.readAllStandardOutput(), "reply!") << client.readAllStandardError().toStdString();
+    EXPECT_EQ(serverEvents.data, (QList<QByteArray>{"STARTTLS\r\n", "secret\n"}));
+    for (auto &s : listenerEvents.accepted)
+        s->setDelegate(nullptr);
+    listenerEvents.accepted.clear();
+    flushDeferredDeletes();
+}
+
+} // namespace
