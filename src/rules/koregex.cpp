@@ -133,22 +133,28 @@ Ref<KORegexMatch> KORegex::findInString(const QString &string, std::optional<KOR
 {
     ZT_ASSERT(m_regex, QStringLiteral("KORegex used without a compiled pattern"));
     const qsizetype length = string.size();
-    const KORange searched = range.value_or(KORange{0, length});
-    checkRange(searched, length);
+    if (range)
+        checkRange(*range, length);
 
     QVarLengthArray<int, 30> ovector;
     reserveMatchVector(ovector, m_groupCount * 3);
 
     // A miss, the common case, allocates nothing for subjects of ordinary length.
-    QVarLengthArray<char, 1024> utf8(3 * length);
-    const qsizetype size = encodeUtf8(string, utf8.data());
+    char stackBytes[1024];
+    std::unique_ptr<char[]> heapBytes;
+    char *utf8 = stackBytes;
+    if (3 * length > qsizetype(sizeof stackBytes)) {
+        heapBytes.reset(new char[size_t(3 * length)]);
+        utf8 = heapBytes.get();
+    }
+    const qsizetype size = encodeUtf8(string, utf8);
     checkSearchableLength(size);
     const bool ascii = size == length;
-    const ByteRange bytes = byteRange(string, ascii, searched);
+    const ByteRange bytes = range ? byteRange(string, size, *range) : ByteRange{0, size, false};
 
     const int options = PCRE_NO_UTF8_CHECK | (bytes.notEndOfLine ? PCRE_NOTEOL : 0);
-    const int rc = execute(*this, utf8.constData(), int(bytes.end), int(bytes.start), options, ovector.data(),
-                           int(ovector.size()));
+    const int rc =
+        execute(*this, utf8, int(bytes.end), int(bytes.start), options, ovector.data(), int(ovector.size()));
     if (rc == PCRE_ERROR_NOMATCH)
         return {};
     if (rc < 1)
@@ -158,7 +164,7 @@ Ref<KORegexMatch> KORegex::findInString(const QString &string, std::optional<KOR
 
     std::shared_ptr<const SubjectText> subject;
     if (!ascii)
-        subject = std::make_shared<const SubjectText>(string, utf8.constData(), size);
+        subject = std::make_shared<const SubjectText>(string, utf8, size);
     return make<KORegexMatch>(Ref<KORegex>(const_cast<KORegex *>(this)), string, std::move(subject),
                               ovector.constData());
 }
@@ -220,23 +226,32 @@ namespace zt::koregex {
 
 namespace {
 
-// The JIT code runs on a 32 KB stack of its own by default. A search that
-// needs more (deep backtracking over a long subject) is repeated once on a
-// larger stack kept per thread, made on first need; its address space is
-// reserved up front, pages are only used as the search grows into them.
-constexpr int LargeJitStackSize = 16 * 1024 * 1024;
+// JIT code needs a stack of its own; each thread gets one on its first
+// search. Address space for the largest is reserved up front, pages are only
+// used as a search grows into them: deep backtracking over a long subject
+// still completes, far beyond the 32 KB that pcre_exec would lend it.
+constexpr int JitStackStart = 32 * 1024;
+constexpr int JitStackLimit = 16 * 1024 * 1024;
 
-struct JitStackDeleter
+struct JitStackOwner
 {
-    void operator()(pcre_jit_stack *stack) const { pcre_jit_stack_free(stack); }
+    pcre_jit_stack *stack = nullptr;
+    ~JitStackOwner()
+    {
+        if (stack)
+            pcre_jit_stack_free(stack);
+    }
 };
 
-pcre_jit_stack *largeJitStack()
+thread_local pcre_jit_stack *threadJitStack = nullptr;
+
+pcre_jit_stack *allocateThreadJitStack()
 {
-    thread_local std::unique_ptr<pcre_jit_stack, JitStackDeleter> stack;
-    if (!stack)
-        stack.reset(pcre_jit_stack_alloc(32 * 1024, LargeJitStackSize));
-    return stack.get();
+    thread_local JitStackOwner owner;
+    if (!owner.stack)
+        owner.stack = pcre_jit_stack_alloc(JitStackStart, JitStackLimit);
+    threadJitStack = owner.stack;
+    return owner.stack;
 }
 
 // The interpreter recurses on the machine stack, one frame per nested
@@ -277,16 +292,19 @@ int execute(const KORegex &regex, const char *subject, int length, int start, in
 {
     const auto *compiled = static_cast<const ::pcre *>(regex.regex());
     const auto *extra = static_cast<const pcre_extra *>(regex.extra());
-    if (extra && (extra->flags & PCRE_EXTRA_EXECUTABLE_JIT)) {
-        const int rc = pcre_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize);
-        if (rc != PCRE_ERROR_JIT_STACKLIMIT)
-            return rc;
-        pcre_jit_stack *stack = largeJitStack();
-        if (!stack)
-            return rc;
-        return pcre_jit_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize, stack);
+    if (extra && (extra->flags & PCRE_EXTRA_EXECUTABLE_JIT)) [[likely]] {
+        pcre_jit_stack *stack = threadJitStack ? threadJitStack : allocateThreadJitStack();
+        if (stack) [[likely]] {
+            const int rc =
+                pcre_jit_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize, stack);
+            if (rc != PCRE_ERROR_JIT_BADOPTION) [[likely]]
+                return rc;
+        }
     }
+    // No JIT code, JIT code for another matching mode, or no memory for a
+    // JIT stack: the interpreter.
     pcre_extra bounded = extra ? *extra : pcre_extra{};
+    bounded.flags &= ~PCRE_EXTRA_EXECUTABLE_JIT;
     if (!(bounded.flags & PCRE_EXTRA_MATCH_LIMIT_RECURSION)) {
         bounded.flags |= PCRE_EXTRA_MATCH_LIMIT_RECURSION;
         bounded.match_limit_recursion = interpreterRecursionLimit();
@@ -294,7 +312,7 @@ int execute(const KORegex &regex, const char *subject, int length, int start, in
     return pcre_exec(compiled, &bounded, subject, length, start, options, ovector, ovectorSize);
 }
 
-void reserveMatchVector(QVarLengthArray<int, 30> &vector, int items)
+void reserveLargeMatchVector(QVarLengthArray<int, 30> &vector, int items)
 {
     try {
         vector.resize(items);

@@ -15,6 +15,7 @@
 
 #include <QString>
 #include <QVarLengthArray>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -91,10 +92,13 @@ private:
     mutable std::vector<Checkpoint> m_checkpoints;
 };
 
-//! Runs PCRE on behalf of a pattern, passing its study data. A JIT search
-//! that exhausts its stack is repeated on a larger one; an interpreted search
-//! is bounded so that it cannot overflow the thread's stack. Answers
-//! pcre_exec's result.
+//! Runs PCRE on behalf of a pattern, passing its study data, and answers
+//! pcre_exec's result. JIT code is entered directly, on a JIT stack of the
+//! calling thread: the arguments are always valid here (UTF-8 made by
+//! encodeUtf8(), offsets on character boundaries, only PCRE_NO_UTF8_CHECK
+//! and PCRE_NOTEOL), so pcre_exec's checks would only repeat themselves. An
+//! interpreted search is bounded so that it cannot overflow the thread's
+//! stack.
 int execute(const KORegex &regex, const char *subject, int length, int start, int options, int *ovector,
             int ovectorSize);
 
@@ -134,21 +138,34 @@ private:
 void checkRange(const KORange &range, qsizetype length);
 
 //! Raises when a subject's UTF-8 form is longer than PCRE can search.
-void checkSearchableLength(qsizetype bytes);
+[[noreturn]] void raiseUnsearchableLength(qsizetype bytes);
+inline void checkSearchableLength(qsizetype bytes)
+{
+    if (bytes > std::numeric_limits<int>::max()) [[unlikely]]
+        raiseUnsearchableLength(bytes);
+}
 
-//! The byte offsets of a range checked by checkRange(). A range boundary
-//! inside a surrogate pair moves to a character boundary inside the range.
+//! The byte offsets of a range checked by checkRange(), in a string whose
+//! UTF-8 form has `utf8Size` bytes. A range boundary inside a surrogate pair
+//! moves to a character boundary inside the range.
 struct ByteRange
 {
     qsizetype start = 0;
     qsizetype end = 0;
     bool notEndOfLine = false;
 };
-ByteRange byteRange(QStringView string, bool ascii, const KORange &range);
+ByteRange byteRange(QStringView string, qsizetype utf8Size, const KORange &range);
 
-//! Raises "couldn't allocate match vector for %d items" when `items`
-//! integers cannot be reserved.
-void reserveMatchVector(QVarLengthArray<int, 30> &vector, int items);
+//! Sizes `vector` to `items` integers; raises "couldn't allocate match
+//! vector for %d items" when they cannot be reserved.
+void reserveLargeMatchVector(QVarLengthArray<int, 30> &vector, int items);
+inline void reserveMatchVector(QVarLengthArray<int, 30> &vector, int items)
+{
+    if (items <= vector.capacity()) [[likely]]
+        vector.resize(items);
+    else
+        reserveLargeMatchVector(vector, items);
+}
 
 //! The group numbers that carry `name` in the pattern (several with (?J)),
 //! in table order; empty when the pattern has no such group.

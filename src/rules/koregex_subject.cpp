@@ -19,12 +19,13 @@ namespace zt::koregex {
 namespace {
 
 #ifdef __SSE2__
-// True when the 8 code units at `p` are all ASCII.
-inline bool asciiBlock(const char16_t *p, __m128i &units)
+// Loads 8 code units and answers how many of them, from the first, are ASCII.
+inline int asciiPrefix(const char16_t *p, __m128i &units)
 {
     units = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
     const __m128i high = _mm_and_si128(units, _mm_set1_epi16(short(0xFF80)));
-    return _mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128())) == 0xFFFF;
+    const unsigned other = ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128()))) & 0xFFFF;
+    return other ? __builtin_ctz(other) / 2 : 8;
 }
 #endif
 
@@ -58,11 +59,28 @@ qsizetype encodeUtf8(QStringView in, char *out)
     char *dst = out;
     while (src < end) {
 #ifdef __SSE2__
-        __m128i units;
-        while (end - src >= 8 && asciiBlock(src, units)) {
+        // ASCII runs 16 and then 8 units at a time; a block with other units
+        // still stores its ASCII start, and the rest goes one character at a
+        // time.
+        const __m128i high = _mm_set1_epi16(short(0xFF80));
+        while (end - src >= 16) {
+            const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
+            const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 8));
+            const __m128i other = _mm_and_si128(_mm_or_si128(first, second), high);
+            if (_mm_movemask_epi8(_mm_cmpeq_epi16(other, _mm_setzero_si128())) != 0xFFFF)
+                break;
+            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_packus_epi16(first, second));
+            src += 16;
+            dst += 16;
+        }
+        while (end - src >= 8) {
+            __m128i units;
+            const int ascii = asciiPrefix(src, units);
             _mm_storel_epi64(reinterpret_cast<__m128i *>(dst), _mm_packus_epi16(units, units));
-            src += 8;
-            dst += 8;
+            src += ascii;
+            dst += ascii;
+            if (ascii < 8)
+                break;
         }
         if (src == end)
             break;
@@ -104,10 +122,13 @@ qsizetype utf8Offset(QStringView in, qsizetype index, bool roundUp)
     qsizetype bytes = 0;
     while (src < stop) {
 #ifdef __SSE2__
-        __m128i units;
-        while (stop - src >= 8 && asciiBlock(src, units)) {
-            src += 8;
-            bytes += 8;
+        while (stop - src >= 8) {
+            __m128i units;
+            const int ascii = asciiPrefix(src, units);
+            src += ascii;
+            bytes += ascii;
+            if (ascii < 8)
+                break;
         }
         if (src == stop)
             break;
@@ -219,23 +240,27 @@ void checkRange(const KORange &range, qsizetype length)
                          format(u"range %@ out of bounds", KOStringFromRange(range)));
 }
 
-void checkSearchableLength(qsizetype bytes)
+void raiseUnsearchableLength(qsizetype bytes)
 {
-    if (bytes > INT_MAX)
-        invalidArgument(format(u"a subject of %ld bytes is too long to search", bytes));
+    invalidArgument(format(u"a subject of %ld bytes is too long to search", bytes));
 }
 
-ByteRange byteRange(QStringView string, bool ascii, const KORange &range)
+ByteRange byteRange(QStringView string, qsizetype utf8Size, const KORange &range)
 {
     ByteRange r;
-    r.notEndOfLine = range.end() < string.size();
-    if (ascii) {
+    const qsizetype length = string.size();
+    r.notEndOfLine = range.end() < length;
+    if (utf8Size == length) {
         r.start = range.location;
         r.end = range.end();
         return r;
     }
-    r.start = utf8Offset(string, range.location, true);
-    r.end = range.length == 0 ? r.start : utf8Offset(string, range.end(), false);
+    // Ends of the string need no walk: the whole string's size is known.
+    const auto offset = [&](qsizetype index, bool roundUp) {
+        return index == 0 ? 0 : index == length ? utf8Size : utf8Offset(string, index, roundUp);
+    };
+    r.start = offset(range.location, true);
+    r.end = range.length == 0 ? r.start : offset(range.end(), false);
     if (r.start > r.end)
         r.start = r.end;
     return r;

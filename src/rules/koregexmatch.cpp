@@ -114,7 +114,7 @@ KORegexMatchEnumerator::KORegexMatchEnumerator(Ref<KORegex> regex, const QString
 {
     checkRange(range, string.size());
     auto subject = std::make_shared<const SubjectText>(string);
-    const ByteRange bytes = byteRange(subject->string(), subject->isAscii(), range);
+    const ByteRange bytes = byteRange(subject->string(), subject->size(), range);
     m_cursor = std::make_unique<MatchCursor>(*m_regex, std::move(subject), bytes.start, bytes.end,
                                              bytes.notEndOfLine);
 }
