@@ -252,6 +252,46 @@ TEST(AsyncSocketConnect, DelegateMayRefuseTheConnection)
                            QStringLiteral("did")}));
 }
 
+TEST(AsyncSocketThreads, AcceptedSocketRunsOnTheThreadTheDelegateGives)
+{
+    QThread worker;
+    worker.start();
+    QObject inWorker;
+    inWorker.moveToThread(&worker);
+
+    Recorder listenerEvents, serverEvents, clientEvents;
+    listenerEvents.acceptedDelegate = &serverEvents;
+    listenerEvents.runLoopForNew = &worker;
+    serverEvents.onConnect = [](AsyncSocket *s) { s->readDataToDataWithTimeoutTag("\n", 10, 1); };
+    serverEvents.onRead = [](AsyncSocket *s, const QByteArray &line, long) {
+        s->writeDataWithTimeoutTag(line.toUpper(), 10, 2);
+        s->readDataToDataWithTimeoutTag("\n", 10, 1);
+    };
+    auto listener = AsyncSocket::createWithDelegate(&listenerEvents);
+    ASSERT_TRUE(listener->acceptOnInterfacePortError(QStringLiteral("localhost"), 0));
+    auto client = AsyncSocket::createWithDelegate(&clientEvents);
+    ASSERT_TRUE(client->connectToHostOnPortError(QStringLiteral("127.0.0.1"), listener->localPort()));
+    client->writeDataWithTimeoutTag("hello\nworld\n", 10, 1);
+    client->readDataToLengthWithTimeoutTag(12, 10, 2);
+    ASSERT_TRUE(waitUntil([&] { return clientEvents.data.size() == 1; }));
+    EXPECT_EQ(clientEvents.data.front(), "HELLO\nWORLD\n");
+
+    // The accepted socket is released on its own thread, then the thread ends.
+    ASSERT_EQ(listenerEvents.accepted.size(), 1u);
+    zt::Ref<AsyncSocket> server = std::move(listenerEvents.accepted.front());
+    listenerEvents.accepted.clear();
+    QMetaObject::invokeMethod(
+        &inWorker, [&] { server->setDelegate(nullptr), server.reset(); }, Qt::BlockingQueuedConnection);
+    worker.quit();
+    worker.wait();
+    EXPECT_EQ(listenerEvents.threads, QList<QThread *>{QThread::currentThread()});
+    EXPECT_EQ(serverEvents.threads, QList<QThread *>(serverEvents.threads.size(), &worker));
+    EXPECT_GE(serverEvents.threads.size(), 4); // willConnect, connect, reads
+    client->setDelegate(nullptr);
+    listener->setDelegate(nullptr);
+    flushDeferredDeletes();
+}
+
 // ---- reads ----
 
 struct FeedRow
