@@ -15,8 +15,8 @@ namespace encoding {
 
 namespace {
 
-// How an encoding is converted. The Unicode forms and the two encodings that
-// every line of IRC goes through first are done here; every other encoding
+// How an encoding is converted. The Unicode forms and the encodings that the
+// fallback orders try for every line of IRC are done here; every other encoding
 // is named by its character set and converted by ICU (through Qt) or, for the
 // few that ICU lacks, by the C library's iconv.
 enum class Form : quint8
@@ -24,6 +24,7 @@ enum class Form : quint8
     Charset,
     Ascii,
     Latin1,
+    Latin9,
     Utf8,
     Utf16,
     Utf16BE,
@@ -73,7 +74,7 @@ constexpr Entry Table[] = {
     {cf(0x04000100), Form::Charset, "UTF-7", "Unicode (UTF-7)"},
     {ASCIIStringEncoding, Form::Ascii, "US-ASCII", "Western (ASCII)"},
     {ISOLatin1StringEncoding, Form::Latin1, "ISO-8859-1", "Western (ISO Latin 1)"},
-    {ISOLatin9StringEncoding, Form::Charset, "ISO-8859-15", "Western (ISO Latin 9)"},
+    {ISOLatin9StringEncoding, Form::Latin9, "ISO-8859-15", "Western (ISO Latin 9)"},
     {WindowsCP1252StringEncoding, Form::Charset, "windows-1252", "Western (Windows Latin 1)"},
     {MacOSRomanStringEncoding, Form::Charset, "macintosh", "Western (Mac OS Roman)"},
     {cf(0x0203), Form::Charset, "ISO-8859-3", "Western (ISO Latin 3)"},
@@ -320,27 +321,48 @@ QByteArray encodeUtf32(QStringView text, bool bigEndian, bool writeMark)
 
 // ---- character sets through ICU or iconv ----
 
+// Opening an ICU converter costs about a microsecond, converting a line a
+// few nanoseconds; each thread keeps the last converter it used in each
+// direction. A converter that met an error is not reused: Qt keeps its error
+// flag across resetState().
 QString decodeIcu(const char *charset, QByteArrayView bytes)
 {
-    QStringDecoder decoder(charset, QStringDecoder::Flag::Stateless);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError())
+    thread_local const char *cachedCharset = nullptr;
+    thread_local std::optional<QStringDecoder> cached;
+    if (!cached || cachedCharset != charset) {
+        cached.emplace(charset, QStringDecoder::Flag::Stateless);
+        cachedCharset = charset;
+    }
+    QString text = cached->decode(bytes);
+    if (cached->hasError()) {
+        cached.reset();
         return {};
+    }
+    cached->resetState();
     return text.isNull() ? QStringLiteral("") : text;
 }
 
 QByteArray encodeIcu(const char *charset, QStringView text)
 {
-    QStringEncoder encoder(charset);
+    thread_local const char *cachedCharset = nullptr;
+    thread_local std::optional<QStringEncoder> cached;
+    if (!cached || cachedCharset != charset) {
+        cached.emplace(charset);
+        cachedCharset = charset;
+    }
+    QStringEncoder &encoder = *cached;
     QByteArray bytes = encoder.encode(text);
-    if (encoder.hasError())
-        return {};
     // Qt never asks ICU to flush, so a stateful encoding (ISO 2022, HZ,
     // UTF-7) would end in its last shift state. One more "A" makes the
     // encoder return to ASCII first; the "A" itself is dropped.
-    const QByteArray closing = encoder.encode(u"A");
-    if (encoder.hasError() || !closing.endsWith('A'))
+    QByteArray closing;
+    if (!encoder.hasError())
+        closing = encoder.encode(u"A");
+    if (encoder.hasError() || !closing.endsWith('A')) {
+        cached.reset();
         return {};
+    }
+    encoder.resetState();
     bytes += closing.chopped(1);
     return bytes;
 }
@@ -410,7 +432,7 @@ QString decodeCharset(const Found &found, QByteArrayView bytes)
                                              : decodeIconv(found.entry->charset, bytes);
 }
 
-// ---- the two Latin encodings every IRC line is tried with ----
+// ---- the Latin encodings every IRC line is tried with ----
 
 QString decodeAscii(QByteArrayView bytes)
 {
@@ -429,6 +451,52 @@ QByteArray encodeLatin(QStringView text, char16_t limit)
     }
     QByteArray bytes = text.toLatin1();
     return bytes.isNull() ? QByteArray("") : bytes;
+}
+
+// ISO 8859-15 is ISO 8859-1 with eight positions given other characters.
+constexpr std::pair<uchar, char16_t> Latin9Changes[] = {
+    {0xA4, 0x20AC}, {0xA6, 0x0160}, {0xA8, 0x0161}, {0xB4, 0x017D},
+    {0xB8, 0x017E}, {0xBC, 0x0152}, {0xBD, 0x0153}, {0xBE, 0x0178},
+};
+
+QString decodeLatin9(QByteArrayView bytes)
+{
+    QString text = QString::fromLatin1(bytes.data(), bytes.size());
+    for (QChar &c : text) {
+        if (c.unicode() < 0xA4 || c.unicode() > 0xBE)
+            continue;
+        for (const auto &[byte, character] : Latin9Changes) {
+            if (c.unicode() == byte)
+                c = QChar(character);
+        }
+    }
+    return text;
+}
+
+QByteArray encodeLatin9(QStringView text)
+{
+    QByteArray bytes(text.size(), Qt::Uninitialized);
+    char *out = bytes.data();
+    for (QChar c : text) {
+        const char16_t u = c.unicode();
+        if (u < 0xA4 || (u > 0xBE && u < 0x100)) {
+            *out++ = char(u);
+            continue;
+        }
+        // Either a Latin-1 character that Latin 9 replaced, or one of the
+        // eight it added, or nothing it has.
+        int byte = u < 0x100 ? u : -1;
+        for (const auto &[position, character] : Latin9Changes) {
+            if (u == position)
+                byte = -1;
+            else if (u == character)
+                byte = position;
+        }
+        if (byte < 0)
+            return {};
+        *out++ = char(byte);
+    }
+    return bytes;
 }
 
 QString decodeUtf8(QByteArrayView bytes)
@@ -462,6 +530,8 @@ QString decode(const Found &found, QByteArrayView bytes)
         return decodeAscii(bytes);
     case Form::Latin1:
         return QString::fromLatin1(bytes.data(), bytes.size());
+    case Form::Latin9:
+        return decodeLatin9(bytes);
     case Form::Utf8:
         return decodeUtf8(bytes);
     case Form::Utf16:
@@ -493,6 +563,8 @@ QByteArray encode(const Found &found, QStringView text)
         return encodeLatin(text, 0x80);
     case Form::Latin1:
         return encodeLatin(text, 0x100);
+    case Form::Latin9:
+        return encodeLatin9(text);
     case Form::Utf8:
         return encodeUtf8(text);
     case Form::Utf16:

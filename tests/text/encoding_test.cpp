@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <iconv.h>
 #include <optional>
+#include <thread>
 
 using namespace encoding;
 
@@ -258,6 +259,40 @@ INSTANTIATE_TEST_SUITE_P(
         EncodeStrictRow{"Empty", KOI8RStringEncoding, qs(""), ""},
         EncodeStrictRow{"UnknownEncoding", 0x7777, qs("a"), "(null)"}),
     [](const ::testing::TestParamInfo<EncodeStrictRow> &info) { return std::string(info.param.name); });
+
+// ---- converters kept between calls ----
+
+TEST(EncodingConverters, ErrorsAndShiftStatesDoNotCarryOver)
+{
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        EXPECT_TRUE(stringWithData(hex("82"), ShiftJISStringEncoding).isNull());
+        EXPECT_EQ(textOf(stringWithData(hex("82a0"), ShiftJISStringEncoding)), "あ");
+        EXPECT_TRUE(dataUsingEncoding(qs("한"), ShiftJISStringEncoding).isNull());
+        EXPECT_EQ(hexOf(dataUsingEncoding(qs("あ"), ShiftJISStringEncoding)), "82a0");
+        EXPECT_EQ(hexOf(dataUsingEncoding(qs("日"), ISO2022JPStringEncoding)), "1b2442467c1b2842");
+        EXPECT_EQ(textOf(stringWithData(hex("1b244224221b2842"), ISO2022JPStringEncoding)), "あ");
+        EXPECT_EQ(textOf(stringWithData(hex("2422"), ISO2022JPStringEncoding)), "$\"");
+    }
+}
+
+TEST(EncodingConverters, ThreadsConvertIndependently)
+{
+    std::atomic<int> failures{0};
+    const auto work = [&](StringEncoding encoding, const QString &text) {
+        for (int i = 0; i < 500; ++i) {
+            const QByteArray bytes = dataUsingEncoding(text, encoding);
+            if (bytes.isNull() || stringWithData(bytes, encoding) != text)
+                ++failures;
+        }
+    };
+    std::thread first(work, KOI8RStringEncoding, qs("Привет"));
+    std::thread second(work, ShiftJISStringEncoding, qs("日本語"));
+    work(GB18030StringEncoding, qs("中文"));
+    first.join();
+    second.join();
+    EXPECT_EQ(failures.load(), 0);
+}
 
 // ---- the table ----
 
