@@ -810,15 +810,4 @@ TEST(AsyncSocketProgress, WriteProgressFollowsTheCurrentWrite)
     EXPECT_LT(done, total);
 }
 
-TEST(AsyncSocketSetUp, RunLoopModesAreKeptAndNeverEmpty)
-{
-    auto sock = AsyncSocket::create();
-    EXPECT_EQ(sock->runLoopModes(), QStringList{QStringLiteral("kCFRunLoopDefaultMode")});
-    EXPECT_TRUE(sock->addRunLoopMode(QStringLiteral("NSModalPanelRunLoopMode")));
-    EXPECT_TRUE(sock->removeRunLoopMode(QStringLiteral("kCFRunLoopDefaultMode")));
-    EXPECT_FALSE(sock->removeRunLoopMode(QStringLiteral("NSModalPanelRunLoopMode")));
-    EXPECT_FALSE(sock->setRunLoopModes({}));
-    EXPECT_EQ(sock->runLoopModes(), QStringList{QStringLiteral("NSModalPanelRunLoopMode")});
-}
-
 } // namespace

@@ -200,16 +200,4 @@ TEST(ReadPacket, CallerBufferIsFilledFromItsOffsetAndKeepsItsTail)
     EXPECT_EQ(p.takeData(), "abcdef\n");
 }
 
-TEST(ReadPacket, OwnFixedLengthBufferIsHandedOutWhole)
-{
-    AsyncReadPacket p(nullptr, 0, 0, -1, 5, {}, 1);
-    EXPECT_EQ(p.buffer().size(), 5);
-    std::memcpy(p.prepareWrite(3), "abc", 3);
-    p.commit(3);
-    EXPECT_EQ(p.readLengthForNonTerm(), 2);
-    std::memcpy(p.prepareWrite(2), "de", 2);
-    p.commit(2);
-    EXPECT_EQ(p.takeData(), "abcde");
-}
-
 } // namespace
