@@ -110,9 +110,10 @@ QString KORegexMatch::description() const
 // ---- KORegexMatchEnumerator ----
 
 KORegexMatchEnumerator::KORegexMatchEnumerator(Ref<KORegex> regex, const QString &string, KORange range)
-    : m_regex(std::move(regex)), m_end(range.end())
+    : m_regex(std::move(regex))
 {
     checkRange(range, string.size());
+    m_end = range.end();
     auto subject = std::make_shared<const SubjectText>(string);
     const ByteRange bytes = byteRange(subject->string(), subject->size(), range);
     m_cursor = std::make_unique<MatchCursor>(*m_regex, std::move(subject), bytes.start, bytes.end,
