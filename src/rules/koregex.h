@@ -62,19 +62,15 @@ public:
 
     //! A compiled pattern, or null when the pattern does not compile (the
     //! compiler's message is not reported).
-    //! @sel regexWithPattern:options:
     static zt::Ref<KORegex> regexWithPattern(const QString &pattern, int options = 0);
     //! The patterns that compile, case-insensitively, in order; empty strings
     //! and patterns that do not compile are left out. Never fails.
-    //! @sel regexWithPatterns:
     static QList<zt::Ref<KORegex>> regexWithPatterns(const QStringList &patterns);
 
     //! Two-phase construction. False when compilation fails; the object is
     //! then unusable and the caller drops it.
-    //! @sel initWithPattern:options:
     bool initWithPattern(const QString &pattern, int options = 0);
     //! initWithPattern("").
-    //! @sel init
     virtual bool init();
 
     //! @sel pattern
@@ -83,19 +79,15 @@ public:
     //! @sel groupCount
     int groupCount() const { return m_groupCount; }
     //! The compiled pattern (a `pcre *`); owned by this object.
-    //! @sel regex
     void *regex() const { return m_regex; }
     //! Same as regex().
-    //! @sel pcre
     void *pcre() const { return m_regex; }
     //! The study data passed to every search (a `pcre_extra *`): the JIT
     //! compilation made at initialisation, or null. Owned by this object.
-    //! @sel extra
     void *extra() const { return m_extra; }
     //! Replaces the study data, taking ownership (released with
     //! pcre_free_study). Null makes searches run on the interpreter without
     //! study data. Not for patterns already shared between threads.
-    //! @sel setExtra:
     void setExtra(void *extra);
 
     //! The first match within `range` (UTF-16 indices; the whole string when
@@ -103,14 +95,11 @@ public:
     //! before the string does; the text before the range stays visible to
     //! look-behind. Raises NSRangeException "range {l, n} out of bounds" when
     //! the range passes the end of the string.
-    //! @sel findInString:range:
     zt::Ref<KORegexMatch> findInString(const QString &string, std::optional<KORange> range = {}) const;
     //! Every match, in order (see KORegexMatchEnumerator).
-    //! @sel findAllInString:range:
     QList<zt::Ref<KORegexMatch>> findAllInString(const QString &string,
                                                  std::optional<KORange> range = {}) const;
     //! A lazy sequence of the matches.
-    //! @sel findEnumeratorInString:range:
     zt::Ref<KORegexMatchEnumerator> findEnumeratorInString(const QString &string,
                                                            std::optional<KORange> range = {}) const;
 
@@ -139,9 +128,13 @@ public:
 
 private:
     // Single-argument forms for the selector table.
+    //! @sel findInString:
     zt::Ref<KORegexMatch> findInStringSelector(const QString &string) const;
+    //! @sel findAllInString:
     QList<zt::Ref<KORegexMatch>> findAllInStringSelector(const QString &string) const;
+    //! @sel replaceWithString:inString:
     QString replaceSelector(const QString &templ, const QString &string) const;
+    //! @sel splitString:
     QStringList splitSelector(const QString &string) const;
     void releaseCompiled();
 
