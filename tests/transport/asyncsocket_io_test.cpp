@@ -75,11 +75,11 @@ struct FamilyRow
     bool ipv4;
 };
 
-class AcceptAndConnect : public ::testing::TestWithParam<FamilyRow>
+class AsyncSocketAccept : public ::testing::TestWithParam<FamilyRow>
 {
 };
 
-TEST_P(AcceptAndConnect, ConnectsAndReportsBothEnds)
+TEST_P(AsyncSocketAccept, ConnectsAndReportsBothEnds)
 {
     const FamilyRow &row = GetParam();
     Pair pair;
@@ -115,7 +115,7 @@ TEST_P(AcceptAndConnect, ConnectsAndReportsBothEnds)
     EXPECT_EQ(pair.clientEvents.data, QList<QByteArray>{"pong"});
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, AcceptAndConnect,
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketAccept,
                          ::testing::Values(FamilyRow{"LoopbackIPv4", "localhost", "127.0.0.1", true},
                                            FamilyRow{"LoopbackIPv6", "loopback", "::1", false},
                                            FamilyRow{"AddressIPv4", "127.0.0.1", "127.0.0.1", true},
@@ -301,11 +301,11 @@ struct FeedRow
     int chunk; // bytes per write; each write waits for the previous one
 };
 
-class TerminatorReads : public ::testing::TestWithParam<FeedRow>
+class AsyncSocketTerminatorReads : public ::testing::TestWithParam<FeedRow>
 {
 };
 
-TEST_P(TerminatorReads, SplitTheStreamAtEachTerminatorAndLoseNothing)
+TEST_P(AsyncSocketTerminatorReads, SplitTheStreamAtEachTerminatorAndLoseNothing)
 {
     const FeedRow &row = GetParam();
     Pair pair;
@@ -336,7 +336,7 @@ TEST_P(TerminatorReads, SplitTheStreamAtEachTerminatorAndLoseNothing)
                            QStringLiteral("read:4"), QStringLiteral("read:5")}));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, TerminatorReads,
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketTerminatorReads,
                          ::testing::Values(FeedRow{"ByteByByte", false, 1}, FeedRow{"ThreeBytes", false, 3},
                                            FeedRow{"AllAtOnce", false, 4096},
                                            FeedRow{"PreBufferedByteByByte", true, 1},
@@ -489,11 +489,11 @@ struct TimeoutRow
     QStringList expectedEvents; // after "willConnect", "connect"
 };
 
-class ReadTimeouts : public ::testing::TestWithParam<TimeoutRow>
+class AsyncSocketReadTimeouts : public ::testing::TestWithParam<TimeoutRow>
 {
 };
 
-TEST_P(ReadTimeouts, AskTheDelegateAtEachExpiry)
+TEST_P(AsyncSocketReadTimeouts, AskTheDelegateAtEachExpiry)
 {
     const TimeoutRow &row = GetParam();
     Pair pair;
@@ -540,7 +540,7 @@ TEST_P(ReadTimeouts, AskTheDelegateAtEachExpiry)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, ReadTimeouts,
+    Rows, AsyncSocketReadTimeouts,
     ::testing::Values(TimeoutRow{"ExpiresWhenNotExtended",
                                  "",
                                  {0.0},
@@ -639,11 +639,11 @@ struct EndingRow
     bool releaseAtOnce; // drop the last reference right after asking
 };
 
-class Disconnecting : public ::testing::TestWithParam<EndingRow>
+class AsyncSocketDisconnecting : public ::testing::TestWithParam<EndingRow>
 {
 };
 
-TEST_P(Disconnecting, WaitsForWhatItWasToldTo)
+TEST_P(AsyncSocketDisconnecting, WaitsForWhatItWasToldTo)
 {
     const EndingRow &row = GetParam();
     Pair pair;
@@ -696,7 +696,7 @@ TEST_P(Disconnecting, WaitsForWhatItWasToldTo)
     EXPECT_EQ(pair.clientEvents.events.last(), QStringLiteral("did"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, Disconnecting,
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketDisconnecting,
                          ::testing::Values(EndingRow{"Now", Ending::Now, false},
                                            EndingRow{"AfterReading", Ending::AfterReading, false},
                                            EndingRow{"AfterWriting", Ending::AfterWriting, false},

@@ -36,11 +36,11 @@ struct TermRow
     qsizetype expected;
 };
 
-class ReadLengthForTerm : public ::testing::TestWithParam<TermRow>
+class AsyncReadPacketLengthForTerm : public ::testing::TestWithParam<TermRow>
 {
 };
 
-TEST_P(ReadLengthForTerm, NeverAsksPastTheTerminator)
+TEST_P(AsyncReadPacketLengthForTerm, NeverAsksPastTheTerminator)
 {
     const TermRow &row = GetParam();
     AsyncReadPacket p = packetWith(row.term, row.done, row.maxLength, row.bufferLength, row.offset);
@@ -48,7 +48,7 @@ TEST_P(ReadLengthForTerm, NeverAsksPastTheTerminator)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, ReadLengthForTerm,
+    Rows, AsyncReadPacketLengthForTerm,
     ::testing::Values(TermRow{"OneByteTerminator", "\n", "abc", 0, -1, 0, 1},
                       TermRow{"NothingDone", "\r\n", "", 0, -1, 0, 2},
                       TermRow{"DoneEndsWithTerminatorStart", "\r\n", "abc\r", 0, -1, 0, 1},
@@ -73,11 +73,11 @@ struct NonTermRow
     qsizetype expected;
 };
 
-class ReadLengthForNonTerm : public ::testing::TestWithParam<NonTermRow>
+class AsyncReadPacketLengthForNonTerm : public ::testing::TestWithParam<NonTermRow>
 {
 };
 
-TEST_P(ReadLengthForNonTerm, AsksForTheRestOrAChunk)
+TEST_P(AsyncReadPacketLengthForNonTerm, AsksForTheRestOrAChunk)
 {
     const NonTermRow &row = GetParam();
     AsyncReadPacket p = packetWith({}, row.done, row.maxLength, row.bufferLength, row.offset, row.readLength);
@@ -85,7 +85,7 @@ TEST_P(ReadLengthForNonTerm, AsksForTheRestOrAChunk)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, ReadLengthForNonTerm,
+    Rows, AsyncReadPacketLengthForNonTerm,
     ::testing::Values(NonTermRow{"FixedLengthAsksForTheRest", 1000, 0, -1, 0, "abc", 997},
                       NonTermRow{"FixedLengthIgnoresCallerFreeSpace", 1000, 0, 20, 10, "", 1000},
                       NonTermRow{"AvailableAsksForAChunk", 0, 0, -1, 0, "", 256},
@@ -95,7 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
                       NonTermRow{"GrownCallerBufferAsksForAChunk", 0, 0, 20, 10, QByteArray(15, 'x'), 256}),
     [](const auto &info) { return std::string(info.param.name); });
 
-TEST(ReadPacket, PrebufferLengthIsAChunkCappedLikeTheOthers)
+TEST(AsyncReadPacket, PrebufferLengthIsAChunkCappedLikeTheOthers)
 {
     EXPECT_EQ(packetWith("\r\n", "abc").prebufferReadLengthForTerm(), 256);
     EXPECT_EQ(packetWith("\r\n", "abc", 10).prebufferReadLengthForTerm(), 7);
@@ -111,18 +111,18 @@ struct SearchRow
     qsizetype expected;
 };
 
-class SearchAfterPreBuffering : public ::testing::TestWithParam<SearchRow>
+class AsyncReadPacketSearch : public ::testing::TestWithParam<SearchRow>
 {
 };
 
-TEST_P(SearchAfterPreBuffering, AnswersTheBytesBeyondTheFirstTerminator)
+TEST_P(AsyncReadPacketSearch, AnswersTheBytesBeyondTheFirstTerminator)
 {
     const SearchRow &row = GetParam();
     AsyncReadPacket p = packetWith(row.term, row.before + row.step);
     EXPECT_EQ(p.searchForTermAfterPreBuffering(row.step.size()), row.expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, SearchAfterPreBuffering,
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncReadPacketSearch,
                          ::testing::Values(SearchRow{"NotYet", "\r\n", "abc", "def", -1},
                                            SearchRow{"InTheStep", "\r\n", "abc", "d\r\nef", 2},
                                            SearchRow{"AtTheEnd", "\r\n", "abc", "def\r\n", 0},
@@ -135,7 +135,7 @@ INSTANTIATE_TEST_SUITE_P(Rows, SearchAfterPreBuffering,
 
 // Feeding a stream in random chunks through each rule: every read ends at the
 // first terminator, and pre-buffering keeps back exactly what follows it.
-TEST(ReadPacket, TerminatorReadsSplitARandomStreamExactly)
+TEST(AsyncReadPacket, TerminatorReadsSplitARandomStreamExactly)
 {
     const QList<QByteArray> terms = {"\n", "\r\n", "ABAB", "xyzzy"};
     for (int round = 0; round < 200; ++round) {
@@ -186,7 +186,7 @@ TEST(ReadPacket, TerminatorReadsSplitARandomStreamExactly)
     }
 }
 
-TEST(ReadPacket, CallerBufferIsFilledFromItsOffsetAndKeepsItsTail)
+TEST(AsyncReadPacket, CallerBufferIsFilledFromItsOffsetAndKeepsItsTail)
 {
     auto buffer = std::make_shared<QByteArray>("0123456789");
     AsyncReadPacket p(buffer, 4, 0, -1, 0, "\n", 1);

@@ -50,11 +50,11 @@ struct KillRow
     bool alsoWrite;
 };
 
-class KilledPeer : public ::testing::TestWithParam<KillRow>
+class AsyncSocketKilledPeer : public ::testing::TestWithParam<KillRow>
 {
 };
 
-TEST_P(KilledPeer, ReportsTheEndAndKeepsEveryByte)
+TEST_P(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
 {
     const KillRow &row = GetParam();
     for (quint32 seed = 1; seed <= 3; ++seed) {
@@ -129,7 +129,7 @@ TEST_P(KilledPeer, ReportsTheEndAndKeepsEveryByte)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Rows, KilledPeer,
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketKilledPeer,
                          ::testing::Values(KillRow{"ReadAvailable", ReadKind::Available, false},
                                            KillRow{"ReadFixedLengths", ReadKind::FixedLength, false},
                                            KillRow{"ReadLines", ReadKind::Terminator, false},

@@ -58,7 +58,7 @@ struct TlsRow
     bool succeeds;
 };
 
-class StartTLS : public ::testing::TestWithParam<TlsRow>
+class AsyncSocketStartTLS : public ::testing::TestWithParam<TlsRow>
 {
 };
 
@@ -66,7 +66,7 @@ class StartTLS : public ::testing::TestWithParam<TlsRow>
 // reads the line with a terminator read, which must leave the handshake's
 // bytes in the stream, then switches too. Requests queued after startTLS wait
 // for the handshake.
-TEST_P(StartTLS, SwitchesInQueueOrder)
+TEST_P(AsyncSocketStartTLS, SwitchesInQueueOrder)
 {
     const TlsRow &row = GetParam();
     ASSERT_TRUE(credentials().problem.isEmpty()) << credentials().problem.toStdString();
@@ -110,7 +110,7 @@ TEST_P(StartTLS, SwitchesInQueueOrder)
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, StartTLS,
+    Rows, AsyncSocketStartTLS,
     ::testing::Values(
         TlsRow{"TrustedCertificateAndName",
                [] {
@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(
                false}),
     [](const auto &info) { return std::string(info.param.name); });
 
-TEST(StartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLengthRead)
+TEST(AsyncSocketStartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLengthRead)
 {
     // With pre-buffering on, only terminator reads take bytes ahead; a
     // fixed-length greeting leaves the handshake in the stream.
@@ -198,7 +198,7 @@ while len(reply) < 6:
 print(reply.decode(), end='')
 )";
 
-TEST(StartTLSOnAccept, HandshakeBytesBehindTheLineStayInTheStream)
+TEST(AsyncSocketStartTLSOnAccept, HandshakeBytesBehindTheLineStayInTheStream)
 {
     ASSERT_TRUE(credentials().problem.isEmpty());
     Recorder listenerEvents, serverEvents;
