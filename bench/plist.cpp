@@ -17,7 +17,7 @@ namespace {
 QVariantMap channel(int i)
 {
     return {
-        {QStringLiteral("description"), QStringLiteral("8C4B2E71-5D0F-4A93-B6E2-%1").arg(i)},
+        {QStringLiteral("description"), QStringLiteral("8C4B2E71-5D0F-4A9%1").arg(i)},
         {QStringLiteral("name"), QStringLiteral("#zintaro-%1").arg(i)},
         {QStringLiteral("unreadCount"), 4 + i},
         {QStringLiteral("joined"), i != 1},
@@ -40,7 +40,7 @@ QVariant payload()
         {QStringLiteral("status"), 3},
         {QStringLiteral("isAgent"), true},
         {QStringLiteral("isVolatile"), false},
-        {QStringLiteral("topic"), QStringLiteral("Welcome to #zintaro \u2014 be nice")},
+        {QStringLiteral("topic"), QStringLiteral("Welcome \u2014 be nice")},
         {QStringLiteral("timestamp"), QDateTime::fromMSecsSinceEpoch(1700000000123, Qt::UTC)},
         {QStringLiteral("cookie"), data},
         {QStringLiteral("values"), QVariantList{channel(0), channel(1), channel(2)}},

@@ -91,7 +91,11 @@ private:
     Entry m_entries[Size];
 };
 
-thread_local KeyCache keyCache;
+KeyCache &threadKeyCache()
+{
+    thread_local KeyCache cache;
+    return cache;
+}
 
 class Reader
 {
@@ -155,6 +159,7 @@ private:
 
     quint64 m_produced = 0;
     QVarLengthArray<Slot, 64> m_slots;
+    KeyCache &m_keys = threadKeyCache(); // looked up once: thread-local access is a call in a shared library
     QString m_failure;
 };
 
@@ -348,7 +353,7 @@ bool Reader::decodeString(quint64 pos, quint8 marker, QString &out, bool isKey)
         }
         if (!isAscii(p, n))
             return failAt(start, QStringLiteral("ASCII string holds a byte above 0x7f"));
-        out = isKey ? keyCache.get(p, qsizetype(n))
+        out = isKey ? m_keys.get(p, qsizetype(n))
                     : QString::fromLatin1(reinterpret_cast<const char *>(p), qsizetype(n));
         return true;
     }
