@@ -30,9 +30,9 @@ constexpr quint64 mix(quint64 h)
 
 //! A fast hash for uniquing tables; not for untrusted keys at scale (the
 //! tables that use it are per call or bounded).
-inline quint64 hashBytes(const uchar *p, qsizetype n, quint64 seed)
+inline quint64 hashBytes(const uchar *p, qsizetype n, quint64 salt)
 {
-    quint64 h = seed ^ (quint64(n) * 0x9e3779b97f4a7c15ULL);
+    quint64 h = salt ^ (quint64(n) * 0x9e3779b97f4a7c15ULL);
     for (; n >= 8; p += 8, n -= 8) {
         quint64 w;
         std::memcpy(&w, p, 8);

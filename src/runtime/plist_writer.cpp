@@ -189,7 +189,7 @@ qsizetype Writer::flattenString(const QString &s)
     o.count = n;
     o.s = &s;
     o.headerSize = 1 + countSize(n) + (o.kind == Kind::Ascii ? n : 2 * n);
-    // ASCII and UTF-16 forms of one text are never both present, so one seed
+    // ASCII and UTF-16 forms of one text are never both present, so one salt
     // serves both.
     return addScalar(o, hashBytes(reinterpret_cast<const uchar *>(units), 2 * n, 0x5a));
 }

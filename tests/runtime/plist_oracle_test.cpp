@@ -86,7 +86,7 @@ const QList<Row> &rows()
             lots.append(qlonglong(i) * 7919);
         add("four_byte_references", lots);
 
-        plisttest::Generator gen(0x5eed'2001);
+        plisttest::Generator gen(20011001);
         for (int i = 0; i < 300; ++i)
             t.append({QStringLiteral("random_%1").arg(i, 3, 10, QChar(u'0')), gen.value(4)});
         return t;

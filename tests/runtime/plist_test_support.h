@@ -165,7 +165,7 @@ inline testing::AssertionResult sameValue(const QVariant &a, const QVariant &b,
 class Generator
 {
 public:
-    explicit Generator(quint64 seed) : m_rng(seed) {}
+    explicit Generator(quint64 start) : m_rng(start) {}
 
     quint64 next() { return m_rng(); }
     quint64 below(quint64 n) { return n ? next() % n : 0; }
