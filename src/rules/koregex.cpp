@@ -187,18 +187,23 @@ QStringList KORegex::splitString(const QString &string, int limit) const
     ZT_ASSERT(m_regex, QStringLiteral("KORegex used without a compiled pattern"));
     auto subject = std::make_shared<const SubjectText>(string);
     MatchCursor cursor(*this, subject, 0, subject->size(), false);
+    ForwardIndex index(*subject);
+    const auto text = [&](qsizetype startByte, qsizetype endByte) {
+        const QStringView view = index.view(startByte, endByte);
+        return view.isEmpty() ? QStringLiteral("") : view.toString();
+    };
     QStringList pieces;
     qsizetype previousEnd = 0;
     for (int handled = 0; (limit < 1 || handled < limit) && cursor.next(); ++handled) {
         const int *ov = cursor.ovector();
-        pieces.append(subject->text(previousEnd, ov[0]));
+        pieces.append(text(previousEnd, ov[0]));
         for (int group = 1; group < m_groupCount; ++group) {
             if (ov[2 * group] >= 0)
-                pieces.append(subject->text(ov[2 * group], ov[2 * group + 1]));
+                pieces.append(text(ov[2 * group], ov[2 * group + 1]));
         }
         previousEnd = ov[1];
     }
-    pieces.append(subject->text(previousEnd, subject->size()));
+    pieces.append(text(previousEnd, subject->size()));
     return pieces;
 }
 

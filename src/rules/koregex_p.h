@@ -15,6 +15,7 @@
 
 #include <QString>
 #include <QVarLengthArray>
+#include <atomic>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -74,22 +75,53 @@ public:
     QString text(qsizetype startByte, qsizetype endByte) const;
 
 private:
-    struct Checkpoint
+    struct Position
     {
         qsizetype characters = 0;
         qsizetype units = 0;
     };
-    // Counts before every multiple of this many bytes, so that a conversion
+    // Counts before every multiple of BlockSize bytes, so that a conversion
     // scans at most one block: long subjects convert in constant time.
-    static constexpr qsizetype BlockSize = 256;
+    // Searchable subjects are shorter than 2 GB, so 32 bits hold a count.
+    struct Checkpoint
+    {
+        qint32 characters = 0;
+        qint32 units = 0;
+    };
+    static constexpr qsizetype BlockSize = 64;
+    // Shorter subjects are counted from their start, without a table.
+    static constexpr qsizetype DirectCountLimit = 1024;
     const Checkpoint *checkpoints() const;
+    Position countTo(qsizetype byte) const;
 
     QString m_string;
     QByteArray m_bytes;
     qsizetype m_size = 0;
     bool m_ascii = false;
-    mutable std::once_flag m_checkpointsOnce;
+    // Built on first need; readers on other threads see the table once the
+    // pointer is set.
+    mutable std::mutex m_checkpointsLock;
+    mutable std::atomic<const Checkpoint *> m_checkpointsReady{nullptr};
     mutable std::vector<Checkpoint> m_checkpoints;
+};
+
+//! UTF-16 indices of byte offsets for a caller that walks through a subject
+//! from start to end (substitution, splitting): moving forward only counts
+//! the bytes in between, so the whole walk is linear; a step back or a long
+//! jump is looked up like any other offset. Not shared between threads.
+class ForwardIndex
+{
+public:
+    explicit ForwardIndex(const SubjectText &subject) : m_subject(subject) {}
+
+    qsizetype utf16Index(qsizetype byte);
+    //! The subject's text between two byte offsets (empty when reversed).
+    QStringView view(qsizetype startByte, qsizetype endByte);
+
+private:
+    const SubjectText &m_subject;
+    qsizetype m_byte = 0;
+    qsizetype m_units = 0;
 };
 
 //! Runs PCRE on behalf of a pattern, passing its study data, and answers

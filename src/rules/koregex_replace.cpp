@@ -259,7 +259,7 @@ QString applyCaseModifiers(const QString &text, const QVarLengthArray<CaseModifi
     return out;
 }
 
-void buildReplacement(const CompiledTemplate &compiled, const SubjectText &subject, const int *ov,
+void buildReplacement(const CompiledTemplate &compiled, ForwardIndex &subject, const int *ov,
                       QString &replacement, QVarLengthArray<CaseModifier, 8> &modifiers)
 {
     replacement.clear();
@@ -303,6 +303,7 @@ QString KORegex::replaceWithString(const QString &templ, const QString &string, 
     ZT_ASSERT(m_regex, QStringLiteral("KORegex used without a compiled pattern"));
     auto subject = std::make_shared<const SubjectText>(string);
     MatchCursor cursor(*this, subject, 0, subject->size(), false);
+    ForwardIndex index(*subject);
 
     std::optional<CompiledTemplate> compiled;
     QString result;
@@ -324,13 +325,13 @@ QString KORegex::replaceWithString(const QString &templ, const QString &string, 
             result.reserve(string.size());
         }
         const int *ov = cursor.ovector();
-        result += subject->view(previousEnd, ov[0]);
-        buildReplacement(*compiled, *subject, ov, replacement, modifiers);
+        result += index.view(previousEnd, ov[0]);
+        buildReplacement(*compiled, index, ov, replacement, modifiers);
         result += replacement;
         previousEnd = ov[1];
     }
     if (handled == 0)
         return string;
-    result += subject->view(previousEnd, subject->size());
+    result += index.view(previousEnd, subject->size());
     return result;
 }

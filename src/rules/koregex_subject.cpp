@@ -29,25 +29,47 @@ inline int asciiPrefix(const char16_t *p, __m128i &units)
 }
 #endif
 
-// Bytes in [p, p + n) that start a UTF-8 sequence. The bytes come from
-// encodeUtf8(), so 0xFE and 0xFF never occur and "not a continuation byte"
-// is the whole rule; as a signed char a continuation byte is below -64.
-inline qsizetype countSequenceStarts(const char *p, qsizetype n)
+// What the bytes in [p, p + n) hold: characters (the bytes that start a
+// UTF-8 sequence) and UTF-16 code units (one per character, two for those
+// that start with a four-byte lead). The bytes come from encodeUtf8(), so
+// 0xFE and 0xFF never occur and "not a continuation byte" is the whole rule
+// for a start; as a signed char a continuation byte is below -64.
+struct Counts
 {
-    qsizetype count = 0;
-    for (qsizetype i = 0; i < n; ++i)
-        count += static_cast<signed char>(p[i]) > -65;
-    return count;
-}
+    qsizetype characters = 0;
+    qsizetype units = 0;
+};
 
-// Bytes in [p, p + n) that start a four-byte sequence: each of those
-// characters takes two UTF-16 code units.
-inline qsizetype countFourByteStarts(const char *p, qsizetype n)
+inline Counts countStarts(const char *p, qsizetype n)
 {
-    qsizetype count = 0;
-    for (qsizetype i = 0; i < n; ++i)
-        count += static_cast<uchar>(p[i]) >= 0xF0;
-    return count;
+    qsizetype characters = 0;
+    qsizetype fourByte = 0;
+    qsizetype i = 0;
+#ifdef __SSE2__
+    const __m128i one = _mm_set1_epi8(1);
+    const __m128i lastContinuation = _mm_set1_epi8(-65);
+    const __m128i fourByteMask = _mm_set1_epi8(char(0xF0));
+    __m128i startSums = _mm_setzero_si128();
+    __m128i fourByteSums = _mm_setzero_si128();
+    for (; n - i >= 16; i += 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i));
+        const __m128i starts = _mm_and_si128(_mm_cmpgt_epi8(bytes, lastContinuation), one);
+        const __m128i fours =
+            _mm_and_si128(_mm_cmpeq_epi8(_mm_and_si128(bytes, fourByteMask), fourByteMask), one);
+        startSums = _mm_add_epi64(startSums, _mm_sad_epu8(starts, _mm_setzero_si128()));
+        fourByteSums = _mm_add_epi64(fourByteSums, _mm_sad_epu8(fours, _mm_setzero_si128()));
+    }
+    const auto total = [](__m128i sums) {
+        return qsizetype(_mm_cvtsi128_si64(sums) + _mm_cvtsi128_si64(_mm_unpackhi_epi64(sums, sums)));
+    };
+    characters = total(startSums);
+    fourByte = total(fourByteSums);
+#endif
+    for (; i < n; ++i) {
+        characters += static_cast<signed char>(p[i]) > -65;
+        fourByte += static_cast<uchar>(p[i]) >= 0xF0;
+    }
+    return {characters, characters + fourByte};
 }
 
 } // namespace
@@ -169,49 +191,51 @@ SubjectText::SubjectText(QString string, const char *utf8, qsizetype size)
 
 const SubjectText::Checkpoint *SubjectText::checkpoints() const
 {
-    std::call_once(m_checkpointsOnce, [this] {
-        const char *bytes = m_bytes.constData();
-        const qsizetype blocks = m_size / BlockSize + 1;
-        m_checkpoints.resize(size_t(blocks));
-        Checkpoint running;
-        for (qsizetype b = 0; b < blocks; ++b) {
-            m_checkpoints[size_t(b)] = running;
-            const qsizetype from = b * BlockSize;
-            const qsizetype n = std::min(BlockSize, m_size - from);
-            const qsizetype starts = countSequenceStarts(bytes + from, n);
-            running.characters += starts;
-            running.units += starts + countFourByteStarts(bytes + from, n);
-        }
-    });
+    if (const Checkpoint *ready = m_checkpointsReady.load(std::memory_order_acquire)) [[likely]]
+        return ready;
+    std::lock_guard lock(m_checkpointsLock);
+    if (const Checkpoint *ready = m_checkpointsReady.load(std::memory_order_relaxed))
+        return ready;
+    const char *bytes = m_bytes.constData();
+    const qsizetype blocks = m_size / BlockSize + 1;
+    m_checkpoints.resize(size_t(blocks));
+    Position running;
+    for (qsizetype b = 0; b < blocks; ++b) {
+        m_checkpoints[size_t(b)] = {qint32(running.characters), qint32(running.units)};
+        const qsizetype from = b * BlockSize;
+        const Counts counts = countStarts(bytes + from, std::min(BlockSize, m_size - from));
+        running.characters += counts.characters;
+        running.units += counts.units;
+    }
+    m_checkpointsReady.store(m_checkpoints.data(), std::memory_order_release);
     return m_checkpoints.data();
+}
+
+SubjectText::Position SubjectText::countTo(qsizetype byte) const
+{
+    byte = std::clamp<qsizetype>(byte, 0, m_size);
+    if (m_ascii)
+        return {byte, byte};
+    const char *bytes = m_bytes.constData();
+    if (m_size <= DirectCountLimit) {
+        const Counts counts = countStarts(bytes, byte);
+        return {counts.characters, counts.units};
+    }
+    const qsizetype block = byte / BlockSize;
+    const qsizetype from = block * BlockSize;
+    const Checkpoint &base = checkpoints()[block];
+    const Counts counts = countStarts(bytes + from, byte - from);
+    return {base.characters + counts.characters, base.units + counts.units};
 }
 
 qsizetype SubjectText::characterIndex(qsizetype byte) const
 {
-    byte = std::clamp<qsizetype>(byte, 0, m_size);
-    if (m_ascii)
-        return byte;
-    const char *bytes = m_bytes.constData();
-    if (m_size <= 4 * BlockSize)
-        return countSequenceStarts(bytes, byte);
-    const qsizetype block = byte / BlockSize;
-    const qsizetype from = block * BlockSize;
-    return checkpoints()[block].characters + countSequenceStarts(bytes + from, byte - from);
+    return countTo(byte).characters;
 }
 
 qsizetype SubjectText::utf16Index(qsizetype byte) const
 {
-    byte = std::clamp<qsizetype>(byte, 0, m_size);
-    if (m_ascii)
-        return byte;
-    const char *bytes = m_bytes.constData();
-    if (m_size <= 4 * BlockSize)
-        return countSequenceStarts(bytes, byte) + countFourByteStarts(bytes, byte);
-    const qsizetype block = byte / BlockSize;
-    const qsizetype from = block * BlockSize;
-    const qsizetype n = byte - from;
-    return checkpoints()[block].units + countSequenceStarts(bytes + from, n) +
-           countFourByteStarts(bytes + from, n);
+    return countTo(byte).units;
 }
 
 qsizetype SubjectText::byteOffset(qsizetype index, bool roundUp) const
@@ -230,6 +254,28 @@ QString SubjectText::text(qsizetype startByte, qsizetype endByte) const
 {
     const QStringView v = view(startByte, endByte);
     return v.isEmpty() ? QStringLiteral("") : v.toString();
+}
+
+qsizetype ForwardIndex::utf16Index(qsizetype byte)
+{
+    if (m_subject.isAscii())
+        return byte;
+    byte = std::clamp<qsizetype>(byte, 0, m_subject.size());
+    if (byte >= m_byte && byte - m_byte <= 1024)
+        m_units += countStarts(m_subject.data() + m_byte, byte - m_byte).units;
+    else
+        m_units = m_subject.utf16Index(byte);
+    m_byte = byte;
+    return m_units;
+}
+
+QStringView ForwardIndex::view(qsizetype startByte, qsizetype endByte)
+{
+    if (endByte <= startByte)
+        return QStringView(m_subject.string()).first(0);
+    const qsizetype from = utf16Index(startByte);
+    const qsizetype to = utf16Index(endByte);
+    return QStringView(m_subject.string()).mid(from, to - from);
 }
 
 void checkRange(const KORange &range, qsizetype length)

@@ -67,7 +67,7 @@ private:
     zt::Ref<KORegex> m_regex;
     QString m_string;
     std::shared_ptr<const zt::koregex::SubjectText> m_subject; // null: ASCII, offsets are indices
-    QVarLengthArray<int, 30> m_matchv;
+    QVarLengthArray<int, 15> m_matchv; // five groups without an allocation of their own
     int m_count = 0;
 };
 

@@ -383,10 +383,11 @@ TEST(KORegexEnumerator, AgreesWithRepeatedRangedFinds)
 
 // ---- long subjects: offsets far from the start convert correctly ----
 
-TEST(KORegexLongSubject, PositionsMatchTheByteCount)
+// Words of one- to four-byte characters, long enough to span many of the
+// blocks that positions are looked up by; every thousandth gap is a long run
+// of spaces, so that walks also jump far ahead.
+QString longMixedText()
 {
-    // Words of one- to four-byte characters, long enough to span many of the
-    // blocks that positions are looked up by.
     const char *alphabet[] = {"a", "z", "é", "ß", "Ω", "世", "界", "😀", "𝄞"};
     QString subject;
     unsigned state = 12345;
@@ -394,8 +395,14 @@ TEST(KORegexLongSubject, PositionsMatchTheByteCount)
         const int letters = 1 + int((state = state * 1103515245u + 12345u) >> 16) % 7;
         for (int i = 0; i < letters; ++i)
             subject += qs(alphabet[((state = state * 1103515245u + 12345u) >> 16) % 9]);
-        subject += u' ';
+        subject += word % 1000 == 999 ? QString(3000, u' ') : QStringLiteral(" ");
     }
+    return subject;
+}
+
+TEST(KORegexLongSubject, PositionsMatchTheByteCount)
+{
+    const QString subject = longMixedText();
     // The reference count: bytes before an offset that start a UTF-8 sequence.
     const QByteArray utf8 = subject.toUtf8();
     std::vector<qsizetype> startsBefore(size_t(utf8.size()) + 1, 0);
@@ -412,6 +419,30 @@ TEST(KORegexLongSubject, PositionsMatchTheByteCount)
         ASSERT_EQ(matches[i]->range(), R(starts(mv[0]), starts(mv[1]) - starts(mv[0]))) << "match " << i;
         ASSERT_EQ(matches[i]->rangeAtIndex(1), R(starts(mv[2]), starts(mv[3]) - starts(mv[2])));
     }
+}
+
+TEST(KORegexLongSubject, SubstitutionAndSplittingCutAtTruePositions)
+{
+    const QString subject = longMixedText();
+    const QStringList words = subject.split(u' ', Qt::SkipEmptyParts);
+    const auto firstCharacter = [](const QString &word) {
+        return word.first(word[0].isHighSurrogate() ? 2 : 1);
+    };
+
+    // "$2$1" asks for a later group before an earlier one.
+    QString expected;
+    qsizetype at = 0;
+    for (const QString &word : words) {
+        const qsizetype found = subject.indexOf(word, at);
+        expected += subject.mid(at, found - at);
+        expected += word.mid(firstCharacter(word).size()) + u'<' + firstCharacter(word) + u'>';
+        at = found + word.size();
+    }
+    expected += subject.mid(at);
+    EXPECT_TRUE(compile("(\\S)(\\S*)")->replaceWithString(qs("$2<$1>"), subject) == expected);
+
+    EXPECT_EQ(compile(" +")->splitString(subject), words + QStringList{qs("")});
+    EXPECT_EQ(compile("( +)")->splitString(subject).size(), 2 * words.size() + 1);
 }
 
 // ---- selectors and threads ----
