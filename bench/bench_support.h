@@ -1,6 +1,6 @@
 // Pieces shared by the benchmarks that measure a link between two
 // processes: a helper process that announces its port, a bounded wait on the
-// event loop, percentiles of latency samples.
+// event loop, the process's CPU time, percentiles of latency samples.
 //
 // Helper protocol: the helper listens on a loopback port and prints
 // "READY <port>" on stdout; it may print more lines later (results). Closing
@@ -21,6 +21,8 @@
 #include <optional>
 #include <utility>
 #include <vector>
+
+#include <sys/resource.h>
 
 namespace ztbench {
 
@@ -120,6 +122,15 @@ template<typename Done> bool waitUntil(Done done, int timeoutMs)
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
     }
     return true;
+}
+
+// CPU time, user and system, that this process has used so far, all threads.
+inline double processCpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval &t) { return double(t.tv_sec) + double(t.tv_usec) / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
 // The p-th percentile (0 < p <= 100) of the samples by the nearest-rank

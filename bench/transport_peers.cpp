@@ -123,6 +123,18 @@ struct QtroLink
     }
 };
 
+// The host's CPU time so far, by a remote call; a negative answer when the
+// call fails.
+double hostCpuSeconds(QRemoteObjectDynamicReplica *replica)
+{
+    QRemoteObjectPendingCall call;
+    if (!QMetaObject::invokeMethod(replica, "cpuSeconds", Qt::DirectConnection,
+                                   Q_RETURN_ARG(QRemoteObjectPendingCall, call)) ||
+        !call.waitForFinished(kRunTimeoutMs) || call.error() != QRemoteObjectPendingCall::NoError)
+        return -1;
+    return call.returnValue().toDouble();
+}
+
 void BM_QtRemoteObjects_PropertyChanges(benchmark::State &state)
 {
     const int batch = int(state.range(0));
@@ -133,10 +145,12 @@ void BM_QtRemoteObjects_PropertyChanges(benchmark::State &state)
     if (!QObject::connect(link.replica.get(), SIGNAL(valueChanged(int)), &counter, SLOT(valueChanged(int))))
         return skip(state, QStringLiteral("the replica has no valueChanged(int)"));
 
-    double seconds = 0;
+    double seconds = 0, hostCpu = 0, replicaCpu = 0;
     qint64 changes = 0;
     for (auto _ : state) {
         const int first = link.replica->property("value").toInt();
+        const double hostCpuBefore = hostCpuSeconds(link.replica.get());
+        const double replicaCpuBefore = ztbench::processCpuSeconds();
         counter.expect(first + kPropertyChanges);
         QMetaObject::invokeMethod(link.replica.get(), "produceChanges", Q_ARG(int, kPropertyChanges),
                                   Q_ARG(int, batch));
@@ -147,12 +161,21 @@ void BM_QtRemoteObjects_PropertyChanges(benchmark::State &state)
             return skip(
                 state,
                 QStringLiteral("%1 notifications for %2 changes").arg(counter.seen()).arg(kPropertyChanges));
+        replicaCpu += ztbench::processCpuSeconds() - replicaCpuBefore;
+        const double hostCpuAfter = hostCpuSeconds(link.replica.get());
+        if (hostCpuBefore < 0 || hostCpuAfter < 0)
+            return skip(state, QStringLiteral("the host does not tell its CPU time"));
+        hostCpu += hostCpuAfter - hostCpuBefore;
         state.SetIterationTime(counter.seconds());
         seconds += counter.seconds();
         changes += kPropertyChanges;
     }
     state.SetItemsProcessed(changes);
     state.counters["changes_per_second"] = double(changes) / seconds;
+    // Where the time goes: CPU time of each side over the bursts, against
+    // their wall time (the "Time" column).
+    state.counters["host_cpu_ms"] = hostCpu * 1e3;
+    state.counters["replica_cpu_ms"] = replicaCpu * 1e3;
 }
 BENCHMARK(BM_QtRemoteObjects_PropertyChanges)
     ->ArgName("batch")

@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #ifdef __linux__
 #include <sys/prctl.h>
@@ -32,6 +33,15 @@ inline void announceReady(unsigned port)
 {
     std::printf("READY %u\n", port);
     std::fflush(stdout);
+}
+
+// CPU time, user and system, that this process has used so far.
+inline double processCpuSeconds()
+{
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return double(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           double(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 } // namespace ztpeer

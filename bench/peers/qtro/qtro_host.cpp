@@ -1,7 +1,8 @@
 // Qt Remote Objects host node for the transport benchmark. It remotes one
 // plain QObject, "Counter", over tcp://127.0.0.1:<port>: an integer property
 // "value" whose every change is a separate notification, a slot that starts
-// a burst of changes, and a slot that answers its argument for round trips.
+// a burst of changes, a slot that answers its argument for round trips, and
+// one that answers the CPU time the host has used.
 //
 // Usage: peer_qtro_host. Prints "READY <port>" once the node listens; exits
 // when stdin closes.
@@ -33,6 +34,7 @@ public:
 
 public Q_SLOTS:
     int echo(int x) { return x; }
+    double cpuSeconds() const { return ztpeer::processCpuSeconds(); }
 
     // Sets "value" `count` times, each time one more than before, `batch`
     // changes per turn of the event loop so that the node's socket drains
