@@ -1,0 +1,344 @@
+#include "transport/vdconnection.h"
+
+#include "core/ztabstractipc.h"
+#include "core/ztdirectory.h"
+#include "core/ztipcproxy.h"
+#include "runtime/exception.h"
+#include "runtime/format.h"
+#include "runtime/logging.h"
+#include "runtime/process.h"
+
+#include <QtEndian>
+#include <cstring>
+
+bool VDSocketLogging = false;
+bool VDIPCLogging = false;
+
+namespace {
+constexpr long LengthTag = 0;
+constexpr long BodyTag = 1;
+constexpr double BodyTimeout = 60.0;
+constexpr double WriteTimeout = 60.0;
+
+bool isHandshake(const zt::Selector &selector)
+{
+    return selector == "registerClient" || selector == "handshakeFromAgent:";
+}
+} // namespace
+
+// ---- delegate defaults ----
+
+VDSocketDelegate::~VDSocketDelegate() = default;
+void VDSocketDelegate::onSocketDidConnectToHostPort(VDConnection *, const QString &, quint16) {}
+void VDSocketDelegate::onSocketWillDisconnectWithError(VDConnection *, const zt::Error &) {}
+void VDSocketDelegate::onSocketDidDisconnect(VDConnection *) {}
+void VDSocketDelegate::onSocketDidAcceptNewSocket(VDConnection *, VDConnection *) {}
+
+// ---- VDReturnHandler ----
+
+ZT_DEFINE_CLASS(VDReturnHandler)
+void VDReturnHandler::registerMembers(zt::ClassBuilder<VDReturnHandler> &) {}
+
+VDReturnHandler::Block VDReturnHandler::returnHandlerBlock() const
+{
+    QMutexLocker locker(&m_lock);
+    return m_block;
+}
+
+void VDReturnHandler::setReturnHandlerBlock(Block block)
+{
+    QMutexLocker locker(&m_lock);
+    m_block = std::move(block);
+}
+
+// ---- VDConnection ----
+
+ZT_DEFINE_CLASS(VDConnection)
+
+void VDConnection::registerMembers(zt::ClassBuilder<VDConnection> &b)
+{
+    b.method("startQueueing", &VDConnection::startQueueing);
+    b.method("stopQueueing", &VDConnection::stopQueueing);
+    b.method("sendDataToRemoteObject:", &VDConnection::sendDataToRemoteObject);
+    b.property("allowWriting", &VDConnection::allowWriting, &VDConnection::setAllowWriting);
+}
+
+zt::Ref<VDConnection> VDConnection::createWithDelegate(VDSocketDelegate *delegate)
+{
+    return createWithInnerSocketDelegate(nullptr, delegate);
+}
+
+zt::Ref<VDConnection> VDConnection::createWithInnerSocketDelegate(zt::Ref<AsyncSocket> socket,
+                                                                  VDSocketDelegate *delegate)
+{
+    auto connection = zt::Ref<VDConnection>::adopt(new VDConnection);
+    connection->initWithInnerSocketDelegate(std::move(socket), delegate);
+    return connection;
+}
+
+void VDConnection::initWithInnerSocketDelegate(zt::Ref<AsyncSocket> socket, VDSocketDelegate *delegate)
+{
+    m_remoteProxy = zt::make<VDConnectionRemoteProxy>(this);
+    m_delegate = delegate;
+    m_socket = socket ? std::move(socket) : AsyncSocket::create();
+    m_socket->setDelegate(this);
+    issueLengthRead();
+}
+
+void VDConnection::dealloc()
+{
+    m_queue.clear();
+    m_delegate = nullptr;
+    m_returnHandlers.clear();
+    if (m_socket) {
+        m_socket->disconnectAfterWriting();
+        m_socket->setDelegate(nullptr);
+        m_socket.reset();
+    }
+    if (m_remoteProxy) {
+        m_remoteProxy->m_target = nullptr;
+        m_remoteProxy.reset();
+    }
+    super::dealloc();
+}
+
+void VDConnection::setProtocolForRemoteObject(const zt::Protocol *protocol)
+{
+    m_remoteProxy->setProtocolForRemoteObject(protocol);
+}
+
+void VDConnection::startQueueing()
+{
+    if (m_isQueuing)
+        return;
+    m_isQueuing = true;
+    m_allowWriting = false;
+}
+
+void VDConnection::stopQueueing()
+{
+    if (!m_isQueuing)
+        return;
+    m_isQueuing = false;
+    m_allowWriting = true;
+    const QList<QByteArray> queued = std::exchange(m_queue, {});
+    for (const QByteArray &message : queued)
+        sendDataToRemoteObject(message);
+}
+
+void VDConnection::sendDataToRemoteObject(const QByteArray &message)
+{
+    if (m_socket)
+        m_socket->writeDataWithTimeoutTag(message, WriteTimeout, LengthTag);
+}
+
+void VDConnection::sendInvocationToRemoteObject(zt::Invocation &invocation)
+{
+    const bool allow = m_allowWriting;
+    QString handlerID;
+    if (invocation.methodSignature().methodReturnLength() == 8) {
+        handlerID = zt::process::globallyUniqueString();
+        auto handler = zt::make<VDReturnHandler>();
+        m_returnHandlers.insert(handlerID, handler);
+        invocation.setReturnValue(zt::objectValue(handler.get()));
+    }
+    const QByteArray message = vd::dataFromInvocation(invocation, handlerID);
+    if (allow || isHandshake(invocation.selector()))
+        sendDataToRemoteObject(message);
+    else if (m_isQueuing)
+        m_queue.append(message);
+    // else: the gate is closed and nothing is kept
+}
+
+void VDConnection::issueLengthRead()
+{
+    if (m_socket)
+        m_socket->readDataToLengthWithTimeoutTag(8, -1.0, LengthTag);
+}
+
+bool VDConnection::localObjectAccepts(const zt::Selector &selector) const
+{
+    if (!m_localObject)
+        return false;
+    if (m_localObject->respondsToSelector("acceptsSelector:"))
+        return m_localObject->perform("acceptsSelector:", {QString::fromLatin1(selector)}).toBool();
+    return m_localObject->respondsToSelector(selector);
+}
+
+void VDConnection::receiveReply(const zt::Invocation &invocation)
+{
+    const qsizetype n = invocation.methodSignature().numberOfArguments();
+    const QVariant result = invocation.argumentAtIndex(n - 2);
+    const QString handlerID = invocation.argumentAtIndex(n - 1).toString();
+    if (VDIPCLogging)
+        zt::log(ztTransport, u"Received callback: value=%@", result);
+    zt::Ref<VDReturnHandler> handler = m_returnHandlers.take(handlerID);
+    if (handler) {
+        if (const VDReturnHandler::Block block = handler->returnHandlerBlock())
+            block(result);
+    }
+}
+
+void VDConnection::dispatchBody(const QByteArray &body)
+{
+    QString handlerID;
+    std::optional<zt::Invocation> invocation =
+        vd::invocationFromData(body, m_localObject, &handlerID, m_decodeLimits);
+    if (!invocation)
+        return;
+    if (invocation->selector() == vd::ReturnedValueSelector) {
+        receiveReply(*invocation);
+        return;
+    }
+    if (!localObjectAccepts(invocation->selector())) {
+        zt::log(ztTransport, u"Warning: local object %@ does not respond to selector %@", m_localObject,
+                QString::fromLatin1(invocation->selector()));
+        return;
+    }
+    if (VDIPCLogging)
+        zt::log(ztTransport, u"Received call: %@", QString::fromLatin1(invocation->selector()));
+    invocation->invoke();
+    if (invocation->methodSignature().methodReturnLength() == 8 && m_remoteProxy)
+        m_remoteProxy->perform(vd::ReturnedValueSelector, {invocation->returnValue(), handlerID});
+}
+
+// ---- socket events ----
+
+void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &data, long tag)
+{
+    zt::Ref<VDConnection> keepAlive(this); // a delegate or a call may drop the last reference
+    if (VDSocketLogging)
+        zt::log(ztTransport, u"%@ [tag=%ld]", data, qint64(tag));
+    if (tag == LengthTag) {
+        quint64 be = 0;
+        if (data.size() == 8)
+            std::memcpy(&be, data.constData(), 8);
+        const quint64 length = qFromBigEndian(be);
+        if (length > m_maximumMessageLength) {
+            zt::log(ztTransport,
+                    u"Message of %lu bytes exceeds the limit of %lu bytes; closing the connection", length,
+                    m_maximumMessageLength);
+            m_socket->disconnect();
+            return;
+        }
+        m_socket->readDataToLengthWithTimeoutTag(qsizetype(length), BodyTimeout, BodyTag);
+        return;
+    }
+    if (tag != BodyTag)
+        return;
+    try {
+        dispatchBody(data);
+    } catch (const zt::Exception &e) {
+        zt::log(ztTransport, u"%@: %@", e.name(), e.reason());
+    } catch (const std::exception &e) {
+        zt::log(ztTransport, u"Exception while dispatching a message: %s", e.what());
+    }
+    issueLengthRead();
+}
+
+void VDConnection::onSocketDidWriteDataWithTag(AsyncSocket *, long tag)
+{
+    if (VDSocketLogging)
+        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didWriteDataWithTag:") + QString::number(tag));
+}
+
+void VDConnection::onSocketDidConnectToHostPort(AsyncSocket *, const QString &host, quint16 port)
+{
+    if (VDSocketLogging)
+        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didConnectToHost:port:"));
+    if (m_delegate)
+        m_delegate->onSocketDidConnectToHostPort(this, host, port);
+}
+
+void VDConnection::onSocketWillDisconnectWithError(AsyncSocket *, const zt::Error &error)
+{
+    if (VDSocketLogging)
+        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:willDisconnectWithError:"));
+    if (m_delegate)
+        m_delegate->onSocketWillDisconnectWithError(this, error);
+}
+
+void VDConnection::onSocketDidDisconnect(AsyncSocket *)
+{
+    if (VDSocketLogging)
+        zt::log(ztTransport, u"%@", QStringLiteral("onSocketDidDisconnect:"));
+    if (m_delegate)
+        m_delegate->onSocketDidDisconnect(this);
+}
+
+void VDConnection::onSocketDidAcceptNewSocket(AsyncSocket *, AsyncSocket *newSocket)
+{
+    if (VDSocketLogging)
+        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didAcceptNewSocket:"));
+    zt::Ref<VDConnection> accepted = createWithInnerSocketDelegate(zt::Ref<AsyncSocket>(newSocket), nullptr);
+    if (m_delegate)
+        m_delegate->onSocketDidAcceptNewSocket(this, accepted.get());
+}
+
+// ---- VDConnectionRemoteProxy ----
+
+ZT_DEFINE_CLASS(VDConnectionRemoteProxy)
+void VDConnectionRemoteProxy::registerMembers(zt::ClassBuilder<VDConnectionRemoteProxy> &) {}
+
+bool VDConnectionRemoteProxy::acceptsSelector(const zt::Selector &selector) const
+{
+    return methodSignatureForSelector(selector).isValid();
+}
+
+zt::MethodSignature VDConnectionRemoteProxy::methodSignatureForSelector(const zt::Selector &selector) const
+{
+    if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))
+        return own->signature;
+    const zt::Protocol *protocol =
+        selector == vd::ReturnedValueSelector ? &vd::VDInternalVDConnectionProtocol() : m_remoteProtocol;
+    if (protocol) {
+        const zt::MethodSignature s = protocol->methodSignature(selector);
+        if (s.isValid())
+            return s;
+    }
+    const QString name = QString::fromLatin1(selector);
+    if (name.startsWith(ZTIPCProxy::prefix())) {
+        const QStringList parts = name.split(u'_');
+        if (parts.size() == 4) {
+            zt::Ref<ZTAbstractIPC> object = ZTDirectory::sharedInstance()->objectWithID(parts[2]);
+            const zt::Selector real = parts[3].toLatin1();
+            if (!object) {
+                zt::log(ztTransport, u"ERROR Counterpart for %@ is not registered", name);
+            } else if (!object->respondsToSelector(real)) {
+                zt::log(ztTransport, u"ERROR %@ does not respond to %@", object, parts[3]);
+            } else {
+                const zt::ClassInfo *super = object->classInfo().superclass();
+                const zt::MethodEntry *method = super ? super->instanceMethod(real) : nullptr;
+                if (method)
+                    return method->signature;
+                zt::log(ztTransport, u"ERROR %@ responds to %@, but couldn't find the method signature",
+                        object, parts[3]);
+            }
+        }
+    }
+    zt::log(ztTransport, u"ERROR No method signature for %@", name);
+    return {};
+}
+
+void VDConnectionRemoteProxy::forwardInvocation(zt::Invocation &invocation)
+{
+    // The message reaches the proxy under its final name: take the signature
+    // that name resolves to here, as any forwarded message would.
+    const zt::MethodSignature signature = methodSignatureForSelector(invocation.selector());
+    if (!signature.isValid())
+        doesNotRecognizeSelector(invocation.selector());
+    if (!m_target)
+        return;
+    if (signature == invocation.methodSignature()) {
+        m_target->sendInvocationToRemoteObject(invocation);
+        return;
+    }
+    zt::Invocation reshaped(signature);
+    reshaped.setSelector(invocation.selector());
+    const qsizetype n =
+        std::min(signature.numberOfArguments(), invocation.methodSignature().numberOfArguments());
+    for (qsizetype i = 2; i < n; ++i)
+        reshaped.setArgumentAtIndex(invocation.argumentAtIndex(i), i);
+    m_target->sendInvocationToRemoteObject(reshaped);
+    invocation.setReturnValue(reshaped.returnValue());
+}

@@ -1,0 +1,185 @@
+#pragma once
+// VDConnection joins one local root object (the target of incoming calls) to
+// one remote peer over one AsyncSocket.
+//
+// Outgoing calls are made on the connection's remote proxy: a message sent to
+// it becomes an invocation, is encoded as one message and written. Calls never
+// wait; a call whose method returns an object answers a VDReturnHandler at
+// once, whose callback receives the result when the reply arrives.
+//
+// The write gate: a new connection writes only the handshake calls
+// ("registerClient", "handshakeFromAgent:") and drops everything else until
+// its owner opens the gate (setAllowWriting) or starts queuing, in which case
+// messages are kept and written in order by stopQueueing().
+//
+// Incoming: an 8-byte length read (tag 0, no timeout), then the body (tag 1,
+// 60 s); the body is decoded against the local object's signatures and run,
+// and only then is the next length read issued, so messages are dispatched
+// strictly in order. A fault in one message (a short body, a wrong argument
+// count, an unknown selector or argument type) is logged with the exception's
+// name and reason and the message is skipped; the connection goes on. A body
+// longer than maximumMessageLength() is not read: the connection logs it and
+// closes.
+//
+// Everything runs on the event loop of the socket's thread; nothing is locked.
+
+#include "runtime/object.h"
+#include "transport/asyncsocket.h"
+#include "transport/vdmessage.h"
+
+#include <QHash>
+#include <QMutex>
+#include <functional>
+
+class VDConnection;
+class VDConnectionRemoteProxy;
+
+//! Process-wide diagnostic switches, off: log each socket event, each
+//! completed read, and each received call or callback.
+ZT_EXPORT extern bool VDSocketLogging;
+ZT_EXPORT extern bool VDIPCLogging;
+
+//! The connection's events, all optional; the first argument is always the
+//! connection, never the raw socket.
+class ZT_EXPORT VDSocketDelegate
+{
+public:
+    virtual ~VDSocketDelegate();
+    //! @sel onSocket:didConnectToHost:port:
+    virtual void onSocketDidConnectToHostPort(VDConnection *connection, const QString &host, quint16 port);
+    //! @sel onSocket:willDisconnectWithError:
+    virtual void onSocketWillDisconnectWithError(VDConnection *connection, const zt::Error &error);
+    //! @sel onSocketDidDisconnect:
+    virtual void onSocketDidDisconnect(VDConnection *connection);
+    //! A listening connection accepted a peer: `newConnection` wraps the new
+    //! socket, has no delegate, and lives only while someone keeps a
+    //! reference to it (the delegate must).
+    //! @sel onSocket:didAcceptNewSocket:
+    virtual void onSocketDidAcceptNewSocket(VDConnection *listener, VDConnection *newConnection);
+};
+
+//! Receives the result of one remote call.
+class ZT_EXPORT VDReturnHandler : public zt::Object
+{
+    ZT_OBJECT(VDReturnHandler, zt::Object)
+public:
+    using Block = std::function<void(const QVariant &result)>;
+    //! Stores the callback (same as setReturnHandlerBlock), so that a call and
+    //! its continuation can be written as one expression.
+    //! @sel returnedValue:
+    void returnedValue(Block block) { setReturnHandlerBlock(std::move(block)); }
+    Block returnHandlerBlock() const;
+    void setReturnHandlerBlock(Block block);
+
+private:
+    mutable QMutex m_lock;
+    Block m_block;
+};
+
+class ZT_EXPORT VDConnection : public zt::Object, private AsyncSocketDelegate
+{
+    ZT_OBJECT(VDConnection, zt::Object)
+public:
+    //! @sel initWithDelegate:
+    static zt::Ref<VDConnection> createWithDelegate(VDSocketDelegate *delegate);
+    //! Takes ownership of `socket` (a new unconnected one when null), becomes
+    //! its delegate and issues the first length read.
+    //! @sel initWithInnerSocket:delegate:
+    static zt::Ref<VDConnection> createWithInnerSocketDelegate(zt::Ref<AsyncSocket> socket,
+                                                               VDSocketDelegate *delegate);
+
+    //! @sel proxyForRemoteObject
+    VDConnectionRemoteProxy *proxyForRemoteObject() const { return m_remoteProxy.get(); }
+    //! The methods the remote root offers. Not owned.
+    //! @sel setProtocolForRemoteObject:
+    void setProtocolForRemoteObject(const zt::Protocol *protocol);
+    //! The target of incoming calls. Not owned.
+    //! @sel setLocalObject:
+    void setLocalObject(zt::Object *object) { m_localObject = object; }
+    zt::Object *localObject() const { return m_localObject; }
+
+    //! @sel startQueueing
+    void startQueueing();
+    //! @sel stopQueueing
+    void stopQueueing();
+    //! One write of a whole message (tag 0, 60 seconds).
+    //! @sel sendDataToRemoteObject:
+    void sendDataToRemoteObject(const QByteArray &message);
+    //! The send path of the remote proxy.
+    //! @sel _sendInvocationToRemoteObject:
+    void sendInvocationToRemoteObject(zt::Invocation &invocation);
+
+    //! @sel socket
+    AsyncSocket *socket() const { return m_socket.get(); }
+    VDSocketDelegate *delegate() const { return m_delegate; }
+    //! Not owned.
+    void setDelegate(VDSocketDelegate *delegate) { m_delegate = delegate; }
+    bool allowWriting() const { return m_allowWriting; }
+    //! Sets the gate directly; leaves queuing alone.
+    void setAllowWriting(bool allow) { m_allowWriting = allow; }
+    bool isQueuing() const { return m_isQueuing; }
+    QList<QByteArray> queue() const { return m_queue; }
+    void setQueue(const QList<QByteArray> &queue) { m_queue = queue; }
+    //! Calls awaiting their result.
+    qsizetype pendingReturnHandlerCount() const { return m_returnHandlers.size(); }
+
+    //! Bodies longer than this close the connection (default 64 MiB).
+    quint64 maximumMessageLength() const { return m_maximumMessageLength; }
+    void setMaximumMessageLength(quint64 bytes) { m_maximumMessageLength = bytes; }
+    //! Bounds on what one incoming argument may make the reader build.
+    void setDecodeLimits(const vd::DecodeLimits &limits) { m_decodeLimits = limits; }
+
+protected:
+    void dealloc() override;
+
+private:
+    friend class VDConnectionRemoteProxy;
+    VDConnection() = default;
+    void initWithInnerSocketDelegate(zt::Ref<AsyncSocket> socket, VDSocketDelegate *delegate);
+    void issueLengthRead();
+    void dispatchBody(const QByteArray &body);
+    void receiveReply(const zt::Invocation &invocation);
+    bool localObjectAccepts(const zt::Selector &selector) const;
+
+    // AsyncSocketDelegate
+    void onSocketWillDisconnectWithError(AsyncSocket *sock, const zt::Error &error) override;
+    void onSocketDidDisconnect(AsyncSocket *sock) override;
+    void onSocketDidAcceptNewSocket(AsyncSocket *sock, AsyncSocket *newSocket) override;
+    void onSocketDidConnectToHostPort(AsyncSocket *sock, const QString &host, quint16 port) override;
+    void onSocketDidReadDataWithTag(AsyncSocket *sock, const QByteArray &data, long tag) override;
+    void onSocketDidWriteDataWithTag(AsyncSocket *sock, long tag) override;
+
+    zt::Ref<AsyncSocket> m_socket;
+    VDSocketDelegate *m_delegate = nullptr;
+    QHash<QString, zt::Ref<VDReturnHandler>> m_returnHandlers;
+    zt::Object *m_localObject = nullptr;
+    zt::Ref<VDConnectionRemoteProxy> m_remoteProxy;
+    bool m_allowWriting = false;
+    bool m_isQueuing = false;
+    QList<QByteArray> m_queue;
+    quint64 m_maximumMessageLength = quint64(64) << 20;
+    vd::DecodeLimits m_decodeLimits;
+};
+
+//! The object on which outgoing calls are made. Every message it does not
+//! define is looked up (the remote protocol; for forwarded model calls, the
+//! directory) and handed to the connection's send path.
+class ZT_EXPORT VDConnectionRemoteProxy : public zt::Object
+{
+    ZT_OBJECT(VDConnectionRemoteProxy, zt::Object)
+public:
+    //! @sel initWithTarget:
+    explicit VDConnectionRemoteProxy(VDConnection *target = nullptr) : m_target(target) {}
+    //! @sel setProtocolForRemoteObject:
+    void setProtocolForRemoteObject(const zt::Protocol *protocol) { m_remoteProtocol = protocol; }
+    //! @sel acceptsSelector:
+    bool acceptsSelector(const zt::Selector &selector) const;
+    zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override;
+    void forwardInvocation(zt::Invocation &invocation) override;
+    VDConnection *target() const { return m_target; }
+
+private:
+    friend class VDConnection;
+    VDConnection *m_target = nullptr; // the owning connection
+    const zt::Protocol *m_remoteProtocol = nullptr;
+};
