@@ -1,168 +1,246 @@
-// Demo: an agent-side chat model whose changes are printed as the exact
-// messages its proxies hand to the remote root (the client's root object).
+// Demo: an agent process and a client process on loopback.
 //
-// Until the two processes are joined by a connection, the remote root here is
-// a printer; the messages are the ones a client would receive.
+// `zt-demo` is the client: it starts `zt-demo --agent`, connects to it, and
+// prints what its mirror of the agent's model does as the changes arrive. The
+// agent brings a connection online, joins and leaves channels and changes a
+// topic; then the client sends the agent an action and a call that returns a
+// value.
 
-#include "core/ztabstractipc.h"
-#include "core/ztapplication.h"
-#include "core/ztdirectory.h"
-#include "runtime/format.h"
-#include "runtime/invocation.h"
+#include "core/vdkvo.h"
+#include "demo_model.h"
 #include "runtime/kvc.h"
-#include "runtime/plist.h"
 #include "runtime/process.h"
 
 #include <QCoreApplication>
+#include <QProcess>
 #include <QTextStream>
+#include <QTimer>
 
 namespace {
 
 QTextStream out(stdout);
 
-class DemoChannel : public ZTAbstractIPC
+// ---- the agent ----
+
+class AgentRoot : public ReferenceRoot
 {
-    ZT_OBJECT(DemoChannel, ZTAbstractIPC)
+    ZT_OBJECT(AgentRoot, ReferenceRoot)
 public:
-    QString name() const { return m_name; }
-    void setName(const QString &v) { setAndNotify(m_name, v, QStringLiteral("name")); }
-    QString topic() const { return m_topic; }
-    void setTopic(const QString &v) { setAndNotify(m_topic, v, QStringLiteral("topic")); }
-    QVariantMap dictionary() const override
+    zt::Ref<AgentConnection> model;
+
+    void registerClient()
     {
-        QVariantMap d = super::dictionary();
-        d.insert(QStringLiteral("name"), m_name);
-        d.insert(QStringLiteral("topic"), m_topic);
-        return d;
+        VDConnectionRemoteProxy *client = connection()->proxyForRemoteObject();
+        client->perform("handshakeFromAgent:", {model->dictionary()});
+        connection()->setAllowWriting(true);
+        runScript(client);
     }
 
 private:
-    QString m_name, m_topic;
+    zt::Ref<AgentChannel> channel(const QString &name, const QString &topic)
+    {
+        auto c = zt::make<AgentChannel>();
+        c->init();
+        c->setName(name);
+        c->setTopic(topic);
+        return c;
+    }
+    void runScript(VDConnectionRemoteProxy *client)
+    {
+        auto channels = std::make_shared<zt::MutableArrayProxy>(
+            model->mutableArrayValueForKey(QStringLiteral("channels")));
+        const std::vector<std::function<void()>> steps = {
+            [this] { model->setStatus(0); },
+            [this, channels] {
+                channels->addObject(zt::objectValue(channel(QStringLiteral("#zintaro"), QString()).get()));
+            },
+            [this, channels] {
+                channels->addObject(
+                    zt::objectValue(channel(QStringLiteral("#qt"), QStringLiteral("Qt 6")).get()));
+            },
+            [this] {
+                model->channels().first()->setTopic(
+                    QStringLiteral("Split-process IRC, correct to the last byte"));
+            },
+            [this, channels] {
+                auto qt = model->channels().last();
+                channels->removeObjectAtIndex(1);
+                qt->invalidate();
+            },
+            [client] { client->perform("agentFinished"); },
+        };
+        for (size_t i = 0; i < steps.size(); ++i)
+            QTimer::singleShot(int(150 * (i + 1)), steps[i]);
+    }
 };
 
-class DemoConnection : public ZTAbstractIPC
+class Listener : public VDSocketDelegate
 {
-    ZT_OBJECT(DemoConnection, ZTAbstractIPC)
 public:
-    qint64 status() const { return m_status; }
-    void setStatus(qint64 v) { setAndNotify(m_status, v, QStringLiteral("status")); }
-    QList<zt::Ref<DemoChannel>> channels() const { return m_channels; }
-    void insertChannelsAtIndexes(const QList<zt::Ref<DemoChannel>> &list, const zt::IndexSet &indexes)
+    AgentRoot *root = nullptr;
+    void onSocketDidAcceptNewSocket(VDConnection *, VDConnection *accepted) override
     {
-        qsizetype k = 0;
-        for (quint64 i : indexes)
-            m_channels.insert(qsizetype(i), list[k++]);
+        accepted->setDelegate(this);
+        root->setConnection(accepted, &demoClientRootProtocol());
     }
-    void removeChannelsAtIndexes(const zt::IndexSet &indexes)
+    void onSocketDidDisconnect(VDConnection *) override { QCoreApplication::quit(); }
+};
+
+int runAgent(QCoreApplication &app)
+{
+    zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Zintaro2Agent"));
+    auto root = zt::make<AgentRoot>();
+    root->model = zt::make<AgentConnection>();
+    root->model->init();
+    root->model->onOutgoingLine = [](const QString &line) {
+        out << "[agent] the client asks the connection to send: " << line << Qt::endl;
+    };
+    Listener listener;
+    listener.root = root.get();
+    zt::Ref<VDConnection> listening = VDConnection::createWithDelegate(&listener);
+    zt::Error error;
+    if (!listening->socket()->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0, &error)) {
+        out << "[agent] cannot listen: " << error.localizedDescription() << Qt::endl;
+        return 1;
+    }
+    out << "LISTENING " << listening->socket()->localPort() << Qt::endl;
+    const int rc = app.exec();
+    root->model->invalidateTree();
+    root->setConnection(nullptr, nullptr);
+    return rc;
+}
+
+// ---- the client ----
+
+class ClientRoot : public ReferenceRoot
+{
+    ZT_OBJECT(ClientRoot, ReferenceRoot)
+public:
+    zt::Ref<DemoConnection> model;
+
+    void handshakeFromAgent(const QVariantMap &dictionary)
     {
-        for (auto r = indexes.ranges().rbegin(); r != indexes.ranges().rend(); ++r)
-            m_channels.remove(qsizetype(r->location), qsizetype(r->length));
+        model = zt::dynamicCast<DemoConnection>(ZTAbstractIPC::createCounterpartWithUUID<ClientConnection>(
+            dictionary.value(QStringLiteral("description")).toString()));
+        model->setStatus(dictionary.value(QStringLiteral("status")).toLongLong());
+        out << "[client] mirroring connection " << model->description() << " (status " << model->status()
+            << ")" << Qt::endl;
+        watch();
+        connection()->setAllowWriting(true);
     }
-    QVariantList channelDictionaries() const
+
+    void agentFinished()
     {
-        QVariantList list;
-        for (const auto &c : m_channels)
-            list.append(c->dictionary());
-        return list;
+        out << "[client] the agent is done; calling it back" << Qt::endl;
+        model->counterpart()->perform("processOutgoingLine:", {QStringLiteral("/me waves from the client")});
+        auto handler = zt::dynamicCast<VDReturnHandler>(
+            zt::Ref<zt::Object>(zt::objectFrom(model->counterpart()->perform("channelList"))));
+        handler->returnedValue([](const QVariant &value) {
+            out << "[client] the agent's connection is in: " << value.toString() << Qt::endl;
+            QTimer::singleShot(100, [] { QCoreApplication::quit(); });
+        });
     }
-    QString replacementKeyForWiring(const QString &key) const override
-    {
-        return key == u"channels" ? QStringLiteral("channelDictionaries")
-                                  : super::replacementKeyForWiring(key);
-    }
-    void processOutgoingLine(const QString &) {}
-    void nilify() override { m_channels.clear(); }
 
 private:
-    qint64 m_status = 3;
-    QList<zt::Ref<DemoChannel>> m_channels;
+    void watch()
+    {
+        const auto options = zt::ObservingOption::New | zt::ObservingOption::Old;
+        model->addObservationToken(zt::observeKeyPathOptionsHandler(
+            model.get(), QStringLiteral("status"), options, [](zt::Object *, const zt::KVOChange &c) {
+                out << "[client] status " << zt::describe(c.oldValue) << " -> " << zt::describe(c.newValue)
+                    << Qt::endl;
+            }));
+        model->addObservationToken(zt::observeKeyPathOptionsHandler(
+            model.get(), QStringLiteral("channels"), options, [this](zt::Object *, const zt::KVOChange &c) {
+                const char *what = c.kind == zt::KeyValueChange::Insertion ? "joined" : "left";
+                out << "[client] channels " << what << " at " << c.indexes.description() << ": now ["
+                    << model->channelList() << "]" << Qt::endl;
+                if (c.kind == zt::KeyValueChange::Insertion)
+                    for (const QVariant &v : c.newValue.toList())
+                        watchChannel(zt::fromValue<zt::Ref<DemoChannel>>(v));
+            }));
+    }
+    void watchChannel(const zt::Ref<DemoChannel> &channel)
+    {
+        out << "[client]   " << channel->name() << " topic: \"" << channel->topic() << "\"" << Qt::endl;
+        channel->addObservationToken(zt::observeKeyPathOptionsHandler(
+            channel.get(), QStringLiteral("topic"), zt::ObservingOption::New,
+            [](zt::Object *o, const zt::KVOChange &c) {
+                out << "[client] " << static_cast<DemoChannel *>(o)->name() << " topic -> \""
+                    << c.newValue.toString() << "\"" << Qt::endl;
+            }));
+    }
 };
 
-// The client's root, as seen from the agent: prints what would be sent.
-class PrintingRoot : public zt::Object
+class Events : public VDSocketDelegate
 {
-    ZT_OBJECT(PrintingRoot, zt::Object)
 public:
-    zt::MethodSignature methodSignatureForSelector(const zt::Selector &sel) const override
+    void onSocketDidConnectToHostPort(VDConnection *connection, const QString &host, quint16 port) override
     {
-        const zt::MethodSignature s = ZTIPCProxy::agentChangeProtocol().methodSignature(sel);
-        return s.isValid() ? s : Object::methodSignatureForSelector(sel);
+        out << "[client] connected to the agent at " << host << ':' << port << Qt::endl;
+        connection->proxyForRemoteObject()->perform("registerClient");
     }
-    void forwardInvocation(zt::Invocation &inv) override
-    {
-        out << QString::fromLatin1(inv.selector()) << '\n';
-        qsizetype bytes = 0;
-        for (const QVariant &arg : inv.arguments()) {
-            const QString text = zt::describe(arg).replace(u'\n', QStringLiteral("\n      "));
-            out << "    " << zt::valueClassName(arg) << ": " << text << '\n';
-            bytes += zt::plist::isPropertyList(arg) ? zt::plist::writeBinary(arg).size() : 16;
-        }
-        out << "    (" << bytes << " bytes of arguments on the wire)\n\n";
-        out.flush();
-    }
+    void onSocketDidDisconnect(VDConnection *) override { QCoreApplication::exit(1); }
 };
 
-class Delegate : public ZTApplicationDelegate
+int runClient(QCoreApplication &app)
 {
-public:
-    zt::Object *counterpart() const override { return root.get(); }
-    zt::Ref<PrintingRoot> root = zt::make<PrintingRoot>();
-};
+    zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Zintaro2"));
+    QProcess agent;
+    agent.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    agent.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--agent")});
+    if (!agent.waitForStarted(10000) || !agent.waitForReadyRead(10000)) {
+        out << "cannot start the agent" << Qt::endl;
+        return 1;
+    }
+    const QByteArray ready = agent.readLine().trimmed();
+    const quint16 port = quint16(ready.mid(10).toUInt());
+    out << "[client] started the agent (pid " << agent.processId() << "), listening on port " << port
+        << Qt::endl;
+    QObject::connect(&agent, &QProcess::readyReadStandardOutput,
+                     [&agent] { out << QString::fromUtf8(agent.readAllStandardOutput()) << Qt::flush; });
+
+    auto root = zt::make<ClientRoot>();
+    root->setClientID(QStringLiteral("demo-client"));
+    Events events;
+    root->setConnection(VDConnection::createWithDelegate(&events), &ReferenceRoot::agentRootProtocol());
+    zt::Error error;
+    if (!root->connection()->socket()->connectToHostOnPortError(QStringLiteral("127.0.0.1"), port, &error)) {
+        out << "cannot connect: " << error.localizedDescription() << Qt::endl;
+        return 1;
+    }
+    QTimer::singleShot(20000, &app, [] { QCoreApplication::exit(2); });
+    const int rc = app.exec();
+    if (root->model)
+        root->model->invalidateTree();
+    root->connection()->setDelegate(nullptr);
+    root->connection()->socket()->disconnect(); // the agent sees it and quits
+    root->setConnection(nullptr, nullptr);
+    agent.waitForFinished(5000);
+    out << QString::fromUtf8(agent.readAllStandardOutput()) << "[client] done" << Qt::endl;
+    return rc;
+}
 
 } // namespace
 
-ZT_DEFINE_CLASS(DemoChannel)
-void DemoChannel::registerMembers(zt::ClassBuilder<DemoChannel> &b)
+ZT_DEFINE_CLASS(AgentRoot)
+void AgentRoot::registerMembers(zt::ClassBuilder<AgentRoot> &b)
 {
-    b.property("name", &DemoChannel::name, &DemoChannel::setName);
-    b.property("topic", &DemoChannel::topic, &DemoChannel::setTopic);
+    b.method("registerClient", &AgentRoot::registerClient);
 }
-
-ZT_DEFINE_CLASS(DemoConnection)
-void DemoConnection::registerMembers(zt::ClassBuilder<DemoConnection> &b)
+ZT_DEFINE_CLASS(ClientRoot)
+void ClientRoot::registerMembers(zt::ClassBuilder<ClientRoot> &b)
 {
-    b.property("status", &DemoConnection::status, &DemoConnection::setStatus);
-    b.method("channels", &DemoConnection::channels);
-    b.method("insertChannels:atIndexes:", &DemoConnection::insertChannelsAtIndexes);
-    b.method("removeChannelsAtIndexes:", &DemoConnection::removeChannelsAtIndexes);
-    b.method("channelDictionaries", &DemoConnection::channelDictionaries);
-    b.method("processOutgoingLine:", &DemoConnection::processOutgoingLine);
+    b.method("handshakeFromAgent:", &ClientRoot::handshakeFromAgent);
+    b.method("agentFinished", &ClientRoot::agentFinished);
 }
-
-ZT_DEFINE_CLASS(PrintingRoot)
-void PrintingRoot::registerMembers(zt::ClassBuilder<PrintingRoot> &) {}
 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
-    zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Zintaro2Agent"));
-    Delegate delegate;
-    ZTApplication::setDelegate(&delegate);
-
-    out << "Zintaro Core demo: the agent's model changes, as the messages sent to the client.\n\n";
-
-    auto connection = zt::make<DemoConnection>();
-    connection->init();
-    out << "== connection " << connection->description() << " goes online\n";
-    connection->setStatus(0);
-
-    auto channel = zt::make<DemoChannel>();
-    channel->init();
-    channel->setName(QStringLiteral("#zintaro"));
-    out << "== the connection joins #zintaro\n";
-    connection->mutableArrayValueForKey(QStringLiteral("channels")).addObject(zt::objectValue(channel.get()));
-
-    out << "== the topic changes\n";
-    channel->setTopic(QStringLiteral("Split-process IRC, correct to the last byte"));
-
-    out << "== the agent asks the client's mirror of the connection to run an action\n";
-    connection->counterpart()->perform("processOutgoingLine:", {QStringLiteral("/me waves")});
-
-    out << "== the connection leaves #zintaro\n";
-    connection->mutableArrayValueForKey(QStringLiteral("channels")).removeObjectAtIndex(0);
-    channel->invalidate();
-    connection->invalidate();
-    out << "Objects left in the directory: " << ZTDirectory::sharedInstance()->count() << "\n";
-    ZTApplication::setDelegate(nullptr);
-    return 0;
+    if (app.arguments().contains(QStringLiteral("--agent")))
+        return runAgent(app);
+    out << "Zintaro Core demo: an agent and a client process mirroring a chat model over loopback.\n"
+        << Qt::endl;
+    return runClient(app);
 }
