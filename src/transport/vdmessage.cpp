@@ -18,12 +18,13 @@ void appendWord(QByteArray &out, quint64 v)
     out.append(reinterpret_cast<const char *>(&be), 8);
 }
 
+QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 size);
+
+// Every read, the framing words included, is range checked: a body shorter
+// than its fields raises NSRangeException instead of reading past its end.
 quint64 readWord(QByteArrayView body, quint64 &cursor)
 {
-    const Range r = VDRangeWithCursorAndSize(cursor, 8);
-    quint64 be;
-    std::memcpy(&be, body.data() + r.location, 8);
-    return qFromBigEndian(be);
+    return qFromBigEndian<quint64>(readBytes(body, cursor, 8).data());
 }
 
 QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 size)
