@@ -1,0 +1,239 @@
+#pragma once
+// Helpers for the invocation-message and connection tests: hand-built frames
+// and property lists, a raw socket peer that reads frames off the stream,
+// and a rendering of values that the independent Python decoder shares.
+
+#include "runtime/exception.h"
+#include "runtime/plist.h"
+#include "support/log_capture.h"
+#include "transport/asyncsocket_support.h"
+#include "transport/vdconnection.h"
+#include "transport/vdmessage.h"
+
+#include <QtEndian>
+#include <functional>
+#include <optional>
+#include <ostream>
+
+inline void PrintTo(const QString &s, std::ostream *os)
+{
+    *os << '"' << s.toStdString() << '"';
+}
+
+namespace vdtest {
+
+//! An 8-byte big-endian word.
+inline QByteArray word(quint64 v)
+{
+    QByteArray out(8, Qt::Uninitialized);
+    qToBigEndian(v, out.data());
+    return out;
+}
+
+//! Bytes from hex text; spaces (and other non-hex characters) are skipped.
+inline QByteArray hex(const char *text)
+{
+    return QByteArray::fromHex(QByteArray(text));
+}
+
+//! A binary property list holding one object, built by hand: the header,
+//! the object's bytes (given in hex), a one-entry offset table of 1-byte
+//! offsets and the 32-byte trailer.
+inline QByteArray scalarPlist(const char *objectHex)
+{
+    const QByteArray object = hex(objectHex);
+    QByteArray out = QByteArrayLiteral("bplist00") + object;
+    out.append(char(8));                     // the one offset: the object follows the header
+    out.append(QByteArray(6, '\0'));         // unused, sort version
+    out.append(char(1));                     // offset width
+    out.append(char(1));                     // reference width
+    out += word(1);                          // object count
+    out += word(0);                          // top object
+    out += word(quint64(8 + object.size())); // offset table position
+    return out;
+}
+
+//! A message body: selector, handler identifier, then one record per payload.
+//! `count` overrides the argument count field.
+inline QByteArray body(const QByteArray &selector, const QByteArray &handler,
+                       const QList<QByteArray> &payloads, std::optional<quint64> count = {})
+{
+    QByteArray out = word(quint64(selector.size())) + selector + word(quint64(handler.size())) + handler;
+    out += word(count.value_or(quint64(payloads.size())));
+    for (const QByteArray &p : payloads)
+        out += word(quint64(p.size())) + p;
+    return out;
+}
+
+//! A whole message: the body behind its length word.
+inline QByteArray frame(const QByteArray &body)
+{
+    return word(quint64(body.size())) + body;
+}
+
+//! The index-set form with the given header count and indexes (host order).
+inline QByteArray indexSetPayload(const QList<quint64> &indexes, std::optional<quint64> byteCount = {})
+{
+    QByteArray out = word(vd::IndexSetMagic) + word(byteCount.value_or(8 * quint64(indexes.size())));
+    for (quint64 i : indexes)
+        out.append(reinterpret_cast<const char *>(&i), 8);
+    return out;
+}
+
+//! A value as the frame decoder prints it (one token, containers inline):
+//!   nil  idx[3,5]  b:1  i:-1  r:<float64 bits>  s"text"  d<hex>  t:<ms>
+//!   [a,b]  {"k":v,...}
+//! Strings keep printable ASCII except '"' and '\', everything else as \uXXXX
+//! per UTF-16 code unit; dictionary keys sorted by code unit.
+inline QString render(const QVariant &v)
+{
+    const auto string = [](const QString &s) {
+        QString out = QStringLiteral("s\"");
+        for (QChar c : s) {
+            const char16_t u = c.unicode();
+            if (u >= 0x20 && u < 0x7f && u != u'"' && u != u'\\')
+                out += c;
+            else
+                out += QStringLiteral("\\u%1").arg(uint(u), 4, 16, QChar(u'0'));
+        }
+        return out + u'"';
+    };
+    switch (zt::kindOf(v)) {
+    case zt::ValueKind::Nil:
+    case zt::ValueKind::Null:
+        return QStringLiteral("nil");
+    case zt::ValueKind::IndexSet: {
+        QStringList parts;
+        for (quint64 i : v.value<zt::IndexSet>())
+            parts.append(QString::number(i));
+        return QStringLiteral("idx[") + parts.join(u',') + u']';
+    }
+    case zt::ValueKind::Bool:
+        return v.toBool() ? QStringLiteral("b:1") : QStringLiteral("b:0");
+    case zt::ValueKind::Signed:
+        return QStringLiteral("i:") + QString::number(v.toLongLong());
+    case zt::ValueKind::Unsigned:
+        return QStringLiteral("i:") + QString::number(v.toULongLong());
+    case zt::ValueKind::Real: {
+        const double d = v.toDouble();
+        quint64 bits;
+        std::memcpy(&bits, &d, 8);
+        return QStringLiteral("r:%1").arg(bits, 16, 16, QChar(u'0'));
+    }
+    case zt::ValueKind::String:
+        return string(v.toString());
+    case zt::ValueKind::Data:
+        return QStringLiteral("d") + QString::fromLatin1(v.toByteArray().toHex());
+    case zt::ValueKind::Date:
+        return QStringLiteral("t:") + QString::number(v.toDateTime().toMSecsSinceEpoch());
+    case zt::ValueKind::Array: {
+        QStringList parts;
+        for (const QVariant &e : v.toList())
+            parts.append(render(e));
+        return u'[' + parts.join(u',') + u']';
+    }
+    case zt::ValueKind::Dictionary: {
+        const QVariantMap map = v.toMap(); // QString order is code-unit order
+        QStringList parts;
+        for (auto it = map.cbegin(); it != map.cend(); ++it)
+            parts.append(string(it.key()).mid(1) + u':' + render(it.value()));
+        return u'{' + parts.join(u',') + u'}';
+    }
+    default:
+        return QStringLiteral("?") + zt::valueClassName(v);
+    }
+}
+
+//! The name and reason of what `f` raises; empty if nothing.
+inline std::pair<QString, QString> raised(const std::function<void()> &f)
+{
+    try {
+        f();
+    } catch (const zt::Exception &e) {
+        return {e.name(), e.reason()};
+    }
+    return {};
+}
+
+//! A plain socket connected to a listening VDConnection: it writes raw bytes
+//! and reads the stream back as frames (length word, then body), so a test
+//! sees exactly what a connection writes and can feed it anything.
+class RawPeer : public VDSocketDelegate
+{
+public:
+    zt::Ref<VDConnection> listener;
+    zt::Ref<VDConnection> accepted; // the connection under test
+    zt::Ref<AsyncSocket> raw;
+    sockettest::Recorder rawEvents;
+    QList<QByteArray> bodies; // frames received from the connection under test
+    int acceptedDisconnects = 0;
+
+    //! Listens on loopback port 0 and connects the raw socket; `prepare` runs
+    //! on the accepted connection as soon as it exists.
+    bool open(std::function<void(VDConnection *)> prepare = {})
+    {
+        m_prepare = std::move(prepare);
+        listener = VDConnection::createWithDelegate(this);
+        zt::Error error;
+        if (!listener->socket()->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0, &error)) {
+            ADD_FAILURE() << "listen: " << error.localizedDescription().toStdString();
+            return false;
+        }
+        rawEvents.onRead = [this](AsyncSocket *sock, const QByteArray &data, long tag) {
+            if (tag == 0) {
+                sock->readDataToLengthWithTimeoutTag(qsizetype(qFromBigEndian<quint64>(data.constData())), -1,
+                                                     1);
+            } else {
+                bodies.append(data);
+                sock->readDataToLengthWithTimeoutTag(8, -1, 0);
+            }
+        };
+        raw = AsyncSocket::createWithDelegate(&rawEvents);
+        raw->readDataToLengthWithTimeoutTag(8, -1, 0);
+        if (!raw->connectToHostOnPortError(QStringLiteral("127.0.0.1"), listener->socket()->localPort(),
+                                           &error)) {
+            ADD_FAILURE() << "connect: " << error.localizedDescription().toStdString();
+            return false;
+        }
+        return sockettest::waitUntil([this] { return accepted && rawEvents.connected; });
+    }
+
+    void write(const QByteArray &bytes) { raw->writeDataWithTimeoutTag(bytes, -1, 0); }
+
+    bool waitForBodies(qsizetype n)
+    {
+        return sockettest::waitUntil([&] { return bodies.size() >= n; });
+    }
+
+    void onSocketDidAcceptNewSocket(VDConnection *, VDConnection *connection) override
+    {
+        accepted = zt::Ref<VDConnection>(connection);
+        accepted->setDelegate(this);
+        if (m_prepare)
+            m_prepare(connection);
+    }
+    void onSocketDidDisconnect(VDConnection *connection) override
+    {
+        if (connection == accepted.get())
+            ++acceptedDisconnects;
+    }
+
+    ~RawPeer() override
+    {
+        rawEvents.onRead = nullptr;
+        if (raw)
+            raw->setDelegate(nullptr);
+        for (VDConnection *c : {listener.get(), accepted.get()})
+            if (c)
+                c->setDelegate(nullptr);
+        raw.reset();
+        accepted.reset();
+        listener.reset();
+        sockettest::flushDeferredDeletes();
+    }
+
+private:
+    std::function<void(VDConnection *)> m_prepare;
+};
+
+} // namespace vdtest
