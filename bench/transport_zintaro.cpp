@@ -1,0 +1,195 @@
+// The agent-to-client link of Zintaro Core between two processes: property
+// changes applied per second on the client, and the round trip of a call that
+// returns a value. The benchmark process is the client; it starts the agent
+// (peers/zintaro) and reaches its counter through forwarded calls.
+
+#include "bench_model.h"
+#include "bench_support.h"
+#include "core/vdkvo.h"
+#include "runtime/process.h"
+
+#include <QElapsedTimer>
+#include <benchmark/benchmark.h>
+
+namespace {
+
+constexpr int kPropertyChanges = 200000;
+constexpr int kRoundTrips = 10000;
+constexpr int kWarmUpRoundTrips = 200;
+constexpr int kTimeoutMs = 120000;
+
+class BenchClientRoot : public ReferenceRoot
+{
+    ZT_OBJECT(BenchClientRoot, ReferenceRoot)
+public:
+    zt::Ref<BenchCounter> counter;
+    // Counting applied changes: the moment the expected value lands.
+    qint64 target = -1;
+    qint64 seen = 0;
+    qint64 doneAt = -1;
+    QElapsedTimer clock;
+
+    void handshakeFromAgent(const QVariantMap &dictionary)
+    {
+        counter = zt::dynamicCast<BenchCounter>(ZTAbstractIPC::createCounterpartWithUUID<ClientCounter>(
+            dictionary.value(QStringLiteral("description")).toString()));
+        counter->setValue(dictionary.value(QStringLiteral("value")).toLongLong());
+        // A client mirror observes what it shows; the handler counts.
+        counter->addObservationToken(
+            zt::observeKeyPathOptionsHandler(counter.get(), QStringLiteral("value"), zt::ObservingOption::New,
+                                             [this](zt::Object *, const zt::KVOChange &change) {
+                                                 ++seen;
+                                                 if (change.newValue.toLongLong() == target)
+                                                     doneAt = clock.nsecsElapsed();
+                                             }));
+        connection()->setAllowWriting(true);
+    }
+};
+
+class Events : public VDSocketDelegate
+{
+public:
+    void onSocketDidConnectToHostPort(VDConnection *connection, const QString &, quint16) override
+    {
+        connection->proxyForRemoteObject()->perform("registerClient");
+    }
+};
+
+struct ZintaroLink
+{
+    ztbench::PeerProcess agent{QStringLiteral(ZT_ZINTARO_PEER)};
+    zt::Ref<BenchClientRoot> root = zt::make<BenchClientRoot>();
+    Events events;
+    QString error;
+
+    bool open()
+    {
+        zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Bench"));
+        ZTIPCProxy::resetCachedProcessRole();
+        if (!agent.start(kTimeoutMs)) {
+            error = agent.errorString();
+            return false;
+        }
+        root->clock.start();
+        root->setConnection(VDConnection::createWithDelegate(&events), &ReferenceRoot::agentRootProtocol());
+        if (!root->connection()->socket()->connectToHostOnPortError(QStringLiteral("127.0.0.1"),
+                                                                    agent.port()) ||
+            !ztbench::waitUntil([&] { return bool(root->counter); }, kTimeoutMs)) {
+            error = QStringLiteral("no handshake from the agent");
+            return false;
+        }
+        return true;
+    }
+    ~ZintaroLink()
+    {
+        if (root->counter)
+            root->counter->invalidate();
+        if (root->connection()) {
+            root->connection()->setDelegate(nullptr);
+            root->connection()->socket()->disconnect();
+        }
+        root->setConnection(nullptr, nullptr);
+        agent.stop();
+    }
+};
+
+void skip(benchmark::State &state, const QString &why)
+{
+    state.SkipWithError(why.toUtf8().constData());
+}
+
+void BM_Zintaro_PropertyChanges(benchmark::State &state)
+{
+    const qint64 batch = state.range(0);
+    ZintaroLink link;
+    if (!link.open())
+        return skip(state, link.error);
+    BenchClientRoot &root = *link.root;
+    double seconds = 0, clientCpu = 0;
+    qint64 changes = 0;
+    for (auto _ : state) {
+        root.seen = 0;
+        root.doneAt = -1;
+        root.target = root.counter->value() + kPropertyChanges;
+        const double cpuBefore = ztbench::processCpuSeconds();
+        const qint64 start = root.clock.nsecsElapsed();
+        root.counter->counterpart()->perform("produceChanges:batch:", {qint64(kPropertyChanges), batch});
+        if (!ztbench::waitUntil([&] { return root.doneAt >= 0; }, kTimeoutMs))
+            return skip(state, QStringLiteral("the last change did not arrive (%1 seen)").arg(root.seen));
+        if (root.seen != kPropertyChanges)
+            return skip(
+                state, QStringLiteral("%1 changes applied for %2 sent").arg(root.seen).arg(kPropertyChanges));
+        clientCpu += ztbench::processCpuSeconds() - cpuBefore;
+        const double s = double(root.doneAt - start) / 1e9;
+        state.SetIterationTime(s);
+        seconds += s;
+        changes += kPropertyChanges;
+    }
+    state.SetItemsProcessed(changes);
+    state.counters["changes_per_second"] = double(changes) / seconds;
+    state.counters["client_cpu_ms"] = clientCpu * 1e3;
+}
+BENCHMARK(BM_Zintaro_PropertyChanges)
+    ->ArgName("batch")
+    ->Arg(1000)
+    ->Arg(kPropertyChanges)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
+void BM_Zintaro_RoundTrip(benchmark::State &state)
+{
+    ZintaroLink link;
+    if (!link.open())
+        return skip(state, link.error);
+    BenchClientRoot &root = *link.root;
+    std::vector<double> latenciesUs;
+    latenciesUs.reserve(kRoundTrips);
+    for (auto _ : state) {
+        latenciesUs.clear();
+        double measured = 0;
+        for (int i = 0; i < kWarmUpRoundTrips + kRoundTrips; ++i) {
+            qint64 answered = -1;
+            QVariant answer;
+            const qint64 sent = root.clock.nsecsElapsed();
+            const QVariant handler = root.counter->counterpart()->perform("echo:", {qint64(i)});
+            auto returned = zt::dynamicCast<VDReturnHandler>(zt::Ref<zt::Object>(zt::objectFrom(handler)));
+            if (!returned)
+                return skip(state, QStringLiteral("echo: yielded no handler"));
+            returned->returnedValue([&](const QVariant &value) {
+                answered = root.clock.nsecsElapsed();
+                answer = value;
+            });
+            if (!ztbench::waitUntil([&] { return answered >= 0; }, kTimeoutMs))
+                return skip(state, QStringLiteral("call %1 was not answered").arg(i));
+            if (answer.toLongLong() != i)
+                return skip(state, QStringLiteral("call %1 was answered wrongly").arg(i));
+            if (i >= kWarmUpRoundTrips) {
+                latenciesUs.push_back(double(answered - sent) / 1e3);
+                measured += double(answered - sent) / 1e9;
+            }
+        }
+        state.SetIterationTime(measured);
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * kRoundTrips);
+    state.counters["rtt_median_us"] = ztbench::percentile(latenciesUs, 50);
+    state.counters["rtt_p99_us"] = ztbench::percentile(latenciesUs, 99);
+}
+BENCHMARK(BM_Zintaro_RoundTrip)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+ZT_DEFINE_CLASS(BenchClientRoot)
+void BenchClientRoot::registerMembers(zt::ClassBuilder<BenchClientRoot> &b)
+{
+    b.method("handshakeFromAgent:", &BenchClientRoot::handshakeFromAgent);
+}
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
