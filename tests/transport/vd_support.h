@@ -3,6 +3,16 @@
 // and property lists, a raw socket peer that reads frames off the stream,
 // and a rendering of values that the independent Python decoder shares.
 
+#include <QString>
+#include <ostream>
+
+// Test failures print strings as text. Declared before GoogleTest is seen,
+// so that its printers find it.
+inline void PrintTo(const QString &s, std::ostream *os)
+{
+    *os << '"' << s.toStdString() << '"';
+}
+
 #include "runtime/exception.h"
 #include "runtime/plist.h"
 #include "support/log_capture.h"
@@ -14,11 +24,6 @@
 #include <functional>
 #include <optional>
 #include <ostream>
-
-inline void PrintTo(const QString &s, std::ostream *os)
-{
-    *os << '"' << s.toStdString() << '"';
-}
 
 namespace vdtest {
 

@@ -1,0 +1,856 @@
+// VDConnection: two connections in one process over a real loopback socket
+// pair (or one connection and a raw socket that writes and reads frames by
+// hand). The write gate and its queue, return handlers, faults in incoming
+// messages, the body-length limit, accepted connections, and the remote
+// proxy's signature look-up.
+
+#include "core/ztabstractipc.h"
+#include "core/ztdirectory.h"
+#include "runtime/process.h"
+#include "transport/vd_support.h"
+
+#include <QRegularExpression>
+#include <gtest/gtest.h>
+
+using namespace vdtest;
+using namespace Qt::StringLiterals;
+using sockettest::waitUntil;
+
+// ---- the local objects ----
+
+// A root object: records every call it runs, in order.
+class VDTestRoot : public zt::Object
+{
+    ZT_OBJECT(VDTestRoot, zt::Object)
+public:
+    explicit VDTestRoot(QString name = QStringLiteral("root")) : m_name(std::move(name)) {}
+    QString description() const override { return m_name; }
+
+    struct Call
+    {
+        zt::Selector selector;
+        QVariantList arguments;
+    };
+    QList<Call> calls;
+    //! "selector" or "selector<rendered arguments>" per call, for comparisons.
+    QStringList trace() const
+    {
+        QStringList out;
+        for (const Call &c : calls) {
+            QString line = QString::fromLatin1(c.selector);
+            for (const QVariant &a : c.arguments)
+                line += u' ' + render(a);
+            out.append(line);
+        }
+        return out;
+    }
+
+    void registerClient() { record("registerClient", {}); }
+    void handshakeFromAgent(const QVariant &v) { record("handshakeFromAgent:", {v}); }
+    void note(const QVariant &v) { record("note:", {v}); }
+    QVariant echo(const QVariant &v)
+    {
+        record("echo:", {v});
+        return v;
+    }
+    //! An 8-byte result that is not an object: it travels back as one.
+    qint64 sumWith(qint64 a, qint64 b)
+    {
+        record("sum:with:", {a, b});
+        return a + b;
+    }
+    //! A 4-byte result: the caller gets no handler, the receiver sends no reply.
+    qint32 lengthOf(const QString &s)
+    {
+        record("lengthOf:", {s});
+        return qint32(s.size());
+    }
+    void scalars(qint16 s, qint32 i, qint64 q, bool c, quint32 u, quint64 w)
+    {
+        record("short:int:long:bool:uint:ulong:", {s, i, q, c, u, w});
+    }
+    void takeReal(double d) { record("takeReal:", {d}); }
+    //! Answers the root itself, which cannot travel back.
+    QVariant gadget()
+    {
+        record("gadget", {});
+        return zt::objectValue(this);
+    }
+    //! Refused by acceptsSelector:.
+    void refuse(const QVariant &v) { record("refuse:", {v}); }
+    bool acceptsSelector(const QString &selector) const { return selector != u"refuse:"; }
+
+    // Forwarded model calls ("toAgent_<class>_<UUID>_<selector>") take the
+    // signature of the named object's method and are recorded whole.
+    zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override
+    {
+        const zt::MethodSignature own = Object::methodSignatureForSelector(selector);
+        if (own.isValid())
+            return own;
+        const QStringList parts = QString::fromLatin1(selector).split(u'_');
+        if (parts.size() != 4)
+            return {};
+        const auto object = ZTDirectory::sharedInstance()->objectWithID(parts[2]);
+        return object ? object->methodSignatureForSelector(parts[3].toLatin1()) : zt::MethodSignature();
+    }
+    void forwardInvocation(zt::Invocation &invocation) override
+    {
+        record(invocation.selector(), invocation.arguments());
+    }
+
+private:
+    void record(const zt::Selector &selector, QVariantList arguments) { calls.append({selector, arguments}); }
+    QString m_name;
+};
+
+ZT_DEFINE_CLASS(VDTestRoot)
+
+void VDTestRoot::registerMembers(zt::ClassBuilder<VDTestRoot> &b)
+{
+    b.method("registerClient", &VDTestRoot::registerClient);
+    b.method("handshakeFromAgent:", &VDTestRoot::handshakeFromAgent);
+    b.method("note:", &VDTestRoot::note);
+    b.method("echo:", &VDTestRoot::echo);
+    b.method("sum:with:", &VDTestRoot::sumWith);
+    b.method("lengthOf:", &VDTestRoot::lengthOf);
+    b.method("short:int:long:bool:uint:ulong:", &VDTestRoot::scalars);
+    b.method("takeReal:", &VDTestRoot::takeReal);
+    b.method("gadget", &VDTestRoot::gadget);
+    b.method("refuse:", &VDTestRoot::refuse);
+    b.method("acceptsSelector:", &VDTestRoot::acceptsSelector);
+}
+
+// Model classes for forwarded calls: the signature of a forwarded method is
+// taken from the superclass of the object's class.
+class VDBaseThing : public ZTAbstractIPC
+{
+    ZT_OBJECT(VDBaseThing, ZTAbstractIPC)
+public:
+    void renameTimes(const QString &, qint64) {}
+    void ping() {}
+};
+
+class VDThing : public VDBaseThing
+{
+    ZT_OBJECT(VDThing, VDBaseThing)
+public:
+    //! Registered under the superclass's selector with a narrower count.
+    void renameShortTimes(const QString &, qint32) {}
+    void ownOnly(const QVariant &) {}
+};
+
+ZT_DEFINE_CLASS(VDBaseThing)
+void VDBaseThing::registerMembers(zt::ClassBuilder<VDBaseThing> &b)
+{
+    b.method("rename:times:", &VDBaseThing::renameTimes);
+    b.method("ping", &VDBaseThing::ping);
+}
+
+ZT_DEFINE_CLASS(VDThing)
+void VDThing::registerMembers(zt::ClassBuilder<VDThing> &b)
+{
+    b.method("rename:times:", &VDThing::renameShortTimes);
+    b.method("ownOnly:", &VDThing::ownOnly);
+}
+
+namespace {
+
+// What the other side's root offers: every method of VDTestRoot.
+const zt::Protocol &rootProtocol()
+{
+    static const zt::Protocol protocol = [] {
+        zt::Protocol p(QStringLiteral("VDTestRootMethods"));
+        const zt::ClassInfo &cls = VDTestRoot::staticClassInfo();
+        for (const zt::Selector &s : cls.ownSelectors())
+            p.addMethod(s, cls.ownInstanceMethod(s)->signature);
+        return p;
+    }();
+    return protocol;
+}
+
+VDReturnHandler *handlerIn(const QVariant &result)
+{
+    return dynamic_cast<VDReturnHandler *>(zt::objectFrom(result));
+}
+
+// ---- two connections over loopback ----
+
+// A listening connection, the clients connected to it and the connections it
+// accepted, each accepted one with a root of its own. Records the delegate
+// events with the connection they name.
+class Link : public VDSocketDelegate
+{
+public:
+    zt::Ref<VDConnection> listener;
+    std::vector<zt::Ref<VDConnection>> clients, accepted;
+    std::vector<zt::Ref<VDTestRoot>> clientRoots, serverRoots;
+    QStringList events;
+    bool acceptedWithoutDelegate = true;
+
+    VDConnection *client(size_t i = 0) const { return clients.at(i).get(); }
+    VDConnection *server(size_t i = 0) const { return accepted.at(i).get(); }
+    VDTestRoot *clientRoot(size_t i = 0) const { return clientRoots.at(i).get(); }
+    VDTestRoot *serverRoot(size_t i = 0) const { return serverRoots.at(i).get(); }
+
+    bool listen()
+    {
+        listener = VDConnection::createWithDelegate(this);
+        zt::Error error;
+        const bool ok =
+            listener->socket()->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0, &error);
+        EXPECT_TRUE(ok) << error.localizedDescription().toStdString();
+        return ok;
+    }
+
+    //! Connects one more client; both of its ends get a root and the other
+    //! side's protocol. With `openGates`, both ends may write at once.
+    bool connect(bool openGates = true)
+    {
+        if (!listener && !listen())
+            return false;
+        const size_t n = clients.size();
+        auto client = VDConnection::createWithDelegate(this);
+        auto root = zt::make<VDTestRoot>(QStringLiteral("client-root-%1").arg(n));
+        client->setLocalObject(root.get());
+        client->setProtocolForRemoteObject(&rootProtocol());
+        clients.push_back(client);
+        clientRoots.push_back(root);
+        zt::Error error;
+        if (!client->socket()->connectToHostOnPortError(QStringLiteral("127.0.0.1"),
+                                                        listener->socket()->localPort(), &error)) {
+            ADD_FAILURE() << error.localizedDescription().toStdString();
+            return false;
+        }
+        if (!waitUntil([&] {
+                return accepted.size() > n && client->socket()->isConnected() &&
+                       accepted[n]->socket()->isConnected();
+            }))
+            return false;
+        client->setAllowWriting(openGates);
+        accepted[n]->setAllowWriting(openGates);
+        return true;
+    }
+
+    void onSocketDidConnectToHostPort(VDConnection *connection, const QString &host, quint16 port) override
+    {
+        events.append(QStringLiteral("connect %1 %2:%3").arg(name(connection), host).arg(port));
+    }
+    void onSocketWillDisconnectWithError(VDConnection *connection, const zt::Error &error) override
+    {
+        events.append(
+            QStringLiteral("will %1 %2").arg(name(connection), error.isNull() ? u"closed"_s : error.domain));
+    }
+    void onSocketDidDisconnect(VDConnection *connection) override
+    {
+        events.append(QStringLiteral("did %1").arg(name(connection)));
+    }
+    void onSocketDidAcceptNewSocket(VDConnection *from, VDConnection *connection) override
+    {
+        acceptedWithoutDelegate = acceptedWithoutDelegate && connection->delegate() == nullptr;
+        events.append(QStringLiteral("accept %1").arg(name(from)));
+        auto root = zt::make<VDTestRoot>(QStringLiteral("server-root-%1").arg(accepted.size()));
+        connection->setDelegate(this);
+        connection->setLocalObject(root.get());
+        connection->setProtocolForRemoteObject(&rootProtocol());
+        accepted.emplace_back(connection);
+        serverRoots.push_back(root);
+    }
+
+    QString name(VDConnection *c) const
+    {
+        if (c == listener.get())
+            return QStringLiteral("listener");
+        for (size_t i = 0; i < clients.size(); ++i)
+            if (c == clients[i].get())
+                return QStringLiteral("client%1").arg(i);
+        for (size_t i = 0; i < accepted.size(); ++i)
+            if (c == accepted[i].get())
+                return QStringLiteral("server%1").arg(i);
+        return QStringLiteral("?");
+    }
+
+    ~Link() override
+    {
+        for (auto *list : {&clients, &accepted})
+            for (auto &c : *list)
+                c->setDelegate(nullptr);
+        if (listener)
+            listener->setDelegate(nullptr);
+        clients.clear();
+        accepted.clear();
+        listener.reset();
+        sockettest::flushDeferredDeletes();
+    }
+};
+
+//! Waits until `root` has run a call whose trace line is `line`.
+bool waitForCall(VDTestRoot *root, const QString &line)
+{
+    return waitUntil([&] { return root->trace().contains(line); });
+}
+
+// ---- the delegate ----
+
+TEST(VDConnectionDelegate, HearsTheConnectionNeverTheRawSocket)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    const quint16 port = link.listener->socket()->localPort();
+    EXPECT_TRUE(link.acceptedWithoutDelegate);
+    EXPECT_NE(link.server(), link.listener.get());
+    link.events.sort(); // the two ends hear of the connection in either order
+    const quint16 clientPort = link.client()->socket()->localPort();
+    EXPECT_EQ(link.events, (QStringList{QStringLiteral("accept listener"),
+                                        QStringLiteral("connect client0 127.0.0.1:%1").arg(port),
+                                        QStringLiteral("connect server0 127.0.0.1:%1").arg(clientPort)}));
+
+    link.events.clear();
+    link.client()->socket()->disconnect();
+    ASSERT_TRUE(waitUntil([&] { return link.events.contains(u"did server0"_s); }));
+    EXPECT_EQ(link.events, (QStringList{u"did client0"_s, u"will server0 closed"_s, u"did server0"_s}));
+}
+
+// ---- the write gate and the queue ----
+
+struct GateRow
+{
+    const char *name;
+    QStringList steps;    // start, stop, open, close, registerClient, or a note's text
+    QStringList received; // the notes and handshakes the peer ran, before the closing handshake
+    qsizetype queued;     // left in the queue at the end
+    bool allowWriting;
+    bool queuing;
+};
+
+void PrintTo(const GateRow &row, std::ostream *os)
+{
+    *os << row.name;
+}
+
+class VDConnectionGate : public testing::TestWithParam<GateRow>
+{
+};
+
+// The steps run on a fresh connection; then the handshake call
+// handshakeFromAgent:"end", which always passes the gate, marks the end of
+// the stream: whatever was written before it has arrived when it does.
+TEST_P(VDConnectionGate, WritesHoldsOrDropsEachCall)
+{
+    const GateRow &row = GetParam();
+    Link link;
+    ASSERT_TRUE(link.connect(false));
+    VDConnection *c = link.client();
+    VDConnectionRemoteProxy *remote = c->proxyForRemoteObject();
+    for (const QString &step : row.steps) {
+        if (step == u"start")
+            c->startQueueing();
+        else if (step == u"stop")
+            c->stopQueueing();
+        else if (step == u"open")
+            c->setAllowWriting(true);
+        else if (step == u"close")
+            c->setAllowWriting(false);
+        else if (step == u"registerClient")
+            remote->perform("registerClient");
+        else
+            remote->perform("note:", {step});
+    }
+    EXPECT_EQ(c->queue().size(), row.queued);
+    EXPECT_EQ(c->allowWriting(), row.allowWriting);
+    EXPECT_EQ(c->isQueuing(), row.queuing);
+    EXPECT_EQ(c->pendingReturnHandlerCount(), 0);
+
+    remote->perform("handshakeFromAgent:", {u"end"_s});
+    ASSERT_TRUE(waitForCall(link.serverRoot(), u"handshakeFromAgent: s\"end\""_s));
+    QStringList expected;
+    for (const QString &r : row.received)
+        expected.append(r == u"registerClient" ? r : QStringLiteral("note: s\"%1\"").arg(r));
+    expected.append(u"handshakeFromAgent: s\"end\""_s);
+    EXPECT_EQ(link.serverRoot()->trace(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, VDConnectionGate,
+    testing::Values(
+        GateRow{"fresh_connection_drops_calls", {u"a"_s, u"b"_s}, {}, 0, false, false},
+        GateRow{"registerClient_passes_the_closed_gate",
+                {u"a"_s, u"registerClient"_s},
+                {u"registerClient"_s},
+                0,
+                false,
+                false},
+        GateRow{"queued_calls_arrive_in_order",
+                {u"start"_s, u"a"_s, u"b"_s, u"c"_s, u"stop"_s},
+                {u"a"_s, u"b"_s, u"c"_s},
+                0,
+                true,
+                false},
+        GateRow{"handshake_overtakes_the_queue",
+                {u"start"_s, u"a"_s, u"registerClient"_s, u"stop"_s},
+                {u"registerClient"_s, u"a"_s},
+                0,
+                true,
+                false},
+        GateRow{"started_twice_stopped_twice_flushes_once",
+                {u"start"_s, u"a"_s, u"start"_s, u"b"_s, u"stop"_s, u"stop"_s},
+                {u"a"_s, u"b"_s},
+                0,
+                true,
+                false},
+        GateRow{"stop_without_start_leaves_the_gate_closed", {u"stop"_s, u"a"_s}, {}, 0, false, false},
+        GateRow{"open_gate_writes", {u"open"_s, u"a"_s}, {u"a"_s}, 0, true, false},
+        GateRow{"closing_the_gate_drops_again",
+                {u"open"_s, u"a"_s, u"close"_s, u"b"_s},
+                {u"a"_s},
+                0,
+                false,
+                false},
+        GateRow{"start_closes_an_open_gate", {u"open"_s, u"start"_s, u"a"_s}, {}, 1, false, true},
+        GateRow{"opening_while_queuing_lets_later_calls_overtake",
+                {u"start"_s, u"a"_s, u"open"_s, u"b"_s, u"stop"_s},
+                {u"b"_s, u"a"_s},
+                0,
+                true,
+                false},
+        GateRow{"queue_after_stop_starts_empty",
+                {u"start"_s, u"a"_s, u"stop"_s, u"start"_s, u"b"_s},
+                {u"a"_s},
+                1,
+                false,
+                true}),
+    [](const testing::TestParamInfo<GateRow> &info) { return std::string(info.param.name); });
+
+TEST(VDConnectionGateBytes, RegisterClientOnAFreshConnectionWritesExactlyOneMessage)
+{
+    RawPeer peer;
+    ASSERT_TRUE(peer.open());
+    VDConnectionRemoteProxy *remote = peer.accepted->proxyForRemoteObject();
+    peer.accepted->setProtocolForRemoteObject(&rootProtocol());
+    remote->perform("note:", {u"dropped"_s});
+    remote->perform("registerClient");
+    ASSERT_TRUE(peer.waitForBodies(1));
+    EXPECT_EQ(peer.bodies, QList<QByteArray>{body("registerClient", {}, {})});
+}
+
+// ---- return handlers ----
+
+struct ResultRow
+{
+    const char *name;
+    zt::Selector selector;
+    QVariantList arguments;
+    QVariant result;
+};
+
+TEST(VDConnectionHandlers, AnObjectResultComesBackToTheHandlerOnce)
+{
+    const QVariantMap dictionary{{u"nick"_s, u"zin"_s}, {u"modes"_s, QVariantList{1, true, u"o"_s}}};
+    zt::IndexSet set;
+    set.add(3);
+    set.add(5);
+    const ResultRow rows[] = {
+        {"string", "echo:", {u"hello"_s}, u"hello"_s},
+        {"dictionary", "echo:", {dictionary}, dictionary},
+        {"index set", "echo:", {QVariant::fromValue(set)}, QVariant::fromValue(set)},
+        {"nil", "echo:", {QVariant()}, QVariant()},
+        {"null marker arrives as nil", "echo:", {zt::nullValue()}, QVariant()},
+        {"8-byte integer result travels as an object", "sum:with:", {40, 2}, qint64(42)},
+    };
+    Link link;
+    ASSERT_TRUE(link.connect());
+    VDConnection *c = link.client();
+    for (const ResultRow &row : rows) {
+        SCOPED_TRACE(row.name);
+        const QVariant r = c->proxyForRemoteObject()->perform(row.selector, row.arguments);
+        VDReturnHandler *handler = handlerIn(r);
+        ASSERT_NE(handler, nullptr) << zt::describe(r).toStdString();
+        EXPECT_EQ(c->pendingReturnHandlerCount(), 1);
+        QVariantList results;
+        handler->returnedValue([&](const QVariant &v) { results.append(v); });
+        ASSERT_TRUE(waitUntil([&] { return !results.isEmpty(); }));
+        EXPECT_EQ(results.size(), 1);
+        EXPECT_TRUE(zt::valuesEqual(results.front(), row.result)) << render(results.front()).toStdString();
+        EXPECT_EQ(c->pendingReturnHandlerCount(), 0);
+    }
+}
+
+TEST(VDConnectionHandlers, AHandlerWithoutCallbackIsRemovedByItsReply)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    VDConnection *c = link.client();
+    EXPECT_NE(handlerIn(c->proxyForRemoteObject()->perform("echo:", {1})), nullptr);
+    EXPECT_NE(handlerIn(c->proxyForRemoteObject()->perform("echo:", {2})), nullptr);
+    EXPECT_EQ(c->pendingReturnHandlerCount(), 2);
+    ASSERT_TRUE(waitUntil([&] { return c->pendingReturnHandlerCount() == 0; }));
+}
+
+// Calls whose result is not 8 bytes wide get no handler, and the receiver
+// answers them with nothing: the only reply the caller sees is the echo's.
+TEST(VDConnectionHandlers, CallsWithoutAnObjectResultGetNoHandlerAndNoReply)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    VDConnection *c = link.client();
+    zttest::LogCapture log;
+    VDIPCLogging = true;
+    const QVariant voidResult = c->proxyForRemoteObject()->perform("note:", {u"x"_s});
+    const QVariant intResult = c->proxyForRemoteObject()->perform("lengthOf:", {u"four"_s});
+    EXPECT_FALSE(voidResult.isValid());
+    EXPECT_EQ(handlerIn(intResult), nullptr);
+    EXPECT_EQ(c->pendingReturnHandlerCount(), 0);
+    QVariantList results;
+    handlerIn(c->proxyForRemoteObject()->perform("echo:", {u"last"_s}))
+        ->returnedValue([&](const QVariant &v) { results.append(v); });
+    const bool arrived = waitUntil([&] { return !results.isEmpty(); });
+    VDIPCLogging = false;
+    ASSERT_TRUE(arrived);
+    EXPECT_EQ(log.lines().filter(QRegularExpression(u"^Received"_s)),
+              (QStringList{u"Received call: note:"_s, u"Received call: lengthOf:"_s,
+                           u"Received call: echo:"_s, u"Received callback: value=last"_s}));
+}
+
+// The raw peer plays the remote side and answers by hand: replies with
+// identifiers the connection never issued, then the real one twice.
+TEST(VDConnectionHandlers, RepliesFindTheirHandlerByIdentifierOnly)
+{
+    auto root = zt::make<VDTestRoot>();
+    RawPeer peer;
+    ASSERT_TRUE(peer.open([&](VDConnection *c) {
+        c->setLocalObject(root.get());
+        c->setProtocolForRemoteObject(&rootProtocol());
+        c->setAllowWriting(true);
+    }));
+    VDConnection *c = peer.accepted.get();
+    int runs = 0;
+    QVariant result;
+    handlerIn(c->proxyForRemoteObject()->perform("echo:", {u"q"_s}))->returnedValue([&](const QVariant &v) {
+        ++runs;
+        result = v;
+    });
+    ASSERT_TRUE(peer.waitForBodies(1));
+    QString handlerID;
+    const auto call = vd::invocationFromData(peer.bodies.front(), root.get(), &handlerID);
+    ASSERT_TRUE(call.has_value());
+    EXPECT_EQ(call->selector(), QByteArray("echo:"));
+    EXPECT_EQ(handlerID.size(), 36) << handlerID.toStdString();
+
+    const auto reply = [](const QByteArray &value, const QByteArray &handler) {
+        return frame(body(vd::ReturnedValueSelector, {}, {value, handler}));
+    };
+    const QByteArray answer = zt::plist::writeBinary(u"answer"_s);
+    const auto sentinel = [](const char *text) {
+        return frame(body("note:", {}, {zt::plist::writeBinary(QString::fromLatin1(text))}));
+    };
+    peer.write(reply(answer, zt::plist::writeBinary(u"NOT-A-HANDLER"_s)) + reply(answer, {}) +
+               reply(answer, zt::plist::writeBinary(handlerID.toLower())) + sentinel("unknown"));
+    ASSERT_TRUE(waitForCall(root.get(), u"note: s\"unknown\""_s));
+    EXPECT_EQ(runs, 0);
+    EXPECT_EQ(c->pendingReturnHandlerCount(), 1);
+
+    const QByteArray right = reply(answer, zt::plist::writeBinary(handlerID));
+    peer.write(right + right + sentinel("twice"));
+    ASSERT_TRUE(waitForCall(root.get(), u"note: s\"twice\""_s));
+    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(result, QVariant(u"answer"_s));
+    EXPECT_EQ(c->pendingReturnHandlerCount(), 0);
+}
+
+TEST(VDConnectionHandlers, AHandlerStaysWhenItsCallCannotBeEncoded)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    VDConnection *c = link.client();
+    auto gadget = zt::make<VDTestRoot>(u"gadget"_s);
+    const auto [name, reason] =
+        raised([&] { c->proxyForRemoteObject()->perform("echo:", {zt::objectValue(gadget.get())}); });
+    EXPECT_EQ(name, u"Unknown object type"_s);
+    EXPECT_EQ(reason, u"Argument gadget (class VDTestRoot) of selector echo: is not allowed"_s);
+    EXPECT_EQ(c->pendingReturnHandlerCount(), 1);
+    c->proxyForRemoteObject()->perform("handshakeFromAgent:", {u"end"_s});
+    ASSERT_TRUE(waitForCall(link.serverRoot(), u"handshakeFromAgent: s\"end\""_s));
+    EXPECT_EQ(link.serverRoot()->trace(), QStringList{u"handshakeFromAgent: s\"end\""_s});
+}
+
+// ---- incoming messages ----
+
+TEST(VDConnectionReceive, ScalarArgumentsArriveWithTheirKinds)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    link.client()->proxyForRemoteObject()->perform(
+        "short:int:long:bool:uint:ulong:",
+        {-32768, qint64(std::numeric_limits<qint32>::min()), qint64(-1), 2,
+         quint64(std::numeric_limits<quint32>::max()), std::numeric_limits<quint64>::max()});
+    ASSERT_TRUE(waitUntil([&] { return !link.serverRoot()->calls.isEmpty(); }));
+    EXPECT_EQ(link.serverRoot()->trace(),
+              QStringList{u"short:int:long:bool:uint:ulong: i:-32768 i:-2147483648 i:-1 b:1 i:4294967295 "
+                          u"i:18446744073709551615"_s});
+}
+
+struct FaultRow
+{
+    const char *name;
+    QByteArray frame;
+    QStringList logged; // pointers masked as 0x?
+    QStringList ran;    // what the root ran for it, before the row's own note
+};
+
+// Each faulty message is followed by a good one; all are written in one
+// burst. Every fault is logged and skipped, and the connection reads on.
+TEST(VDConnectionReceive, AFaultyMessageIsLoggedAndSkipped)
+{
+    const QByteArray good = zt::plist::writeBinary(u"x"_s);
+    const FaultRow rows[] = {
+        {"short body",
+         frame(hex("0000")),
+         {u"NSRangeException: *** -[NSData getBytes:range:]: range {0, 8} exceeds data length 2"_s},
+         {}},
+        {"empty body",
+         frame({}),
+         {u"NSRangeException: *** -[NSData getBytes:range:]: range {0, 8} exceeds data length 0"_s},
+         {}},
+        {"body shorter than its last record",
+         frame(body("note:", {}, {good}).chopped(1)),
+         {u"NSRangeException: *** -[NSData getBytes:range:]: range {37, 43} exceeds data length 79"_s},
+         {}},
+        {"wrong argument count",
+         frame(body("note:", {}, {good, good})),
+         {u"Wrong number of arguments: Got 2 arguments, expected 3"_s},
+         {}},
+        {"unparsable payload runs with nil",
+         frame(body("note:", {}, {hex("0102")})),
+         {u"Could not deserialize <0102> (note:)"_s},
+         {u"note: nil"_s}},
+        {"unknown selector", frame(body("nope:", {}, {good})), {}, {}},
+        {"refused selector",
+         frame(body("refuse:", {}, {good})),
+         {u"Warning: local object server-root does not respond to selector refuse:"_s},
+         {}},
+        {"argument type that cannot travel",
+         frame(body("takeReal:", {}, {zt::plist::writeBinary(1.5)})),
+         {u"Unknown argument format: Argument 0x? with type d of selector takeReal: is not allowed"_s},
+         {}},
+        {"result that cannot travel back",
+         frame(body("gadget", "H", {})),
+         {u"Unknown object type: Argument server-root (class VDTestRoot) of selector "
+          u"vd_returnedValue:withHandlerID: is not allowed"_s},
+         {u"gadget"_s}},
+    };
+    auto root = zt::make<VDTestRoot>(u"server-root"_s);
+    RawPeer peer;
+    ASSERT_TRUE(peer.open([&](VDConnection *c) {
+        c->setLocalObject(root.get());
+        c->setProtocolForRemoteObject(&rootProtocol());
+        c->setAllowWriting(true);
+    }));
+    QByteArray burst;
+    QStringList expectedLog, expectedRuns;
+    for (const FaultRow &row : rows) {
+        const QString text = QString::fromLatin1(row.name);
+        burst += row.frame + frame(body("note:", {}, {zt::plist::writeBinary(text)}));
+        expectedLog += row.logged;
+        expectedRuns += row.ran;
+        expectedRuns.append(u"note: "_s + render(text));
+    }
+    zttest::LogCapture log;
+    peer.write(burst);
+    ASSERT_TRUE(waitUntil([&] { return root->calls.size() == expectedRuns.size(); }));
+    EXPECT_EQ(root->trace(), expectedRuns);
+    QStringList logged = log.lines();
+    for (QString &line : logged)
+        line.replace(QRegularExpression(u"0x[0-9a-f]+"_s), u"0x?"_s);
+    EXPECT_EQ(logged, expectedLog);
+    EXPECT_EQ(peer.acceptedDisconnects, 0);
+    EXPECT_TRUE(peer.accepted->socket()->isConnected());
+}
+
+struct LimitRow
+{
+    const char *name;
+    std::optional<quint64> limit; // none: the default
+    QByteArray bytes;
+    QString logged; // empty: the message is read
+};
+
+TEST(VDConnectionReceive, ABodyOverTheLimitClosesTheConnectionUnread)
+{
+    const QByteArray note = frame(body("note:", {}, {zt::plist::writeBinary(u"fits"_s)}));
+    const quint64 length = quint64(note.size() - 8);
+    const LimitRow rows[] = {
+        {"exactly the limit", length, note, {}},
+        {"one byte over", length - 1, note,
+         QStringLiteral("Message of %1 bytes exceeds the limit of %2 bytes; closing the connection")
+             .arg(length)
+             .arg(length - 1)},
+        {"over the default",
+         {},
+         word((quint64(64) << 20) + 1),
+         u"Message of 67108865 bytes exceeds the limit of 67108864 bytes; closing the connection"_s},
+        {"2^63 under the default",
+         {},
+         word(quint64(1) << 63),
+         u"Message of 9223372036854775808 bytes exceeds the limit of 67108864 bytes; closing the connection"_s},
+    };
+    for (const LimitRow &row : rows) {
+        SCOPED_TRACE(row.name);
+        auto root = zt::make<VDTestRoot>();
+        RawPeer peer;
+        ASSERT_TRUE(peer.open([&](VDConnection *c) {
+            c->setLocalObject(root.get());
+            if (row.limit)
+                c->setMaximumMessageLength(*row.limit);
+        }));
+        if (!row.limit) {
+            EXPECT_EQ(peer.accepted->maximumMessageLength(), quint64(64) << 20);
+        }
+        zttest::LogCapture log;
+        peer.write(row.bytes);
+        if (row.logged.isEmpty()) {
+            ASSERT_TRUE(waitForCall(root.get(), u"note: s\"fits\""_s));
+            EXPECT_EQ(peer.acceptedDisconnects, 0);
+        } else {
+            ASSERT_TRUE(waitUntil([&] { return peer.rawEvents.disconnects > 0; }));
+            EXPECT_EQ(peer.acceptedDisconnects, 1);
+            EXPECT_EQ(log.lines(), QStringList{row.logged});
+            EXPECT_TRUE(root->calls.isEmpty());
+        }
+    }
+}
+
+// ---- accepted connections ----
+
+TEST(VDConnectionAccept, EachAcceptedConnectionHasItsOwnQueueHandlersAndReads)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    ASSERT_TRUE(link.connect());
+    ASSERT_EQ(link.accepted.size(), 2u);
+    VDConnection *first = link.server(0);
+    VDConnection *second = link.server(1);
+    EXPECT_NE(first, second);
+
+    // Calls in: each client reaches its own accepted connection's root.
+    link.client(0)->proxyForRemoteObject()->perform("note:", {u"from 0"_s});
+    link.client(1)->proxyForRemoteObject()->perform("note:", {u"from 1"_s});
+    ASSERT_TRUE(waitForCall(link.serverRoot(0), u"note: s\"from 0\""_s));
+    ASSERT_TRUE(waitForCall(link.serverRoot(1), u"note: s\"from 1\""_s));
+    EXPECT_EQ(link.serverRoot(0)->calls.size(), 1);
+    EXPECT_EQ(link.serverRoot(1)->calls.size(), 1);
+
+    // Calls out: one queues while the other writes and awaits a result.
+    first->startQueueing();
+    first->proxyForRemoteObject()->perform("note:", {u"held"_s});
+    QVariant result;
+    handlerIn(second->proxyForRemoteObject()->perform("echo:", {u"back"_s}))
+        ->returnedValue([&](const QVariant &v) { result = v; });
+    EXPECT_EQ(first->queue().size(), 1);
+    EXPECT_TRUE(second->queue().isEmpty());
+    EXPECT_FALSE(second->isQueuing());
+    EXPECT_EQ(first->pendingReturnHandlerCount(), 0);
+    EXPECT_EQ(second->pendingReturnHandlerCount(), 1);
+    ASSERT_TRUE(waitUntil([&] { return result.isValid(); }));
+    EXPECT_EQ(result, QVariant(u"back"_s));
+    EXPECT_TRUE(link.clientRoot(0)->calls.isEmpty());
+
+    first->stopQueueing();
+    ASSERT_TRUE(waitForCall(link.clientRoot(0), u"note: s\"held\""_s));
+    EXPECT_EQ(link.clientRoot(1)->trace(), QStringList{u"echo: s\"back\""_s});
+}
+
+// ---- the remote proxy ----
+
+class VDConnectionRemoteProxyTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        // A client process: it sends forwarded calls under "toAgent".
+        zt::process::setApplicationIdentifier(u"com.zintaro.Zintaro2"_s);
+        ZTIPCProxy::resetCachedProcessRole();
+        thing = ZTAbstractIPC::createCounterpartWithUUID<VDThing>(u"THING-1"_s);
+    }
+    void TearDown() override
+    {
+        thing->invalidate();
+        zt::process::setApplicationIdentifier(QString());
+        ZTIPCProxy::resetCachedProcessRole();
+    }
+    zt::Ref<ZTAbstractIPC> thing;
+};
+
+TEST_F(VDConnectionRemoteProxyTest, FindsSignaturesInTheProtocolOrThroughTheDirectory)
+{
+    struct Row
+    {
+        const char *name;
+        zt::Selector selector;
+        QByteArray types; // empty: no signature
+        QStringList logged;
+    };
+    const auto none = [](const char *selector) {
+        return QStringLiteral("ERROR No method signature for %1").arg(QString::fromLatin1(selector));
+    };
+    const Row rows[] = {
+        {"remote protocol", "echo:", "@@:@", {}},
+        {"reply method", vd::ReturnedValueSelector, "v@:@@", {}},
+        {"forwarded, taken from the superclass", "toAgent_VDThing_THING-1_rename:times:", "v@:@q", {}},
+        {"forwarded, inherited from further up", "toAgent_VDThing_THING-1_invalidate", "v@:", {}},
+        {"forwarded, only the object's own class has it",
+         "toAgent_VDThing_THING-1_ownOnly:",
+         {},
+         {u"ERROR THING-1 responds to ownOnly:, but couldn't find the method signature"_s,
+          none("toAgent_VDThing_THING-1_ownOnly:")}},
+        {"forwarded, the object does not respond",
+         "toAgent_VDThing_THING-1_fly:",
+         {},
+         {u"ERROR THING-1 does not respond to fly:"_s, none("toAgent_VDThing_THING-1_fly:")}},
+        {"forwarded, unknown UUID",
+         "toAgent_VDThing_NOBODY_ping",
+         {},
+         {u"ERROR Counterpart for toAgent_VDThing_NOBODY_ping is not registered"_s,
+          none("toAgent_VDThing_NOBODY_ping")}},
+        {"the other direction's prefix",
+         "toClient_VDThing_THING-1_ping",
+         {},
+         {none("toClient_VDThing_THING-1_ping")}},
+        {"three parts", "toAgent_THING-1_ping", {}, {none("toAgent_THING-1_ping")}},
+        {"five parts", "toAgent_VDThing_THING-1_ping_x", {}, {none("toAgent_VDThing_THING-1_ping_x")}},
+        {"unknown plain selector", "fly:", {}, {none("fly:")}},
+    };
+    VDConnectionRemoteProxy proxy;
+    proxy.setProtocolForRemoteObject(&rootProtocol());
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        zttest::LogCapture log;
+        const zt::MethodSignature signature = proxy.methodSignatureForSelector(row.selector);
+        EXPECT_EQ(signature.isValid() ? signature.types() : QByteArray(), row.types);
+        EXPECT_EQ(log.lines(), row.logged);
+        EXPECT_EQ(proxy.acceptsSelector(row.selector), !row.types.isEmpty());
+    }
+}
+
+TEST_F(VDConnectionRemoteProxyTest, AnUnknownMessageFailsAsUnrecognised)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    zttest::LogCapture log;
+    const auto [name, reason] = raised([&] { link.client()->proxyForRemoteObject()->perform("fly:", {1}); });
+    EXPECT_EQ(name, u"NSInvalidArgumentException"_s);
+    EXPECT_TRUE(reason.contains(u"unrecognized selector"_s)) << reason.toStdString();
+    EXPECT_TRUE(log.contains(u"ERROR No method signature for fly:"_s));
+    EXPECT_EQ(link.client()->queue().size(), 0);
+}
+
+TEST_F(VDConnectionRemoteProxyTest, AForwardedCallTravelsUnderItsFullSelector)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    const QVariant r =
+        link.client()->proxyForRemoteObject()->perform("toAgent_VDThing_THING-1_rename:times:", {u"x"_s, 3});
+    EXPECT_FALSE(r.isValid());
+    ASSERT_TRUE(waitUntil([&] { return !link.serverRoot()->calls.isEmpty(); }));
+    EXPECT_EQ(link.serverRoot()->trace(), QStringList{u"toAgent_VDThing_THING-1_rename:times: s\"x\" i:3"_s});
+}
+
+} // namespace
