@@ -22,7 +22,6 @@ void ReferenceRoot::registerMembers(zt::ClassBuilder<ReferenceRoot> &b)
              &ReferenceRoot::clientDidRemoveValuesAtIndexesForKeyObjectID);
     b.method("client:didReplaceValuesAtIndexes:withValues:forKey:objectID:",
              &ReferenceRoot::clientDidReplaceValuesAtIndexesWithValuesForKeyObjectID);
-    b.method("acceptsSelector:", &ReferenceRoot::acceptsSelector);
 }
 
 ReferenceRoot::~ReferenceRoot()
@@ -155,9 +154,9 @@ zt::Ref<ZTAbstractIPC> ReferenceRoot::forwardedTarget(const zt::Selector &select
     return ZTDirectory::sharedInstance()->objectWithID(QString::fromLatin1(parts[2]));
 }
 
-bool ReferenceRoot::acceptsSelector(const QString &selector) const
+bool ReferenceRoot::acceptsSelector(const zt::Selector &selector) const
 {
-    return methodSignatureForSelector(selector.toLatin1()).isValid();
+    return methodSignatureForSelector(selector).isValid();
 }
 
 zt::MethodSignature ReferenceRoot::methodSignatureForSelector(const zt::Selector &selector) const

@@ -19,7 +19,7 @@
 #include "core/ztapplication.h"
 #include "transport/vdconnection.h"
 
-class ReferenceRoot : public zt::Object, public ZTApplicationDelegate
+class ReferenceRoot : public zt::Object, public ZTApplicationDelegate, public VDAcceptingObject
 {
     ZT_OBJECT(ReferenceRoot, zt::Object)
 public:
@@ -60,7 +60,7 @@ public:
                                                                  const QString &key, const QString &objectID);
 
     //! Whether a selector may be called remotely.
-    bool acceptsSelector(const QString &selector) const;
+    bool acceptsSelector(const zt::Selector &selector) const override;
     zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override;
     void forwardInvocation(zt::Invocation &invocation) override;
 

@@ -34,6 +34,8 @@ void VDSocketDelegate::onSocketWillDisconnectWithError(VDConnection *, const zt:
 void VDSocketDelegate::onSocketDidDisconnect(VDConnection *) {}
 void VDSocketDelegate::onSocketDidAcceptNewSocket(VDConnection *, VDConnection *) {}
 
+VDAcceptingObject::~VDAcceptingObject() = default;
+
 // ---- VDReturnHandler ----
 
 ZT_DEFINE_CLASS(VDReturnHandler)
@@ -156,10 +158,18 @@ void VDConnection::issueLengthRead()
         m_socket->readDataToLengthWithTimeoutTag(8, -1.0, LengthTag);
 }
 
+void VDConnection::setLocalObject(zt::Object *object)
+{
+    m_localObject = object;
+    m_acceptor = dynamic_cast<const VDAcceptingObject *>(object);
+}
+
 bool VDConnection::localObjectAccepts(const zt::Selector &selector) const
 {
     if (!m_localObject)
         return false;
+    if (m_acceptor)
+        return m_acceptor->acceptsSelector(selector);
     if (m_localObject->respondsToSelector("acceptsSelector:"))
         return m_localObject->perform("acceptsSelector:", {QString::fromLatin1(selector)}).toBool();
     return m_localObject->respondsToSelector(selector);
@@ -322,8 +332,14 @@ zt::MethodSignature VDConnectionRemoteProxy::methodSignatureForSelector(const zt
 
 void VDConnectionRemoteProxy::forwardInvocation(zt::Invocation &invocation)
 {
-    // The message reaches the proxy under its final name: take the signature
-    // that name resolves to here, as any forwarded message would.
+    // A message sent to the proxy itself was resolved here already. One
+    // forwarded to it under a new name (a model object's counterpart renames
+    // the selector) takes the signature that name resolves to here.
+    if (invocation.target() == this) {
+        if (m_target)
+            m_target->sendInvocationToRemoteObject(invocation);
+        return;
+    }
     const zt::MethodSignature signature = methodSignatureForSelector(invocation.selector());
     if (!signature.isValid())
         doesNotRecognizeSelector(invocation.selector());

@@ -58,6 +58,17 @@ public:
     virtual void onSocketDidAcceptNewSocket(VDConnection *listener, VDConnection *newConnection);
 };
 
+//! A local object that says which selectors the other process may call. Roots
+//! that adopt it are asked directly; others are asked "acceptsSelector:" by
+//! selector, or else whether they respond to the selector at all.
+class ZT_EXPORT VDAcceptingObject
+{
+public:
+    virtual ~VDAcceptingObject();
+    //! @sel acceptsSelector:
+    virtual bool acceptsSelector(const zt::Selector &selector) const = 0;
+};
+
 //! Receives the result of one remote call.
 class ZT_EXPORT VDReturnHandler : public zt::Object
 {
@@ -95,7 +106,7 @@ public:
     void setProtocolForRemoteObject(const zt::Protocol *protocol);
     //! The target of incoming calls. Not owned.
     //! @sel setLocalObject:
-    void setLocalObject(zt::Object *object) { m_localObject = object; }
+    void setLocalObject(zt::Object *object);
     zt::Object *localObject() const { return m_localObject; }
 
     //! @sel startQueueing
@@ -153,6 +164,7 @@ private:
     VDSocketDelegate *m_delegate = nullptr;
     QHash<QString, zt::Ref<VDReturnHandler>> m_returnHandlers;
     zt::Object *m_localObject = nullptr;
+    const VDAcceptingObject *m_acceptor = nullptr; // m_localObject, when it adopts the interface
     zt::Ref<VDConnectionRemoteProxy> m_remoteProxy;
     bool m_allowWriting = false;
     bool m_isQueuing = false;

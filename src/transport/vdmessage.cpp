@@ -39,6 +39,44 @@ QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 size)
     return body.sliced(qsizetype(r.location), qsizetype(r.length));
 }
 
+// Keys and object IDs repeat from one change message to the next: recent
+// string arguments are kept serialised (and, on the way in, parsed) per
+// thread. The tables are small and start over when full.
+constexpr qsizetype StringCacheLimit = 512;
+constexpr qsizetype CachedPayloadLimit = 160;
+
+QByteArray cachedStringPayload(const QString &s)
+{
+    thread_local QHash<QString, QByteArray> cache;
+    if (auto it = cache.constFind(s); it != cache.cend())
+        return *it;
+    QByteArray data = zt::plist::writeBinary(s);
+    if (data.size() <= CachedPayloadLimit) {
+        if (cache.size() >= StringCacheLimit)
+            cache.clear();
+        cache.insert(s, data);
+    }
+    return data;
+}
+
+std::optional<QVariant> readPayload(QByteArrayView payload, zt::Error *error,
+                                    const zt::plist::ReadLimits &limits)
+{
+    thread_local QHash<QByteArray, QString> cache;
+    if (payload.size() <= CachedPayloadLimit) {
+        const QByteArray key = QByteArray::fromRawData(payload.data(), payload.size());
+        if (auto it = cache.constFind(key); it != cache.cend())
+            return QVariant(*it);
+    }
+    std::optional<QVariant> value = zt::plist::readBinary(payload, error, limits);
+    if (value && payload.size() <= CachedPayloadLimit && value->typeId() == QMetaType::QString) {
+        if (cache.size() >= StringCacheLimit)
+            cache.clear();
+        cache.insert(payload.toByteArray(), value->toString());
+    }
+    return value;
+}
+
 [[noreturn]] void unknownFormat(const QVariant &value, const QByteArray &code, const zt::Selector &selector)
 {
     zt::Exception::raise(QStringLiteral("Unknown argument format"),
@@ -61,6 +99,8 @@ QByteArray payloadFor(const QVariant &value, const QByteArray &code, const zt::S
         case zt::ValueKind::Nil:
         case zt::ValueKind::Null:
             return {};
+        case zt::ValueKind::String:
+            return cachedStringPayload(value.toString());
         default:
             boxed = value;
         }
@@ -217,7 +257,7 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
             decoded = QVariant::fromValue(indexSetFromData(payload));
         } else {
             zt::Error error;
-            std::optional<QVariant> value = zt::plist::readBinary(payload, &error, limits.plist);
+            std::optional<QVariant> value = readPayload(payload, &error, limits.plist);
             if (value)
                 decoded = std::move(*value);
             else
