@@ -96,13 +96,23 @@ private:
 };
 
 // The host process, a node connected to it and the dynamic replica of its
-// "Counter". Members go in reverse order: replica, node, then the process.
+// "Counter". The replica goes before the node, and both before the process.
 struct QtroLink
 {
     ztbench::PeerProcess host{QStringLiteral(ZT_QTRO_PEER)};
-    QRemoteObjectNode node;
+    std::unique_ptr<QRemoteObjectNode> node = std::make_unique<QRemoteObjectNode>();
     std::unique_ptr<QRemoteObjectDynamicReplica> replica;
     QString error;
+
+    bool hostRunning() { return host.process().state() == QProcess::Running; }
+
+    ~QtroLink()
+    {
+        replica.reset();
+        node.reset();
+        // The node hands its connection to deleteLater().
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
 
     bool open()
     {
@@ -110,11 +120,11 @@ struct QtroLink
             error = host.errorString();
             return false;
         }
-        if (!node.connectToNode(QUrl(QStringLiteral("tcp://127.0.0.1:%1").arg(host.port())))) {
+        if (!node->connectToNode(QUrl(QStringLiteral("tcp://127.0.0.1:%1").arg(host.port())))) {
             error = QStringLiteral("the node does not connect to port %1").arg(host.port());
             return false;
         }
-        replica.reset(node.acquireDynamic(QStringLiteral("Counter")));
+        replica.reset(node->acquireDynamic(QStringLiteral("Counter")));
         if (!replica || !replica->waitForSource(kStartTimeoutMs)) {
             error = QStringLiteral("the replica of Counter is not initialised");
             return false;
@@ -154,7 +164,8 @@ void BM_QtRemoteObjects_PropertyChanges(benchmark::State &state)
         counter.expect(first + kPropertyChanges);
         QMetaObject::invokeMethod(link.replica.get(), "produceChanges", Q_ARG(int, kPropertyChanges),
                                   Q_ARG(int, batch));
-        if (!ztbench::waitUntil([&] { return counter.done(); }, kRunTimeoutMs))
+        if (!ztbench::waitUntil([&] { return counter.done() || !link.hostRunning(); }, kRunTimeoutMs) ||
+            !counter.done())
             return skip(state,
                         QStringLiteral("the last change did not arrive (%1 seen)").arg(counter.seen()));
         if (counter.seen() != kPropertyChanges)
@@ -208,7 +219,8 @@ void BM_QtRemoteObjects_RoundTrip(benchmark::State &state)
             qint64 answered = -1;
             QObject::connect(&watcher, &QRemoteObjectPendingCallWatcher::finished,
                              [&] { answered = clock.nsecsElapsed(); });
-            if (!ztbench::waitUntil([&] { return answered >= 0; }, kRunTimeoutMs))
+            if (!ztbench::waitUntil([&] { return answered >= 0 || !link.hostRunning(); }, kRunTimeoutMs) ||
+                answered < 0)
                 return skip(state, QStringLiteral("call %1 was not answered").arg(i));
             if (call.error() != QRemoteObjectPendingCall::NoError || call.returnValue().toInt() != i)
                 return skip(state, QStringLiteral("call %1 was answered wrongly").arg(i));
