@@ -110,7 +110,8 @@ struct QtroLink
     {
         replica.reset();
         node.reset();
-        // The node hands its connection to deleteLater().
+        // Deletions the node deferred run now, not in a later benchmark's
+        // event loop.
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
 
