@@ -6,7 +6,9 @@
 #include "runtime/logging.h"
 
 #include <QtEndian>
+#include <algorithm>
 #include <cstring>
+#include <vector>
 
 namespace vd {
 
@@ -168,9 +170,14 @@ zt::IndexSet indexSetFromData(QByteArrayView data)
     std::memcpy(&be, data.data() + 8, 8);
     const quint64 available = quint64(data.size() - 16) / 8;
     const quint64 count = std::min(qFromBigEndian(be) / 8, available);
-    for (quint64 i = 0; i < count; ++i) {
-        quint64 index;
-        std::memcpy(&index, data.data() + 16 + 8 * i, 8);
+    // Sorted first, so that a list in any order is added in linear time.
+    std::vector<quint64> indexes(count);
+    if (count)
+        std::memcpy(indexes.data(), data.data() + 16, 8 * count);
+    std::sort(indexes.begin(), indexes.end());
+    for (quint64 index : indexes) {
+        if (index == NotAnIndex)
+            break;
         set.add(index);
     }
     return set;

@@ -29,6 +29,7 @@
 namespace vd {
 
 inline constexpr quint64 IndexSetMagic = 0xFEEDFACE;
+inline constexpr quint64 NotAnIndex = ~quint64(0);
 
 //! A range of bytes in a body.
 struct Range
@@ -45,7 +46,8 @@ ZT_EXPORT QByteArray indexSetToData(const zt::IndexSet &set);
 //! Longer than 8 bytes and starting with the magic word.
 //! @sel isIndexSetData
 ZT_EXPORT bool isIndexSetData(QByteArrayView data);
-//! Reads the indexes the form holds; a count past the data is cut to it.
+//! Reads the indexes the form holds; a count past the data is cut to it. The
+//! largest 64-bit value marks "not found" and is never an index: it is skipped.
 //! @sel indexSetFromData
 ZT_EXPORT zt::IndexSet indexSetFromData(QByteArrayView data);
 
