@@ -214,6 +214,40 @@ void VDConnection::dispatchBody(const QByteArray &body)
 
 // ---- socket events ----
 
+bool VDConnection::bodyLengthAllowed(quint64 length) const
+{
+    if (length <= m_maximumMessageLength)
+        return true;
+    zt::log(ztTransport, u"Message of %lu bytes exceeds the limit of %lu bytes; closing the connection",
+            length, m_maximumMessageLength);
+    return false;
+}
+
+void VDConnection::receiveBody(const QByteArray &body)
+{
+    try {
+        dispatchBody(body);
+    } catch (const zt::Exception &e) {
+        zt::log(ztTransport, u"%@: %@", e.name(), e.reason());
+    } catch (const std::exception &e) {
+        zt::log(ztTransport, u"Exception while dispatching a message: %s", e.what());
+    }
+}
+
+void VDConnection::receiveForTesting(const QByteArray &bytes)
+{
+    zt::Ref<VDConnection> keepAlive(this);
+    qsizetype position = 0;
+    while (bytes.size() - position >= 8) {
+        const quint64 length = qFromBigEndian<quint64>(bytes.constData() + position);
+        position += 8;
+        if (!bodyLengthAllowed(length) || length > quint64(bytes.size() - position))
+            return;
+        receiveBody(bytes.mid(position, qsizetype(length)));
+        position += qsizetype(length);
+    }
+}
+
 void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &data, long tag)
 {
     zt::Ref<VDConnection> keepAlive(this); // a delegate or a call may drop the last reference
@@ -224,10 +258,7 @@ void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &d
         if (data.size() == 8)
             std::memcpy(&be, data.constData(), 8);
         const quint64 length = qFromBigEndian(be);
-        if (length > m_maximumMessageLength) {
-            zt::log(ztTransport,
-                    u"Message of %lu bytes exceeds the limit of %lu bytes; closing the connection", length,
-                    m_maximumMessageLength);
+        if (!bodyLengthAllowed(length)) {
             m_socket->disconnect();
             return;
         }
@@ -236,13 +267,7 @@ void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &d
     }
     if (tag != BodyTag)
         return;
-    try {
-        dispatchBody(data);
-    } catch (const zt::Exception &e) {
-        zt::log(ztTransport, u"%@: %@", e.name(), e.reason());
-    } catch (const std::exception &e) {
-        zt::log(ztTransport, u"Exception while dispatching a message: %s", e.what());
-    }
+    receiveBody(data);
     issueLengthRead();
 }
 

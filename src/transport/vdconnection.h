@@ -140,6 +140,14 @@ public:
     //! Bounds on what one incoming argument may make the reader build.
     void setDecodeLimits(const vd::DecodeLimits &limits) { m_decodeLimits = limits; }
 
+    //! Hands `bytes` to the receive path as the socket's reads would: an
+    //! 8-byte length, then a body of that length, and so on, each body
+    //! decoded, run and answered exactly as one read from the socket (faults
+    //! logged and skipped). Stops at an incomplete length or body, and at a
+    //! length over the limit (logged; the socket is left open). The socket's
+    //! own reads are not involved. For fuzzing and tests.
+    void receiveForTesting(const QByteArray &bytes);
+
 protected:
     void dealloc() override;
 
@@ -148,6 +156,10 @@ private:
     VDConnection() = default;
     void initWithInnerSocketDelegate(zt::Ref<AsyncSocket> socket, VDSocketDelegate *delegate);
     void issueLengthRead();
+    //! Logs a body length over the limit.
+    bool bodyLengthAllowed(quint64 length) const;
+    //! Decodes and runs one body; a fault is logged and the body skipped.
+    void receiveBody(const QByteArray &body);
     void dispatchBody(const QByteArray &body);
     void receiveReply(const zt::Invocation &invocation);
     bool localObjectAccepts(const zt::Selector &selector) const;
