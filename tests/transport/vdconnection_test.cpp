@@ -718,6 +718,46 @@ TEST(VDConnectionReceive, ABodyOverTheLimitClosesTheConnectionUnread)
     }
 }
 
+// The test entry point splits a stream as the socket's two reads do.
+TEST(VDConnectionReceive, TheTestEntryPointReadsFramesAsTheSocketDoes)
+{
+    auto root = zt::make<VDTestRoot>();
+    auto c = VDConnection::createWithDelegate(nullptr);
+    c->setLocalObject(root.get());
+    c->setMaximumMessageLength(200);
+    const auto note = [](const char *text) {
+        return frame(body("note:", {}, {zt::plist::writeBinary(QString::fromLatin1(text))}));
+    };
+    struct Row
+    {
+        const char *name;
+        QByteArray bytes;
+        QStringList ran;
+        QStringList logged;
+    };
+    const Row rows[] = {
+        {"two whole messages", note("a") + note("b"), {u"note: s\"a\""_s, u"note: s\"b\""_s}, {}},
+        {"a fault between them",
+         note("a") + frame(hex("00")) + note("b"),
+         {u"note: s\"a\""_s, u"note: s\"b\""_s},
+         {u"NSRangeException: *** -[NSData getBytes:range:]: range {0, 8} exceeds data length 1"_s}},
+        {"an incomplete body ends the stream", note("a") + note("b").chopped(1), {u"note: s\"a\""_s}, {}},
+        {"an incomplete length ends the stream", note("a") + QByteArray(7, '\0'), {u"note: s\"a\""_s}, {}},
+        {"a length over the limit ends the stream",
+         word(201) + note("a"),
+         {},
+         {u"Message of 201 bytes exceeds the limit of 200 bytes; closing the connection"_s}},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        root->calls.clear();
+        zttest::LogCapture log;
+        c->receiveForTesting(row.bytes);
+        EXPECT_EQ(root->trace(), row.ran);
+        EXPECT_EQ(log.lines(), row.logged);
+    }
+}
+
 // ---- accepted connections ----
 
 TEST(VDConnectionAccept, EachAcceptedConnectionHasItsOwnQueueHandlersAndReads)
