@@ -41,6 +41,10 @@ ClassInfo::ClassInfo(const char *name, const ClassInfo *superclass, Factory fact
 {
     if (registrar)
         registrar(*this);
+    if (m_superclass)
+        m_allMethods = m_superclass->m_allMethods;
+    for (const auto &[sel, entry] : m_methods)
+        m_allMethods.insert_or_assign(sel, &entry);
     QMutexLocker locker(&registry().lock);
     registry().classes.insert(m_name, this);
 }
@@ -67,10 +71,8 @@ const MethodEntry *ClassInfo::ownInstanceMethod(const Selector &selector) const
 
 const MethodEntry *ClassInfo::instanceMethod(const Selector &selector) const
 {
-    for (const ClassInfo *c = this; c; c = c->m_superclass)
-        if (const MethodEntry *e = c->ownInstanceMethod(selector))
-            return e;
-    return nullptr;
+    auto it = m_allMethods.find(selector);
+    return it == m_allMethods.end() ? nullptr : it->second;
 }
 
 QList<Selector> ClassInfo::ownSelectors() const

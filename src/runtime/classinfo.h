@@ -21,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <shared_mutex>
+#include <string_view>
 #include <tuple>
 #include <unordered_map>
 
@@ -89,7 +90,7 @@ public:
     //! The class registered under a name, or null.
     static const ClassInfo *named(const QString &name);
 
-    // Registration (ClassBuilder).
+    // Registration (ClassBuilder, while the class is being made).
     void addMethod(MethodEntry entry);
     void addDependency(const QString &key, const QStringList &keyPaths);
 
@@ -102,14 +103,23 @@ public:
     }
 
 private:
+    // Selector names are short ASCII keys looked up on every message: the
+    // standard library's unseeded byte hash is several times cheaper here
+    // than Qt's seeded one.
     struct SelectorHash
     {
-        size_t operator()(const Selector &s) const noexcept { return qHash(s); }
+        size_t operator()(const Selector &s) const noexcept
+        {
+            return std::hash<std::string_view>{}(std::string_view(s.constData(), size_t(s.size())));
+        }
     };
     QString m_name;
     const ClassInfo *m_superclass;
     Factory m_factory;
     std::unordered_map<Selector, MethodEntry, SelectorHash> m_methods;
+    //! Own and inherited methods, filled once the class has registered its
+    //! members, so that a look-up hashes the selector once.
+    std::unordered_map<Selector, const MethodEntry *, SelectorHash> m_allMethods;
     QHash<QString, QStringList> m_dependencies;
     mutable std::shared_mutex m_cacheLock;
     mutable std::unordered_map<QString, std::unique_ptr<KeyAccessors>, std::hash<QString>> m_cache;

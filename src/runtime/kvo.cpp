@@ -4,6 +4,8 @@
 #include "runtime/logging.h"
 #include "runtime/observation_p.h"
 
+#include <QVarLengthArray>
+
 namespace zt {
 
 namespace {
@@ -126,7 +128,8 @@ void ObservationInfo::will(Object *self, const QString &key, KeyValueChange kind
     auto it = triggers.constFind(key);
     if (it == triggers.cend())
         return;
-    const std::vector<std::shared_ptr<Trigger>> snapshot = *it;
+    // A key rarely has more than a few triggers: snapshot them without a heap allocation.
+    const QVarLengthArray<std::shared_ptr<Trigger>, 4> snapshot(it->begin(), it->end());
     for (const auto &t : snapshot) {
         if (t->dead)
             continue;
@@ -163,7 +166,8 @@ void ObservationInfo::did(Object *self, const QString &key, KeyValueChange kind,
     auto it = triggers.constFind(key);
     if (it == triggers.cend())
         return;
-    const std::vector<std::shared_ptr<Trigger>> snapshot = *it;
+    // A key rarely has more than a few triggers: snapshot them without a heap allocation.
+    const QVarLengthArray<std::shared_ptr<Trigger>, 4> snapshot(it->begin(), it->end());
     for (const auto &t : snapshot) {
         if (t->dead)
             continue;
