@@ -5,7 +5,12 @@
 find_package(Qt6 6.4 QUIET COMPONENTS RemoteObjects)
 add_subdirectory(${CMAKE_CURRENT_SOURCE_DIR}/peers/qtro)
 
-zt_add_bench(bench_transport_peers ${CMAKE_CURRENT_SOURCE_DIR}/transport_peers.cpp)
+add_subdirectory(${CMAKE_CURRENT_SOURCE_DIR}/peers/zintaro)
+zt_add_bench(bench_transport_peers ${CMAKE_CURRENT_SOURCE_DIR}/transport_peers.cpp
+             ${CMAKE_CURRENT_SOURCE_DIR}/peers/zintaro/link_benchmarks.cpp)
+target_link_libraries(bench_transport_peers PRIVATE zt_bench_model)
+target_compile_definitions(bench_transport_peers PRIVATE ZT_ZINTARO_PEER="$<TARGET_FILE:peer_zintaro_agent>")
+add_dependencies(bench_transport_peers peer_zintaro_agent)
 target_include_directories(bench_transport_peers PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 target_compile_definitions(bench_transport_peers PRIVATE ZT_FRAME_PEER="$<TARGET_FILE:peer_frame_writer>")
 add_dependencies(bench_transport_peers peer_frame_writer)

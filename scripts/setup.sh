@@ -11,7 +11,7 @@ packages=(
   libpcre3-dev libsasl2-dev libsasl2-modules libssl-dev zlib1g-dev libavahi-client-dev
   # tests, benchmarks and their peers
   libgtest-dev libgmock-dev libbenchmark-dev libplist-dev libplist-utils
-  libcommuni-dev qtbase5-dev
+  libcommuni-dev qtbase5-dev qt6-remoteobjects-dev
 )
 
 missing=()
