@@ -105,8 +105,10 @@ int runAgent(QCoreApplication &app)
     }
     out << "LISTENING " << listening->socket()->localPort() << Qt::endl;
     const int rc = app.exec();
+    AsyncSocket::setIsTerminating(true); // the event loop is over: close at once
     root->model->invalidateTree();
     root->setConnection(nullptr, nullptr);
+    listening->socket()->disconnect();
     return rc;
 }
 
@@ -211,6 +213,7 @@ int runClient(QCoreApplication &app)
     }
     QTimer::singleShot(20000, &app, [] { QCoreApplication::exit(2); });
     const int rc = app.exec();
+    AsyncSocket::setIsTerminating(true);
     if (root->model)
         root->model->invalidateTree();
     root->connection()->setDelegate(nullptr);

@@ -92,6 +92,10 @@ int main(int argc, char **argv)
     }
     QTextStream(stdout) << "LISTENING " << listening->socket()->localPort() << Qt::endl;
     const int rc = app.exec();
+    // The event loop is over: sockets close at once instead of draining.
+    AsyncSocket::setIsTerminating(true);
+    root->model->invalidateTree();
     root->setConnection(nullptr, nullptr);
+    listening->socket()->disconnect();
     return rc;
 }

@@ -91,7 +91,11 @@ int main(int argc, char **argv)
     }
     QTimer::singleShot(30000, &app, [] { QCoreApplication::exit(4); });
     const int rc = app.exec();
+    AsyncSocket::setIsTerminating(true);
+    if (root->model)
+        root->model->invalidateTree();
     root->connection()->setDelegate(nullptr);
+    root->connection()->socket()->disconnect();
     root->setConnection(nullptr, nullptr);
     return rc;
 }

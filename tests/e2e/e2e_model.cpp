@@ -96,6 +96,13 @@ QString E2ENode::replacementKeyForWiring(const QString &key) const
     return key == u"children" ? QStringLiteral("childDictionaries") : super::replacementKeyForWiring(key);
 }
 
+void E2ENode::invalidateTree()
+{
+    for (const auto &c : m_children)
+        c->invalidate();
+    invalidate();
+}
+
 void E2ENode::nilify()
 {
     m_children.clear();

@@ -33,6 +33,8 @@ public:
     QVariantMap dictionary() const override;
     QString replacementKeyForWiring(const QString &key) const override;
     void nilify() override;
+    //! The owner's end of the model: the children, then the node, leave the directory.
+    void invalidateTree();
 
 private:
     QString m_name;

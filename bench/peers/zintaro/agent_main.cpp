@@ -64,7 +64,9 @@ int main(int argc, char **argv)
     });
     QTextStream(stdout) << "READY " << listening->socket()->localPort() << Qt::endl;
     const int rc = app.exec();
+    AsyncSocket::setIsTerminating(true);
     root->counter->invalidate();
     root->setConnection(nullptr, nullptr);
+    listening->socket()->disconnect();
     return rc;
 }
