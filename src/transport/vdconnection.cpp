@@ -9,6 +9,7 @@
 #include "runtime/process.h"
 
 #include <QtEndian>
+#include <cmath>
 #include <cstring>
 
 bool VDSocketLogging = false;
@@ -93,8 +94,17 @@ void VDConnection::dealloc()
     m_delegate = nullptr;
     m_returnHandlers.clear();
     if (m_socket) {
-        m_socket->disconnectAfterWriting();
-        m_socket->setDelegate(nullptr);
+        // A socket with no stream and nothing to write (a listener, or one
+        // that never connected) closes at once: waiting for writes would wait
+        // for ever on a listener, which has no write queue to drain, and
+        // would keep its port bound.
+        if (!m_socket->isConnected() && std::isnan(m_socket->progressOfWriteReturningTagBytesDoneTotal())) {
+            m_socket->setDelegate(nullptr);
+            m_socket->disconnect();
+        } else {
+            m_socket->disconnectAfterWriting();
+            m_socket->setDelegate(nullptr);
+        }
         m_socket.reset();
     }
     if (m_remoteProxy) {
