@@ -21,6 +21,7 @@ inline void PrintTo(const QString &s, std::ostream *os)
 #include "transport/vdmessage.h"
 
 #include <QtEndian>
+#include <algorithm>
 #include <functional>
 #include <optional>
 #include <ostream>
@@ -160,6 +161,29 @@ inline std::pair<QString, QString> raised(const std::function<void()> &f)
     return {};
 }
 
+//! Releases connections and runs the event loop until their sockets have
+//! closed: a released connection asks its socket to close once its writes are
+//! done, and the socket keeps itself alive until the loop has served that.
+inline void releaseConnections(std::vector<zt::Ref<VDConnection>> connections)
+{
+    std::vector<zt::Ref<AsyncSocket>> sockets;
+    for (const auto &c : connections) {
+        if (!c)
+            continue;
+        c->setDelegate(nullptr);
+        sockets.emplace_back(c->socket());
+    }
+    connections.clear();
+    sockettest::waitUntil(
+        [&] {
+            return std::all_of(sockets.begin(), sockets.end(),
+                               [](const auto &s) { return s->isDisconnected(); });
+        },
+        5000);
+    sockets.clear();
+    sockettest::flushDeferredDeletes();
+}
+
 //! A plain socket connected to a listening VDConnection: it writes raw bytes
 //! and reads the stream back as frames (length word, then body), so a test
 //! sees exactly what a connection writes and can feed it anything.
@@ -226,15 +250,15 @@ public:
     ~RawPeer() override
     {
         rawEvents.onRead = nullptr;
-        if (raw)
+        if (raw) {
             raw->setDelegate(nullptr);
-        for (VDConnection *c : {listener.get(), accepted.get()})
-            if (c)
-                c->setDelegate(nullptr);
+            raw->disconnect();
+        }
         raw.reset();
-        accepted.reset();
-        listener.reset();
-        sockettest::flushDeferredDeletes();
+        std::vector<zt::Ref<VDConnection>> connections; // not an initializer list: it would keep copies
+        connections.push_back(std::move(accepted));
+        connections.push_back(std::move(listener));
+        releaseConnections(std::move(connections));
     }
 
 private:

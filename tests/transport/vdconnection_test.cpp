@@ -10,6 +10,7 @@
 #include "transport/vd_support.h"
 
 #include <QRegularExpression>
+#include <QTcpServer>
 #include <gtest/gtest.h>
 
 using namespace vdtest;
@@ -271,15 +272,11 @@ public:
 
     ~Link() override
     {
-        for (auto *list : {&clients, &accepted})
-            for (auto &c : *list)
-                c->setDelegate(nullptr);
-        if (listener)
-            listener->setDelegate(nullptr);
-        clients.clear();
+        std::vector<zt::Ref<VDConnection>> all = std::move(clients);
+        all.insert(all.end(), accepted.begin(), accepted.end());
+        all.push_back(std::move(listener));
         accepted.clear();
-        listener.reset();
-        sockettest::flushDeferredDeletes();
+        releaseConnections(std::move(all));
     }
 };
 
@@ -308,6 +305,30 @@ TEST(VDConnectionDelegate, HearsTheConnectionNeverTheRawSocket)
     link.client()->socket()->disconnect();
     ASSERT_TRUE(waitUntil([&] { return link.events.contains(u"did server0"_s); }));
     EXPECT_EQ(link.events, (QStringList{u"did client0"_s, u"will server0 closed"_s, u"did server0"_s}));
+}
+
+// A released listener stops listening at once; a released connected
+// connection closes once its writes are out, and the peer hears of it.
+TEST(VDConnectionDelegate, ReleasedConnectionsCloseTheirSockets)
+{
+    Link link;
+    ASSERT_TRUE(link.connect());
+    const quint16 port = link.listener->socket()->localPort();
+    zt::Ref<AsyncSocket> listening(link.listener->socket());
+    link.listener->setDelegate(nullptr);
+    link.listener.reset();
+    EXPECT_TRUE(listening->isDisconnected());
+    listening.reset();
+    QTcpServer rebind;
+    EXPECT_TRUE(rebind.listen(QHostAddress::LocalHost, port)) << rebind.errorString().toStdString();
+
+    link.client()->proxyForRemoteObject()->perform("note:", {u"last words"_s});
+    zt::Ref<AsyncSocket> client(link.client()->socket());
+    link.client()->setDelegate(nullptr);
+    link.clients.clear();
+    ASSERT_TRUE(waitUntil([&] { return link.events.contains(u"did server0"_s); }));
+    EXPECT_EQ(link.serverRoot()->trace(), QStringList{u"note: s\"last words\""_s});
+    EXPECT_TRUE(client->isDisconnected());
 }
 
 // ---- the write gate and the queue ----

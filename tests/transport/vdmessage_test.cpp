@@ -265,9 +265,9 @@ const std::vector<ExactRow> &exactRows()
         {"array_with_nested_null_free_values",
          "take:",
          {},
-         {QVariantList{QStringLiteral(""), qint64(0), false, QByteArray(), date(-1000)}},
+         {QVariant(QVariantList{QStringLiteral(""), qint64(0), false, QByteArray(), date(-1000)})},
          {},
-         {QVariantList{QStringLiteral(""), qint64(0), false, QByteArray(), date(-1000)}}},
+         {QVariant(QVariantList{QStringLiteral(""), qint64(0), false, QByteArray(), date(-1000)})}},
     };
     return rows;
 }
@@ -689,7 +689,7 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
          QStringLiteral("Argument <CodecGadget: 0x?> (class CodecGadget) of selector take: is not allowed"),
          {}},
         {"object in the second argument", "take:and:", {1, object}, unknownObject, {}, {}},
-        {"object inside an array", "take:", {QVariantList{1, object}}, unknownObject, {}, {}},
+        {"object inside an array", "take:", {QVariant(QVariantList{1, object})}, unknownObject, {}, {}},
         {"object as a dictionary value",
          "take:",
          {QVariantMap{{QStringLiteral("k"), object}}},
@@ -698,7 +698,7 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
          QStringLiteral("NSDictionary is not a property list: ")},
         {"index set inside an array",
          "take:",
-         {QVariantList{indexes({1})}},
+         {QVariant(QVariantList{indexes({1})})},
          notPlist,
          QStringLiteral("QWEWQ"),
          QStringLiteral("NSArray is not a property list: ")},
