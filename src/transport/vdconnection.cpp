@@ -261,8 +261,10 @@ void VDConnection::receiveForTesting(const QByteArray &bytes)
 void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &data, long tag)
 {
     zt::Ref<VDConnection> keepAlive(this); // a delegate or a call may drop the last reference
-    if (VDSocketLogging)
+    if (VDSocketLogging) {
+        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didReadData:withTag:"));
         zt::log(ztTransport, u"%@ [tag=%ld]", data, qint64(tag));
+    }
     if (tag == LengthTag) {
         quint64 be = 0;
         if (data.size() == 8)
@@ -281,10 +283,10 @@ void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &d
     issueLengthRead();
 }
 
-void VDConnection::onSocketDidWriteDataWithTag(AsyncSocket *, long tag)
+void VDConnection::onSocketDidWriteDataWithTag(AsyncSocket *, long)
 {
     if (VDSocketLogging)
-        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didWriteDataWithTag:") + QString::number(tag));
+        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didWriteDataWithTag:"));
 }
 
 void VDConnection::onSocketDidConnectToHostPort(AsyncSocket *, const QString &host, quint16 port)
