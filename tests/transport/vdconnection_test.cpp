@@ -331,6 +331,27 @@ TEST(VDConnectionDelegate, ReleasedConnectionsCloseTheirSockets)
     EXPECT_TRUE(client->isDisconnected());
 }
 
+// The diagnostic switch names each socket event, and each completed read
+// with its bytes and tag.
+TEST(VDConnectionDelegate, SocketLoggingNamesEachEvent)
+{
+    zttest::LogCapture log;
+    VDSocketLogging = true;
+    Link link;
+    const bool connected = link.connect();
+    link.client()->proxyForRemoteObject()->perform("registerClient");
+    const bool arrived = connected && waitForCall(link.serverRoot(), u"registerClient"_s);
+    VDSocketLogging = false;
+    ASSERT_TRUE(arrived);
+    const QStringList lines = log.lines();
+    for (const char *event : {"onSocket:didAcceptNewSocket:", "onSocket:didConnectToHost:port:",
+                              "onSocket:didWriteDataWithTag:", "onSocket:didReadData:withTag:"}) {
+        EXPECT_TRUE(lines.contains(QString::fromLatin1(event))) << event;
+    }
+    EXPECT_TRUE(lines.contains(u"<00000000 00000026> [tag=0]"_s)) << lines.join(u'\n').toStdString();
+    EXPECT_TRUE(lines.contains(zt::describe(body("registerClient", {}, {})) + u" [tag=1]"_s));
+}
+
 // ---- the write gate and the queue ----
 
 struct GateRow
