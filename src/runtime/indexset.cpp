@@ -56,9 +56,9 @@ QList<quint64> IndexSet::toList() const
 
 void IndexSet::addRange(quint64 location, quint64 length)
 {
-    if (length == 0)
-        return;
     length = std::min(length, ~quint64(0) - location); // clamp so end() cannot wrap
+    if (length == 0)
+        return; // (the largest index cannot be held: end() would wrap)
     quint64 start = location;
     quint64 stop = location + length;
     // First range that ends at or after `start` (touching ranges merge).
@@ -76,9 +76,9 @@ void IndexSet::addRange(quint64 location, quint64 length)
 
 void IndexSet::removeRange(quint64 location, quint64 length)
 {
+    length = std::min(length, ~quint64(0) - location);
     if (length == 0)
         return;
-    length = std::min(length, ~quint64(0) - location);
     const quint64 stop = location + length;
     std::vector<Range> out;
     out.reserve(m_ranges.size() + 1);

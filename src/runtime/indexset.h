@@ -1,6 +1,7 @@
 #pragma once
 // IndexSet: an ordered set of non-negative integers, kept as sorted, disjoint,
 // non-adjacent ranges. It is the index form of every ordered to-many change.
+// The largest 64-bit value is the platform's "not found" and is never held.
 
 #include "zt_export.h"
 

@@ -193,5 +193,9 @@ TEST(IndexSet, KeepsSortedDisjointRanges)
     EXPECT_EQ(s.toList(), (QList<quint64>{0, 1, 5, 8, 9}));
     s.addRange(~quint64(0) - 1, 10); // clamped, never wraps
     EXPECT_EQ(s.last(), ~quint64(0) - 1);
+    IndexSet notFound;
+    notFound.add(~quint64(0)); // "not found" cannot be held
+    EXPECT_TRUE(notFound.isEmpty());
+    EXPECT_EQ(notFound.begin(), notFound.end());
     EXPECT_EQ(IndexSet{}, IndexSet::fromRange(3, 0));
 }
