@@ -434,7 +434,8 @@ void AsyncSocket::disconnectAfterReading()
     if (d->closing || isDisconnected())
         return;
     zt::Ref<AsyncSocket> guard(this);
-    if (isTerminating()) {
+    // A socket with no stream (a listener) has no queue to drain: close now.
+    if (isTerminating() || !d->socket) {
         d->close(false);
         return;
     }
@@ -448,7 +449,8 @@ void AsyncSocket::disconnectAfterWriting()
     if (d->closing || isDisconnected())
         return;
     zt::Ref<AsyncSocket> guard(this);
-    if (isTerminating()) {
+    // A socket with no stream (a listener) has no queue to drain: close now.
+    if (isTerminating() || !d->socket) {
         d->close(false);
         return;
     }
@@ -462,7 +464,8 @@ void AsyncSocket::disconnectAfterReadingAndWriting()
     if (d->closing || isDisconnected())
         return;
     zt::Ref<AsyncSocket> guard(this);
-    if (isTerminating()) {
+    // A socket with no stream (a listener) has no queue to drain: close now.
+    if (isTerminating() || !d->socket) {
         d->close(false);
         return;
     }

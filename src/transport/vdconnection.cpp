@@ -9,7 +9,6 @@
 #include "runtime/process.h"
 
 #include <QtEndian>
-#include <cmath>
 #include <cstring>
 
 bool VDSocketLogging = false;
@@ -94,17 +93,8 @@ void VDConnection::dealloc()
     m_delegate = nullptr;
     m_returnHandlers.clear();
     if (m_socket) {
-        // A socket with no stream and nothing to write (a listener, or one
-        // that never connected) closes at once: waiting for writes would wait
-        // for ever on a listener, which has no write queue to drain, and
-        // would keep its port bound.
-        if (!m_socket->isConnected() && std::isnan(m_socket->progressOfWriteReturningTagBytesDoneTotal())) {
-            m_socket->setDelegate(nullptr);
-            m_socket->disconnect();
-        } else {
-            m_socket->disconnectAfterWriting();
-            m_socket->setDelegate(nullptr);
-        }
+        m_socket->disconnectAfterWriting(); // a listener closes at once
+        m_socket->setDelegate(nullptr);
         m_socket.reset();
     }
     if (m_remoteProxy) {
