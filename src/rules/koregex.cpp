@@ -5,6 +5,7 @@
 #include "runtime/exception.h"
 #include "runtime/format.h"
 
+#include <algorithm>
 #include <memory>
 #include <pcre.h>
 #include <pthread.h>
@@ -13,6 +14,93 @@ using namespace zt;
 using namespace zt::koregex;
 
 ZT_DEFINE_CLASS(KORegex)
+
+namespace {
+
+// Where findInString() keeps a subject's UTF-8 form for the length of one
+// search. Most chat lines fit on the stack. A longer subject uses a buffer of
+// the calling thread, kept between searches so that searching long subjects
+// allocates nothing either: it grows by doubling up to KeptThreadBufferBytes,
+// and one that had to grow past that for an exceptionally long subject is
+// released when the search ends instead of staying with the thread.
+constexpr qsizetype StackSubjectBytes = 1024 + encoders::StoreSlack;
+constexpr qsizetype FirstThreadBufferBytes = 4096;
+constexpr qsizetype KeptThreadBufferBytes = 1024 * 1024;
+
+struct ThreadSubjectBuffer
+{
+    std::unique_ptr<char[]> bytes;
+    qsizetype capacity = 0;
+    // Set while a search uses the buffer. Nothing starts another search on
+    // the thread meanwhile unless a process-wide PCRE callout does; such a
+    // search gets bytes of its own.
+    bool inUse = false;
+};
+
+thread_local ThreadSubjectBuffer threadSubjectBuffer;
+
+class SubjectBytes
+{
+public:
+    //! Room for `size` bytes.
+    explicit SubjectBytes(qsizetype size)
+    {
+        if (size > StackSubjectBytes) [[unlikely]]
+            useThreadBuffer(size);
+    }
+    ~SubjectBytes()
+    {
+        if (m_thread) [[unlikely]]
+            releaseThreadBuffer();
+    }
+    SubjectBytes(const SubjectBytes &) = delete;
+    SubjectBytes &operator=(const SubjectBytes &) = delete;
+
+    char *data() { return m_data; }
+
+private:
+    void useThreadBuffer(qsizetype size);
+    void releaseThreadBuffer();
+
+    char m_stack[StackSubjectBytes];
+    char *m_data = m_stack;
+    ThreadSubjectBuffer *m_thread = nullptr;
+    std::unique_ptr<char[]> m_own;
+};
+
+void SubjectBytes::useThreadBuffer(qsizetype size)
+{
+    ThreadSubjectBuffer &buffer = threadSubjectBuffer;
+    if (buffer.inUse) {
+        m_own.reset(new char[size_t(size)]);
+        m_data = m_own.get();
+        return;
+    }
+    if (buffer.capacity < size) {
+        const qsizetype grown = std::max(
+            size, std::min(std::max(2 * buffer.capacity, FirstThreadBufferBytes), KeptThreadBufferBytes));
+        // The old bytes go first: they need not survive, and both at once
+        // would double the peak.
+        buffer.bytes.reset();
+        buffer.capacity = 0;
+        buffer.bytes.reset(new char[size_t(grown)]);
+        buffer.capacity = grown;
+    }
+    buffer.inUse = true;
+    m_thread = &buffer;
+    m_data = buffer.bytes.get();
+}
+
+void SubjectBytes::releaseThreadBuffer()
+{
+    m_thread->inUse = false;
+    if (m_thread->capacity > KeptThreadBufferBytes) {
+        m_thread->bytes.reset();
+        m_thread->capacity = 0;
+    }
+}
+
+} // namespace
 
 void KORegex::registerMembers(ClassBuilder<KORegex> &b)
 {
@@ -93,7 +181,7 @@ bool KORegex::initWithPattern(const QString &pattern, int options)
         flags |= PCRE_MULTILINE;
 
     // The compiler reads a C string: a pattern ends at its first U+0000.
-    QVarLengthArray<char, 256> utf8(3 * pattern.size() + 1);
+    QVarLengthArray<char, 256> utf8(encoders::capacityFor(pattern.size()) + 1);
     utf8[encodeUtf8(pattern, utf8.data())] = '\0';
 
     const char *error = nullptr;
@@ -139,14 +227,9 @@ Ref<KORegexMatch> KORegex::findInString(const QString &string, std::optional<KOR
     QVarLengthArray<int, 30> ovector;
     reserveMatchVector(ovector, m_groupCount * 3);
 
-    // A miss, the common case, allocates nothing for subjects of ordinary length.
-    char stackBytes[1024];
-    std::unique_ptr<char[]> heapBytes;
-    char *utf8 = stackBytes;
-    if (3 * length > qsizetype(sizeof stackBytes)) {
-        heapBytes.reset(new char[size_t(3 * length)]);
-        utf8 = heapBytes.get();
-    }
+    // A miss, the common case, allocates nothing.
+    SubjectBytes bytesOfSubject(encoders::capacityFor(length));
+    char *const utf8 = bytesOfSubject.data();
     const qsizetype size = encodeUtf8(string, utf8);
     checkSearchableLength(size);
     const bool ascii = size == length;
@@ -290,6 +373,19 @@ unsigned long interpreterRecursionLimit()
     return left > 2 * frameSize ? (unsigned long)(left / (2 * frameSize)) : 1;
 }
 
+// The interpreter, out of line so that the JIT path keeps a small frame.
+[[gnu::noinline]] int executeInterpreted(const ::pcre *compiled, const pcre_extra *extra, const char *subject,
+                                         int length, int start, int options, int *ovector, int ovectorSize)
+{
+    pcre_extra bounded = extra ? *extra : pcre_extra{};
+    bounded.flags &= ~PCRE_EXTRA_EXECUTABLE_JIT;
+    if (!(bounded.flags & PCRE_EXTRA_MATCH_LIMIT_RECURSION)) {
+        bounded.flags |= PCRE_EXTRA_MATCH_LIMIT_RECURSION;
+        bounded.match_limit_recursion = interpreterRecursionLimit();
+    }
+    return pcre_exec(compiled, &bounded, subject, length, start, options, ovector, ovectorSize);
+}
+
 } // namespace
 
 int execute(const KORegex &regex, const char *subject, int length, int start, int options, int *ovector,
@@ -298,7 +394,9 @@ int execute(const KORegex &regex, const char *subject, int length, int start, in
     const auto *compiled = static_cast<const ::pcre *>(regex.regex());
     const auto *extra = static_cast<const pcre_extra *>(regex.extra());
     if (extra && (extra->flags & PCRE_EXTRA_EXECUTABLE_JIT)) [[likely]] {
-        pcre_jit_stack *stack = threadJitStack ? threadJitStack : allocateThreadJitStack();
+        pcre_jit_stack *stack = threadJitStack;
+        if (!stack) [[unlikely]]
+            stack = allocateThreadJitStack();
         if (stack) [[likely]] {
             const int rc =
                 pcre_jit_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize, stack);
@@ -307,14 +405,8 @@ int execute(const KORegex &regex, const char *subject, int length, int start, in
         }
     }
     // No JIT code, JIT code for another matching mode, or no memory for a
-    // JIT stack: the interpreter.
-    pcre_extra bounded = extra ? *extra : pcre_extra{};
-    bounded.flags &= ~PCRE_EXTRA_EXECUTABLE_JIT;
-    if (!(bounded.flags & PCRE_EXTRA_MATCH_LIMIT_RECURSION)) {
-        bounded.flags |= PCRE_EXTRA_MATCH_LIMIT_RECURSION;
-        bounded.match_limit_recursion = interpreterRecursionLimit();
-    }
-    return pcre_exec(compiled, &bounded, subject, length, start, options, ovector, ovectorSize);
+    // JIT stack.
+    return executeInterpreted(compiled, extra, subject, length, start, options, ovector, ovectorSize);
 }
 
 void reserveLargeMatchVector(QVarLengthArray<int, 30> &vector, int items)
@@ -329,7 +421,7 @@ void reserveLargeMatchVector(QVarLengthArray<int, 30> &vector, int items)
 QVarLengthArray<int, 4> groupNumbersForName(const KORegex &regex, const QString &name)
 {
     QVarLengthArray<int, 4> numbers;
-    QVarLengthArray<char, 64> utf8(3 * name.size() + 1);
+    QVarLengthArray<char, 64> utf8(encoders::capacityFor(name.size()) + 1);
     utf8[encodeUtf8(name, utf8.data())] = '\0';
     char *first = nullptr;
     char *last = nullptr;

@@ -12,6 +12,7 @@
 // so the text itself is never damaged by that count.
 
 #include "rules/koregex.h"
+#include "rules/koregex_utf8_p.h"
 
 #include <QString>
 #include <QVarLengthArray>
@@ -23,10 +24,12 @@
 
 namespace zt::koregex {
 
-//! Encodes UTF-16 as UTF-8 into `out`, which must hold 3 * in.size() bytes,
-//! and answers the number of bytes written. An unpaired surrogate becomes
+//! Encodes UTF-16 as UTF-8 into `out`, which must hold
+//! encoders::capacityFor(in.size()) bytes, and answers the number of bytes
+//! written (at most 3 * in.size()). An unpaired surrogate becomes
 //! U+FFFD (three bytes, one code unit, like the unit it replaces), so the
 //! output is always valid UTF-8 and byte and code-unit positions stay in step.
+//! Uses the fastest variant of koregex_utf8_p.h that the processor runs.
 qsizetype encodeUtf8(QStringView in, char *out);
 
 //! The UTF-8 length of in[0, index). An index that splits a surrogate pair

@@ -10,24 +10,9 @@
 #include <climits>
 #include <cstring>
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
-
 namespace zt::koregex {
 
 namespace {
-
-#ifdef __SSE2__
-// Loads 8 code units and answers how many of them, from the first, are ASCII.
-inline int asciiPrefix(const char16_t *p, __m128i &units)
-{
-    units = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p));
-    const __m128i high = _mm_and_si128(units, _mm_set1_epi16(short(0xFF80)));
-    const unsigned other = ~unsigned(_mm_movemask_epi8(_mm_cmpeq_epi16(high, _mm_setzero_si128()))) & 0xFFFF;
-    return other ? __builtin_ctz(other) / 2 : 8;
-}
-#endif
 
 // What the bytes in [p, p + n) hold: characters (the bytes that start a
 // UTF-8 sequence) and UTF-16 code units (one per character, two for those
@@ -45,7 +30,7 @@ inline Counts countStarts(const char *p, qsizetype n)
     qsizetype characters = 0;
     qsizetype fourByte = 0;
     qsizetype i = 0;
-#ifdef __SSE2__
+#ifdef ZT_KOREGEX_X86_ENCODERS
     const __m128i one = _mm_set1_epi8(1);
     const __m128i lastContinuation = _mm_set1_epi8(-65);
     const __m128i fourByteMask = _mm_set1_epi8(char(0xF0));
@@ -76,63 +61,13 @@ inline Counts countStarts(const char *p, qsizetype n)
 
 qsizetype encodeUtf8(QStringView in, char *out)
 {
-    const char16_t *src = in.utf16();
-    const char16_t *const end = src + in.size();
-    char *dst = out;
-    while (src < end) {
-#ifdef __SSE2__
-        // ASCII runs 16 and then 8 units at a time; a block with other units
-        // still stores its ASCII start, and the rest goes one character at a
-        // time.
-        const __m128i high = _mm_set1_epi16(short(0xFF80));
-        while (end - src >= 16) {
-            const __m128i first = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src));
-            const __m128i second = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + 8));
-            const __m128i other = _mm_and_si128(_mm_or_si128(first, second), high);
-            if (_mm_movemask_epi8(_mm_cmpeq_epi16(other, _mm_setzero_si128())) != 0xFFFF)
-                break;
-            _mm_storeu_si128(reinterpret_cast<__m128i *>(dst), _mm_packus_epi16(first, second));
-            src += 16;
-            dst += 16;
-        }
-        while (end - src >= 8) {
-            __m128i units;
-            const int ascii = asciiPrefix(src, units);
-            _mm_storel_epi64(reinterpret_cast<__m128i *>(dst), _mm_packus_epi16(units, units));
-            src += ascii;
-            dst += ascii;
-            if (ascii < 8)
-                break;
-        }
-        if (src == end)
-            break;
+#ifdef ZT_KOREGEX_X86_ENCODERS
+    if (encoders::haveSsse3()) [[likely]]
+        return encoders::encodeSsse3(in, out);
+    return encoders::encodeSse2(in, out);
+#else
+    return encoders::encodePortable(in, out);
 #endif
-        char32_t c = *src++;
-        if (c < 0x80) {
-            *dst++ = char(c);
-            continue;
-        }
-        if (c < 0x800) {
-            *dst++ = char(0xC0 | (c >> 6));
-            *dst++ = char(0x80 | (c & 0x3F));
-            continue;
-        }
-        if (QChar::isSurrogate(c)) {
-            if (QChar::isHighSurrogate(c) && src < end && QChar::isLowSurrogate(*src)) {
-                c = QChar::surrogateToUcs4(char16_t(c), *src++);
-                *dst++ = char(0xF0 | (c >> 18));
-                *dst++ = char(0x80 | ((c >> 12) & 0x3F));
-                *dst++ = char(0x80 | ((c >> 6) & 0x3F));
-                *dst++ = char(0x80 | (c & 0x3F));
-                continue;
-            }
-            c = QChar::ReplacementCharacter;
-        }
-        *dst++ = char(0xE0 | (c >> 12));
-        *dst++ = char(0x80 | ((c >> 6) & 0x3F));
-        *dst++ = char(0x80 | (c & 0x3F));
-    }
-    return dst - out;
 }
 
 qsizetype utf8Offset(QStringView in, qsizetype index, bool roundUp)
@@ -143,10 +78,10 @@ qsizetype utf8Offset(QStringView in, qsizetype index, bool roundUp)
     const char16_t *const end = begin + in.size();
     qsizetype bytes = 0;
     while (src < stop) {
-#ifdef __SSE2__
+#ifdef ZT_KOREGEX_X86_ENCODERS
         while (stop - src >= 8) {
             __m128i units;
-            const int ascii = asciiPrefix(src, units);
+            const int ascii = encoders::asciiPrefix(src, units);
             src += ascii;
             bytes += ascii;
             if (ascii < 8)
@@ -175,7 +110,7 @@ SubjectText::SubjectText(QString string) : m_string(std::move(string))
 {
     if (m_string.isNull())
         m_string = QStringLiteral("");
-    m_bytes.resize(3 * m_string.size());
+    m_bytes.resize(encoders::capacityFor(m_string.size()));
     m_size = encodeUtf8(m_string, m_bytes.data());
     m_bytes.resize(m_size);
     m_ascii = m_size == m_string.size();

@@ -1,0 +1,360 @@
+// The UTF-8 encoders behind every search. Each variant is compared with Qt's
+// own encoder, run on a copy of the subject whose unpaired surrogates are
+// U+FFFD (the layer's rule), over strings laid out against the 8- and 16-unit
+// blocks the vector variants work in. Then findInString over subjects long
+// enough to need the per-thread buffer, as it grows, is reused and is
+// released.
+
+#include "regex_support.h"
+
+#include "rules/koregex_utf8_p.h"
+
+#include <QByteArray>
+#include <QString>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace regextest;
+using namespace zt::koregex;
+
+namespace {
+
+struct Encoder
+{
+    const char *name;
+    qsizetype (*encode)(QStringView, char *);
+    bool (*available)();
+};
+
+void PrintTo(const Encoder &encoder, std::ostream *os)
+{
+    *os << encoder.name;
+}
+
+bool always()
+{
+    return true;
+}
+
+const Encoder variants[] = {
+    {"Portable", encoders::encodePortable, always},
+#ifdef ZT_KOREGEX_X86_ENCODERS
+    {"Sse2", encoders::encodeSse2, always},
+    {"Ssse3", encoders::encodeSsse3, encoders::haveSsse3},
+#endif
+};
+
+//! Qt's UTF-8 of `text` after replacing each unpaired surrogate by U+FFFD.
+QByteArray reference(QStringView text)
+{
+    QString copy;
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text[i];
+        if (c.isHighSurrogate() && i + 1 < text.size() && text[i + 1].isLowSurrogate()) {
+            copy += c;
+            copy += text[++i];
+        } else if (c.isSurrogate()) {
+            copy += QChar(QChar::ReplacementCharacter);
+        } else {
+            copy += c;
+        }
+    }
+    return copy.toUtf8();
+}
+
+std::string hex(const QByteArray &bytes)
+{
+    return bytes.toHex(' ').toStdString();
+}
+
+std::string unitsText(QStringView text)
+{
+    std::string out;
+    for (QChar c : text) {
+        char unit[8];
+        std::snprintf(unit, sizeof unit, "%s%04X", out.empty() ? "" : " ", unsigned(c.unicode()));
+        out += unit;
+    }
+    return out;
+}
+
+class Utf8Encoder : public ::testing::TestWithParam<Encoder>
+{
+protected:
+    void SetUp() override
+    {
+        if (!GetParam().available())
+            GTEST_SKIP() << "this processor does not run the " << GetParam().name << " variant";
+    }
+
+    //! Encodes `text` from a copy of exactly its size (AddressSanitizer sees
+    //! any read past it) into a buffer of exactly encoders::capacityFor() bytes
+    //! followed by guard bytes that must stay untouched.
+    static QByteArray encode(QStringView text)
+    {
+        constexpr qsizetype Guard = 32;
+        const qsizetype n = text.size();
+        std::unique_ptr<char16_t[]> units(new char16_t[size_t(std::max<qsizetype>(n, 1))]);
+        if (n > 0)
+            std::memcpy(units.get(), text.utf16(), size_t(n) * sizeof(char16_t));
+        const qsizetype capacity = encoders::capacityFor(n);
+        std::vector<char> out(size_t(capacity + Guard), '\x5A');
+        const qsizetype size = GetParam().encode(QStringView(units.get(), n), out.data());
+        EXPECT_LE(size, 3 * n);
+        for (qsizetype i = capacity; i < capacity + Guard; ++i) {
+            if (out[size_t(i)] != '\x5A') {
+                ADD_FAILURE() << "stored past the buffer, at byte " << i << " of " << capacity;
+                break;
+            }
+        }
+        return QByteArray(out.data(), std::clamp<qsizetype>(size, 0, capacity));
+    }
+
+    static void expectSameAsReference(QStringView text)
+    {
+        const QByteArray expected = reference(text);
+        const QByteArray actual = encode(text);
+        EXPECT_EQ(hex(actual), hex(expected)) << "units: " << unitsText(text);
+    }
+};
+
+QString asciiRun(qsizetype length, qsizetype offset = 0)
+{
+    QString text;
+    for (qsizetype i = 0; i < length; ++i)
+        text += QLatin1Char(char('a' + (offset + i) % 26));
+    return text;
+}
+
+QString units(std::initializer_list<char16_t> list)
+{
+    return QString(reinterpret_cast<const QChar *>(list.begin()), qsizetype(list.size()));
+}
+
+// ---- hand-picked layouts ----
+
+TEST_P(Utf8Encoder, NamedLayouts)
+{
+    const QString pair = units({0xD83D, 0xDC4D}); // U+1F44D
+    const QString e = units({0xE9});
+    struct Row
+    {
+        const char *name;
+        QString text;
+    } rows[] = {
+        {"Empty", QString()},
+        {"AsciiShorterThanABlock", asciiRun(7)},
+        {"AsciiOneBlock", asciiRun(8)},
+        {"AsciiOneBlockAndOne", asciiRun(9)},
+        {"AsciiTwoBlocksLessOne", asciiRun(15)},
+        {"AsciiTwoBlocks", asciiRun(16)},
+        {"AsciiTwoBlocksAndOne", asciiRun(17)},
+        {"AsciiLong", asciiRun(1000)},
+        {"NulUnitsAreAscii", units({0, 'a', 0, 0, 0, 0, 0, 0, 0, 'b', 0})},
+        {"LastAsciiAndFirstTwoByte", units({0x7F, 0x80, 0x7F, 0x80, 0x7F, 0x80, 0x7F, 0x80, 0x7F})},
+        {"LastTwoByteAndFirstThreeByte", units({0x7FF, 0x800, 0x7FF, 0x800, 0x7FF, 0x800, 0x7FF, 0x800})},
+        {"TwoByteLastInFirstBlock", asciiRun(7) + e + asciiRun(8)},
+        {"TwoByteFirstInSecondBlock", asciiRun(8) + e + asciiRun(7)},
+        {"TwoByteLastInSecondBlock", asciiRun(15) + e + asciiRun(5)},
+        {"TwoByteFirstInThirdBlock", asciiRun(16) + e + asciiRun(5)},
+        {"TwoByteLastUnit", asciiRun(12) + e},
+        {"TwoByteBlockFull", QString(8, QChar(0xE9)) + QString(8, QChar(0x416))},
+        {"ThreeByteInTwoByteBlock", units({0xE9, 0xE8, 0x4E2D, 0xE0, 0x3B1, 0x5D0, 0x627, 0x416, 0xE9})},
+        {"PairInsideBlock", asciiRun(3) + pair + asciiRun(11)},
+        {"PairAcrossFirstBlockEnd", asciiRun(7) + pair + asciiRun(7)},
+        {"PairAcrossSecondBlockEnd", asciiRun(15) + pair + asciiRun(7)},
+        {"PairAtStringEnd", asciiRun(14) + pair},
+        {"PairAfterFullBlock", asciiRun(8) + pair},
+        {"PairsBackToBack", pair + pair + pair + pair + pair},
+        {"LowestPair", asciiRun(6) + units({0xD800, 0xDC00}) + asciiRun(6)},
+        {"HighestPair", asciiRun(6) + units({0xDBFF, 0xDFFF}) + asciiRun(6)},
+        {"LoneHighAtBlockEndBeforeAscii", asciiRun(7) + units({0xD83D}) + asciiRun(8)},
+        {"LoneHighAtStringEnd", asciiRun(15) + units({0xD83D})},
+        {"LoneHighBeforeHighLowPair", asciiRun(6) + units({0xD83D}) + pair + asciiRun(6)},
+        {"LoneLowAtBlockStart", asciiRun(8) + units({0xDC4D}) + asciiRun(7)},
+        {"LoneLowAtStringStart", units({0xDC4D}) + asciiRun(9)},
+        {"LowThenHigh", asciiRun(5) + units({0xDC4D, 0xD83D}) + asciiRun(9)},
+        {"OnlyALoneHigh", units({0xD800})},
+        {"NoncharactersAndReplacement", units({0xFFFF, 0xFFFE, 0xFFFD, 0xFEFF, 'a', 0xE000, 0xF8FF, 0xFFFF})},
+        {"ChatLine", qs("<carol> café naïve 👍 résumé merged, thanks! ok")},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        expectSameAsReference(row.text);
+    }
+}
+
+// An unpaired surrogate is three bytes, so that byte and unit positions
+// stay in step: the exact bytes, not only agreement with the reference.
+TEST_P(Utf8Encoder, UnpairedSurrogatesBecomeReplacementCharacter)
+{
+    struct Row
+    {
+        const char *name;
+        QString text;
+        const char *hexBytes;
+    } rows[] = {
+        {"LoneHigh", units({0xD83D}), "ef bf bd"},
+        {"LoneLow", units({0xDC4D}), "ef bf bd"},
+        {"HighBeforeAscii", units({0xD83D, 'a'}), "ef bf bd 61"},
+        {"LowBeforeHigh", units({0xDC4D, 0xD83D}), "ef bf bd ef bf bd"},
+        {"HighHighLow", units({0xD83D, 0xD83D, 0xDC4D}), "ef bf bd f0 9f 91 8d"},
+        {"HighAfterABlock", asciiRun(8) + units({0xDBFF}), "61 62 63 64 65 66 67 68 ef bf bd"},
+        {"LowEndingABlock", asciiRun(7) + units({0xDC00, 'x'}), "61 62 63 64 65 66 67 ef bf bd 78"},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(hex(encode(row.text)), row.hexBytes);
+    }
+}
+
+// ---- one unusual character at every position of every short length ----
+
+TEST_P(Utf8Encoder, EveryPositionOfEveryLength)
+{
+    struct Kind
+    {
+        const char *name;
+        QString text;
+    } kinds[] = {
+        {"Nul", units({0})},
+        {"LastAscii", units({0x7F})},
+        {"FirstTwoByte", units({0x80})},
+        {"TwoByte", units({0xE9})},
+        {"LastTwoByte", units({0x7FF})},
+        {"FirstThreeByte", units({0x800})},
+        {"ThreeByte", units({0x4E2D})},
+        {"LastBmp", units({0xFFFF})},
+        {"Pair", units({0xD83D, 0xDC4D})},
+        {"LoneHigh", units({0xDBFF})},
+        {"LoneLow", units({0xDC00})},
+    };
+    for (const Kind &kind : kinds) {
+        SCOPED_TRACE(kind.name);
+        for (qsizetype length = 1; length <= 40; ++length) {
+            for (qsizetype at = 0; at + kind.text.size() <= length; ++at) {
+                SCOPED_TRACE(::testing::Message() << "at " << at << " of " << length);
+                expectSameAsReference(asciiRun(at) + kind.text +
+                                      asciiRun(length - at - kind.text.size(), at));
+                if (HasFailure())
+                    return;
+            }
+        }
+    }
+}
+
+// Runs of one kind of character: every tail length after every number of
+// whole blocks.
+TEST_P(Utf8Encoder, UniformRunsOfEveryLength)
+{
+    struct Kind
+    {
+        const char *name;
+        QString unit;
+    } kinds[] = {
+        {"TwoByte", units({0xE9})},
+        {"ThreeByte", units({0x4E2D})},
+        {"Pairs", units({0xD83D, 0xDC4D})},
+        {"LoneLows", units({0xDC00})},
+    };
+    for (const Kind &kind : kinds) {
+        SCOPED_TRACE(kind.name);
+        QString text;
+        for (int count = 0; count <= 40; ++count) {
+            SCOPED_TRACE(count);
+            expectSameAsReference(text);
+            text += kind.unit;
+        }
+    }
+}
+
+// Dense mixtures of every kind of unit, including surrogates in any order.
+TEST_P(Utf8Encoder, GeneratedMixtures)
+{
+    const char16_t palette[] = {'a',    ' ',    0,      0x7F,   0x80,   0xE9,   0x3B1,  0x7FF,  0x800,
+                                0x4E2D, 0xFFFD, 0xFFFF, 0xD800, 0xD83D, 0xDBFF, 0xDC00, 0xDC4D, 0xDFFF};
+    std::mt19937 random(20240611);
+    for (int sample = 0; sample < 3000; ++sample) {
+        const int length = int(random() % 70);
+        const unsigned asciiShare = random() % 4; // 0: no ASCII bias … 3: mostly ASCII
+        QString text;
+        for (int i = 0; i < length; ++i) {
+            const bool ascii = random() % 4 < asciiShare;
+            text += QChar(ascii ? char16_t('a' + random() % 26) : palette[random() % std::size(palette)]);
+        }
+        SCOPED_TRACE(::testing::Message() << "sample " << sample);
+        expectSameAsReference(text);
+        if (HasFailure())
+            return;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Variants, Utf8Encoder, ::testing::ValuesIn(variants),
+                         [](const ::testing::TestParamInfo<Encoder> &info) {
+                             return std::string(info.param.name);
+                         });
+
+// ---- findInString and its subject buffer ----
+
+// Subjects from a few hundred units (the stack) to beyond a megabyte of UTF-8
+// (the thread's buffer grows, is reused with stale bytes in it, is released
+// and grown again), each with the word at its very end, so that stale or
+// missing bytes past a shorter subject would show in the match.
+TEST(KORegexSubjectBuffer, LongSubjectsOfChangingLength)
+{
+    auto regex = compile("ab+c$");
+    ASSERT_TRUE(regex);
+    struct Row
+    {
+        const char *name;
+        qsizetype units; // of three-byte text before the word
+    } rows[] = {
+        {"OnTheStack", 300},    {"FirstThreadBuffer", 400},
+        {"Grown", 3000},        {"BackOnTheStack", 10},
+        {"Reused", 1200},       {"PastAMegabyte", 400000},
+        {"AfterRelease", 2000}, {"AgainPastAMegabyte", 350000},
+        {"SmallAgain", 500},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        const QString subject = QString(row.units, QChar(0x4E2D)) + qs("abbbc");
+        auto match = regex->findInString(subject);
+        ASSERT_TRUE(match);
+        EXPECT_EQ(match->range(), (KORange{row.units, 5}));
+        EXPECT_EQ(match->group(), qs("abbbc"));
+        // The same subject cut short: what the longer search left in the
+        // buffer must not be found.
+        EXPECT_FALSE(regex->findInString(subject.first(row.units + 4)));
+    }
+}
+
+TEST(KORegexSubjectBuffer, ThreadsKeepBuffersOfTheirOwn)
+{
+    auto regex = compile("x(\\d+)y$");
+    ASSERT_TRUE(regex);
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 200; ++i) {
+                const qsizetype length = 350 + 97 * ((i + 5 * t) % 23);
+                const QString number = QString::number(t * 1000 + i);
+                const QString subject = QString(length, QChar(0xE9)) + qs("x") + number + qs("y");
+                auto match = regex->findInString(subject);
+                if (!match || match->groupAtIndex(1) != number || match->range().location != length)
+                    ++failures;
+            }
+        });
+    }
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(failures.load(), 0);
+}
+
+} // namespace
