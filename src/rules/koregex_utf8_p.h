@@ -15,6 +15,7 @@
 #include <QChar>
 #include <QStringView>
 #include <cstdint>
+#include <cstring>
 
 #if defined(__SSE2__) && (defined(__x86_64__) || defined(__i386__))
 #define ZT_KOREGEX_X86_ENCODERS 1
@@ -84,11 +85,31 @@ inline char *encodeScalar(const char16_t *src, const char16_t *end, char *dst)
     return dst;
 }
 
-//! The variant for platforms without a vector one.
+//! The variant for platforms without a vector one: ASCII four units at a
+//! time (one 64-bit test; the mask is the same in either byte order), other
+//! characters one at a time.
 inline qsizetype encodePortable(QStringView in, char *out)
 {
     const char16_t *src = in.utf16();
-    return encodeScalar(src, src + in.size(), out) - out;
+    const char16_t *const end = src + in.size();
+    char *dst = out;
+    while (end - src >= 4) {
+        uint64_t units;
+        std::memcpy(&units, src, sizeof units);
+        if (!(units & 0xFF80FF80FF80FF80u)) {
+            dst[0] = char(src[0]);
+            dst[1] = char(src[1]);
+            dst[2] = char(src[2]);
+            dst[3] = char(src[3]);
+            src += 4;
+            dst += 4;
+            continue;
+        }
+        const char16_t *const groupEnd = src + 4;
+        while (src < groupEnd)
+            encodeCharacter(src, end, dst);
+    }
+    return encodeScalar(src, end, dst) - out;
 }
 
 #ifdef ZT_KOREGEX_X86_ENCODERS
