@@ -57,8 +57,8 @@ class AsyncSocketKilledPeer : public ::testing::TestWithParam<KillRow>
 TEST_P(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
 {
     const KillRow &row = GetParam();
-    for (quint32 seed = 1; seed <= 3; ++seed) {
-        QRandomGenerator rng(seed * 1000 + quint32(row.kind) * 10 + (row.alsoWrite ? 1 : 0));
+    for (quint32 round = 1; round <= 3; ++round) {
+        QRandomGenerator rng(round * 1000 + quint32(row.kind) * 10 + (row.alsoWrite ? 1 : 0));
         const qsizetype killAt = rng.bounded(1, 3 << 20);
         SCOPED_TRACE(testing::Message() << "kill after " << killAt << " bytes");
 
@@ -92,7 +92,7 @@ TEST_P(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
             }
             queueRead(s);
         };
-        const QByteArray chunk = patternBytes(32768, seed);
+        const QByteArray chunk = patternBytes(32768, round);
         serverEvents.onWrite = [&](AsyncSocket *s, long) { s->writeDataWithTimeoutTag(chunk, -1, 2); };
         serverEvents.onConnect = [&](AsyncSocket *s) {
             if (row.kind == ReadKind::PreBufferedTerminator)

@@ -202,10 +202,10 @@ struct Pair
 };
 
 //! Bytes 0…n-1 of a fixed pseudo-random stream.
-inline QByteArray patternBytes(qsizetype n, quint32 seed = 1)
+inline QByteArray patternBytes(qsizetype n, quint32 start = 1)
 {
     QByteArray out(n, Qt::Uninitialized);
-    quint32 x = seed * 2654435761u + 1;
+    quint32 x = start * 2654435761u + 1;
     for (qsizetype i = 0; i < n; ++i) {
         x ^= x << 13;
         x ^= x >> 17;
