@@ -240,12 +240,17 @@ bool ZTAbstractIPC::shouldPropagateValueChangesForKey(const QString &key) const
     return key != u"representation";
 }
 
+ZTIPCProxy *ZTAbstractIPC::propagatingProxy(const QString &key)
+{
+    if (!enableInterProcessKVO() || !shouldPropagateValueChangesForKey(key))
+        return nullptr;
+    return counterpart();
+}
+
 void ZTAbstractIPC::didChangeValueForKey(const QString &key)
 {
     super::didChangeValueForKey(key); // local observers first
-    if (!enableInterProcessKVO() || !shouldPropagateValueChangesForKey(key))
-        return;
-    ZTIPCProxy *proxy = counterpart();
+    ZTIPCProxy *proxy = propagatingProxy(key);
     if (!proxy)
         return;
     const QString wired = replacementKeyForWiring(key);
@@ -259,9 +264,7 @@ void ZTAbstractIPC::didChangeValuesAtIndexesForKey(zt::KeyValueChange kind, cons
                                                    const QString &key)
 {
     super::didChangeValuesAtIndexesForKey(kind, indexes, key);
-    if (!enableInterProcessKVO() || !shouldPropagateValueChangesForKey(key))
-        return;
-    ZTIPCProxy *proxy = counterpart();
+    ZTIPCProxy *proxy = propagatingProxy(key);
     if (!proxy)
         return;
     const QString wired = replacementKeyForWiring(key);

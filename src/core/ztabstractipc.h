@@ -136,6 +136,8 @@ protected:
 
 private:
     [[noreturn]] void uuidInconsistency(const QString &expected) const;
+    //! The counterpart when a change of `key` is to cross to the other process.
+    ZTIPCProxy *propagatingProxy(const QString &key);
 
     QList<zt::Ref<VDKVO>> m_observers;
     zt::Ref<ZTIPCProxy> m_counterpart;

@@ -57,6 +57,13 @@ struct KeyedArchiver::State
         return uid;
     }
 
+    //! A built-in class of the archive format, directly under NSObject.
+    QVariant builtinClass(const char *name)
+    {
+        const QString n = QString::fromLatin1(name);
+        return uidValue(classUid(n, {n, QStringLiteral("NSObject")}));
+    }
+
     quint64 classUid(const ClassInfo &cls)
     {
         QStringList chain;
@@ -97,9 +104,7 @@ struct KeyedArchiver::State
             return quint64(objects.size() - 1);
         case ValueKind::Null: {
             const quint64 uid = reserve();
-            objects[qsizetype(uid)] = QVariantMap{
-                {ClassKey, uidValue(classUid(QStringLiteral("NSNull"),
-                                             {QStringLiteral("NSNull"), QStringLiteral("NSObject")}))}};
+            objects[qsizetype(uid)] = QVariantMap{{ClassKey, builtinClass("NSNull")}};
             return uid;
         }
         case ValueKind::Array: {
@@ -107,10 +112,7 @@ struct KeyedArchiver::State
             QVariantList refs;
             for (const QVariant &e : value.toList())
                 refs.append(uidValue(encode(archiver, e)));
-            objects[qsizetype(uid)] = QVariantMap{
-                {ObjectsKey, refs},
-                {ClassKey, uidValue(classUid(QStringLiteral("NSArray"),
-                                             {QStringLiteral("NSArray"), QStringLiteral("NSObject")}))}};
+            objects[qsizetype(uid)] = QVariantMap{{ObjectsKey, refs}, {ClassKey, builtinClass("NSArray")}};
             return uid;
         }
         case ValueKind::Dictionary: {
@@ -121,11 +123,8 @@ struct KeyedArchiver::State
                 keys.append(uidValue(encode(archiver, it.key())));
                 refs.append(uidValue(encode(archiver, it.value())));
             }
-            objects[qsizetype(uid)] = QVariantMap{
-                {KeysKey, keys},
-                {ObjectsKey, refs},
-                {ClassKey, uidValue(classUid(QStringLiteral("NSDictionary"),
-                                             {QStringLiteral("NSDictionary"), QStringLiteral("NSObject")}))}};
+            objects[qsizetype(uid)] =
+                QVariantMap{{KeysKey, keys}, {ObjectsKey, refs}, {ClassKey, builtinClass("NSDictionary")}};
             return uid;
         }
         case ValueKind::IndexSet: {
@@ -136,10 +135,8 @@ struct KeyedArchiver::State
                 ranges.append(QVariant(quint64(r.length)));
             }
             const quint64 uid = reserve();
-            objects[qsizetype(uid)] = QVariantMap{
-                {RangesKey, ranges},
-                {ClassKey, uidValue(classUid(QStringLiteral("NSIndexSet"),
-                                             {QStringLiteral("NSIndexSet"), QStringLiteral("NSObject")}))}};
+            objects[qsizetype(uid)] =
+                QVariantMap{{RangesKey, ranges}, {ClassKey, builtinClass("NSIndexSet")}};
             return uid;
         }
         case ValueKind::Object: {

@@ -431,35 +431,20 @@ void AsyncSocket::disconnect()
 
 void AsyncSocket::disconnectAfterReading()
 {
-    if (d->closing || isDisconnected())
-        return;
-    zt::Ref<AsyncSocket> guard(this);
-    // A socket with no stream (a listener) has no queue to drain: close now.
-    if (isTerminating() || !d->socket) {
-        d->close(false);
-        return;
-    }
-    d->disconnectAfterReads = true;
-    d->keepAlive = this;
-    d->scheduleWork();
+    closeAfterQueues(true, false);
 }
 
 void AsyncSocket::disconnectAfterWriting()
 {
-    if (d->closing || isDisconnected())
-        return;
-    zt::Ref<AsyncSocket> guard(this);
-    // A socket with no stream (a listener) has no queue to drain: close now.
-    if (isTerminating() || !d->socket) {
-        d->close(false);
-        return;
-    }
-    d->disconnectAfterWrites = true;
-    d->keepAlive = this;
-    d->scheduleWork();
+    closeAfterQueues(false, true);
 }
 
 void AsyncSocket::disconnectAfterReadingAndWriting()
+{
+    closeAfterQueues(true, true);
+}
+
+void AsyncSocket::closeAfterQueues(bool reads, bool writes)
 {
     if (d->closing || isDisconnected())
         return;
@@ -469,8 +454,8 @@ void AsyncSocket::disconnectAfterReadingAndWriting()
         d->close(false);
         return;
     }
-    d->disconnectAfterReads = true;
-    d->disconnectAfterWrites = true;
+    d->disconnectAfterReads = d->disconnectAfterReads || reads;
+    d->disconnectAfterWrites = d->disconnectAfterWrites || writes;
     d->keepAlive = this;
     d->scheduleWork();
 }

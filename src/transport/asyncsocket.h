@@ -305,6 +305,8 @@ protected:
     void dealloc() override;
 
 private:
+    //! The three disconnectAfter… variants: close once the named queues are done.
+    void closeAfterQueues(bool reads, bool writes);
     friend class AsyncSocketPrivate;
     AsyncSocketPrivate *d;
 };
