@@ -33,7 +33,7 @@ public:
     FormatArg(const QString &s) : m_value(s) {}
     FormatArg(QStringView s) : m_value(s.toString()) {}
     FormatArg(const char16_t *s) : m_value(QString::fromUtf16(s)) {}
-    FormatArg(const char *s) : m_value(QByteArray(s)) {}
+    FormatArg(const char *s) : m_value(QString::fromUtf8(s)) {} // text, for "%@" and "%s" alike
     FormatArg(const QByteArray &b) : m_value(b) {}
     FormatArg(bool b) : m_value(b) {}
     FormatArg(double d) : m_value(d) {}
