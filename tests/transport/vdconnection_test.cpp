@@ -66,10 +66,6 @@ public:
         record("lengthOf:", {s});
         return qint32(s.size());
     }
-    void scalars(qint16 s, qint32 i, qint64 q, bool c, quint32 u, quint64 w)
-    {
-        record("short:int:long:bool:uint:ulong:", {s, i, q, c, u, w});
-    }
     void takeReal(double d) { record("takeReal:", {d}); }
     //! Answers the root itself, which cannot travel back.
     QVariant gadget()
@@ -114,7 +110,6 @@ void VDTestRoot::registerMembers(zt::ClassBuilder<VDTestRoot> &b)
     b.method("echo:", &VDTestRoot::echo);
     b.method("sum:with:", &VDTestRoot::sumWith);
     b.method("lengthOf:", &VDTestRoot::lengthOf);
-    b.method("short:int:long:bool:uint:ulong:", &VDTestRoot::scalars);
     b.method("takeReal:", &VDTestRoot::takeReal);
     b.method("gadget", &VDTestRoot::gadget);
     b.method("refuse:", &VDTestRoot::refuse);
@@ -357,8 +352,8 @@ TEST(VDConnectionDelegate, SocketLoggingNamesEachEvent)
 struct GateRow
 {
     const char *name;
-    QStringList steps;    // start, stop, open, close, registerClient, or a note's text
-    QStringList received; // the notes and handshakes the peer ran, before the closing handshake
+    const char *steps;    // start, stop, open, close, registerClient, or a note's text
+    const char *received; // the notes and handshakes the peer ran, before the closing handshake
     qsizetype queued;     // left in the queue at the end
     bool allowWriting;
     bool queuing;
@@ -383,7 +378,7 @@ TEST_P(VDConnectionGate, WritesHoldsOrDropsEachCall)
     ASSERT_TRUE(link.connect(false));
     VDConnection *c = link.client();
     VDConnectionRemoteProxy *remote = c->proxyForRemoteObject();
-    for (const QString &step : row.steps) {
+    for (const QString &step : QString::fromLatin1(row.steps).split(u' ', Qt::SkipEmptyParts)) {
         if (step == u"start")
             c->startQueueing();
         else if (step == u"stop")
@@ -405,7 +400,7 @@ TEST_P(VDConnectionGate, WritesHoldsOrDropsEachCall)
     remote->perform("handshakeFromAgent:", {u"end"_s});
     ASSERT_TRUE(waitForCall(link.serverRoot(), u"handshakeFromAgent: s\"end\""_s));
     QStringList expected;
-    for (const QString &r : row.received)
+    for (const QString &r : QString::fromLatin1(row.received).split(u' ', Qt::SkipEmptyParts))
         expected.append(r == u"registerClient" ? r : QStringLiteral("note: s\"%1\"").arg(r));
     expected.append(u"handshakeFromAgent: s\"end\""_s);
     EXPECT_EQ(link.serverRoot()->trace(), expected);
@@ -413,53 +408,21 @@ TEST_P(VDConnectionGate, WritesHoldsOrDropsEachCall)
 
 INSTANTIATE_TEST_SUITE_P(
     Rows, VDConnectionGate,
-    testing::Values(
-        GateRow{"fresh_connection_drops_calls", {u"a"_s, u"b"_s}, {}, 0, false, false},
-        GateRow{"registerClient_passes_the_closed_gate",
-                {u"a"_s, u"registerClient"_s},
-                {u"registerClient"_s},
-                0,
-                false,
-                false},
-        GateRow{"queued_calls_arrive_in_order",
-                {u"start"_s, u"a"_s, u"b"_s, u"c"_s, u"stop"_s},
-                {u"a"_s, u"b"_s, u"c"_s},
-                0,
-                true,
-                false},
-        GateRow{"handshake_overtakes_the_queue",
-                {u"start"_s, u"a"_s, u"registerClient"_s, u"stop"_s},
-                {u"registerClient"_s, u"a"_s},
-                0,
-                true,
-                false},
-        GateRow{"started_twice_stopped_twice_flushes_once",
-                {u"start"_s, u"a"_s, u"start"_s, u"b"_s, u"stop"_s, u"stop"_s},
-                {u"a"_s, u"b"_s},
-                0,
-                true,
-                false},
-        GateRow{"stop_without_start_leaves_the_gate_closed", {u"stop"_s, u"a"_s}, {}, 0, false, false},
-        GateRow{"open_gate_writes", {u"open"_s, u"a"_s}, {u"a"_s}, 0, true, false},
-        GateRow{"closing_the_gate_drops_again",
-                {u"open"_s, u"a"_s, u"close"_s, u"b"_s},
-                {u"a"_s},
-                0,
-                false,
-                false},
-        GateRow{"start_closes_an_open_gate", {u"open"_s, u"start"_s, u"a"_s}, {}, 1, false, true},
-        GateRow{"opening_while_queuing_lets_later_calls_overtake",
-                {u"start"_s, u"a"_s, u"open"_s, u"b"_s, u"stop"_s},
-                {u"b"_s, u"a"_s},
-                0,
-                true,
-                false},
-        GateRow{"queue_after_stop_starts_empty",
-                {u"start"_s, u"a"_s, u"stop"_s, u"start"_s, u"b"_s},
-                {u"a"_s},
-                1,
-                false,
-                true}),
+    testing::Values(GateRow{"fresh_connection_drops_calls", "a b", "", 0, false, false},
+                    GateRow{"registerClient_passes_the_closed_gate", "a registerClient", "registerClient", 0,
+                            false, false},
+                    GateRow{"queued_calls_arrive_in_order", "start a b c stop", "a b c", 0, true, false},
+                    GateRow{"handshake_overtakes_the_queue", "start a registerClient stop",
+                            "registerClient a", 0, true, false},
+                    GateRow{"started_twice_stopped_twice_flushes_once", "start a start b stop stop", "a b", 0,
+                            true, false},
+                    GateRow{"stop_without_start_leaves_the_gate_closed", "stop a", "", 0, false, false},
+                    GateRow{"open_gate_writes", "open a", "a", 0, true, false},
+                    GateRow{"closing_the_gate_drops_again", "open a close b", "a", 0, false, false},
+                    GateRow{"start_closes_an_open_gate", "open start a", "", 1, false, true},
+                    GateRow{"opening_while_queuing_lets_later_calls_overtake", "start a open b stop", "b a",
+                            0, true, false},
+                    GateRow{"queue_after_stop_starts_empty", "start a stop start b", "a", 1, false, true}),
     [](const testing::TestParamInfo<GateRow> &info) { return std::string(info.param.name); });
 
 TEST(VDConnectionGateBytes, RegisterClientOnAFreshConnectionWritesExactlyOneMessage)
@@ -615,20 +578,6 @@ TEST(VDConnectionHandlers, AHandlerStaysWhenItsCallCannotBeEncoded)
 }
 
 // ---- incoming messages ----
-
-TEST(VDConnectionReceive, ScalarArgumentsArriveWithTheirKinds)
-{
-    Link link;
-    ASSERT_TRUE(link.connect());
-    link.client()->proxyForRemoteObject()->perform(
-        "short:int:long:bool:uint:ulong:",
-        {-32768, qint64(std::numeric_limits<qint32>::min()), qint64(-1), 2,
-         quint64(std::numeric_limits<quint32>::max()), std::numeric_limits<quint64>::max()});
-    ASSERT_TRUE(waitUntil([&] { return !link.serverRoot()->calls.isEmpty(); }));
-    EXPECT_EQ(link.serverRoot()->trace(),
-              QStringList{u"short:int:long:bool:uint:ulong: i:-32768 i:-2147483648 i:-1 b:1 i:4294967295 "
-                          u"i:18446744073709551615"_s});
-}
 
 struct FaultRow
 {
