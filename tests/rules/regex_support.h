@@ -59,10 +59,4 @@ inline std::string rangesOf(const QList<zt::Ref<KORegexMatch>> &matches)
     return out;
 }
 
-//! A gtest-safe name for a table row.
-inline std::string rowName(const char *name)
-{
-    return name;
-}
-
 } // namespace regextest

@@ -25,160 +25,101 @@ QString color(const QString &foreground, const QString &background = {})
     return piece + u";display:inline\">"_s;
 }
 
-struct ParseRow
+// Control codes in caret notation: "^B" is U+0002, "^C" U+0003 and so on.
+QString caret(const QString &text)
 {
-    const char *name;
-    QString input;
-    QString html;
-    QString plain;
-};
-
-class ColorCodes : public testing::TestWithParam<ParseRow>
-{
-};
-
-TEST_P(ColorCodes, ConvertsToHtmlAndPlainText)
-{
-    const ParseRow &row = GetParam();
-    EXPECT_EQ(irc::coloredString(row.input), row.html);
-    EXPECT_EQ(irc::strippedString(row.input), row.plain);
-    // The view overloads take the same path without the shared fast return.
-    EXPECT_EQ(irc::parseColorCodes(QStringView(row.input), true), row.html);
-    EXPECT_EQ(irc::parseColorCodes(QStringView(row.input), false), row.plain);
+    QString out;
+    for (qsizetype i = 0; i < text.size(); ++i)
+        out += text[i] == u'^' && i + 1 < text.size() ? QChar(text[++i].unicode() - 0x40) : text[i];
+    return out;
 }
 
-const ParseRow parseRows[] = {
-    // Toggles.
-    {"bold_then_plain",
-     u"\x02"
-     "bold\x02 plain"_s,
-     Bold + u"bold"_s + End + u" plain"_s, u"bold plain"_s},
-    {"italic_is_0x1A",
-     u"\x1A"
-     "i\x1A"_s,
-     Italic + u"i"_s + End, u"i"_s},
-    {"0x1D_is_text",
-     u"\x1D"
-     "i"_s,
-     u"\x1D"
-     "i"_s,
-     u"\x1D"
-     "i"_s},
-    {"underline", u"\x1Fu\x1F"_s, Underline + u"u"_s + End, u"u"_s},
-    {"reverse_white_on_black",
-     u"a\x16"
-     "b"_s,
-     u"a"_s + Reverse + u"b"_s + End, u"ab"_s},
-    {"unclosed_styles_closed_at_end",
-     u"\x02\x1F"
-     "a"_s,
-     Bold + Underline + u"a"_s + End + End, u"a"_s},
-    {"closing_is_not_nested",
-     u"\x02"
-     "a\x03"
-     "4b\x02"
-     "c\x03"_s,
-     Bold + u"a"_s + color(u"red"_s) + u"b"_s + End + u"c"_s + End, u"abc"_s},
-    {"bold_toggles_three_times",
-     u"\x02\x02\x02"
-     "x"_s,
-     Bold + End + Bold + u"x"_s + End, u"x"_s},
-    // Colours.
-    {"foreground_and_background",
-     u"\x03"
-     "12,4x\x03"_s,
-     color(u"blue"_s, u"red"_s) + u"x"_s + End, u"x"_s},
-    {"one_digit",
-     u"\x03"
-     "4red"_s,
-     color(u"red"_s) + u"red"_s + End, u"red"_s},
-    {"two_digits",
-     u"\x03"
-     "04red"_s,
-     color(u"red"_s) + u"red"_s + End, u"red"_s},
-    {"third_digit_is_text",
-     u"\x03"
-     "123"_s,
-     color(u"blue"_s) + u"3"_s + End, u"3"_s},
-    {"wrapping_number",
-     u"\x03"
-     "99,16x"_s,
-     color(u"green"_s, u"white"_s) + u"x"_s + End, u"x"_s},
-    {"three_digit_background",
-     u"\x03"
-     "1,234"_s,
-     color(u"black"_s, u"orange"_s) + u"4"_s + End, u"4"_s},
-    {"bare_code_shows_no_span", u"\x03x"_s, u"x"_s, u"x"_s},
-    {"bare_code_ends_colour",
-     u"\x03"
-     "3a\x03"
-     "b"_s,
-     color(u"green"_s) + u"a"_s + End + u"b"_s, u"ab"_s},
-    {"new_colour_ends_old",
-     u"\x03"
-     "3a\x03"
-     "5b"_s,
-     color(u"green"_s) + u"a"_s + End + color(u"brown"_s) + u"b"_s + End, u"ab"_s},
-    {"comma_consumed_without_background",
-     u"\x03"
-     "4,x"_s,
-     color(u"red"_s) + u"x"_s + End, u"x"_s},
-    {"comma_after_bare_code_is_text", u"\x03,5"_s, u",5"_s, u",5"_s},
-    {"second_comma_is_text",
-     u"\x03"
-     "4,,5"_s,
-     color(u"red"_s) + u",5"_s + End, u",5"_s},
-    {"digits_end_text",
-     u"a\x03"
-     "4"_s,
-     u"a"_s + color(u"red"_s) + End, u"a"_s},
-    {"two_digits_end_text",
-     u"a\x03"
-     "14"_s,
-     u"a"_s + color(u"gray"_s) + End, u"a"_s},
-    {"comma_ends_text",
-     u"\x03"
-     "4,"_s,
-     color(u"red"_s) + End, u""_s},
-    {"background_ends_text",
-     u"\x03"
-     "4,15"_s,
-     color(u"red"_s, u"silver"_s) + End, u""_s},
-    {"colour_code_ends_text", u"x\x03"_s, u"x"_s, u"x"_s},
-    {"low_byte_digits", u"\x03\u0131\u0135,\u0130x"_s, color(u"silver"_s, u"white"_s) + u"x"_s + End, u"x"_s},
-    {"fullwidth_digit_is_text", u"\x03\uFF14x"_s, u"\uFF14x"_s, u"\uFF14x"_s},
-    // Reset.
-    {"reset_closes_every_style",
-     u"\x02\x03"
-     "4,5\x16\x1F\x1Ahi\x0Fz"_s,
-     Bold + color(u"red"_s, u"brown"_s) + Reverse + Underline + Italic + u"hi"_s + End + End + End + End +
-         End + u"z"_s,
-     u"hiz"_s},
-    {"reset_with_nothing_open",
-     u"a\x0F"
-     "b"_s,
-     u"a"_s + u"b"_s, u"ab"_s},
-    {"stripped_reset_after_colour",
-     u"\x03"
-     "4,5hi\x0F"_s,
-     color(u"red"_s, u"brown"_s) + u"hi"_s + End, u"hi"_s},
-    // Text passes through as it is.
-    {"no_escaping", u"<b>&</b>"_s, u"<b>&</b>"_s, u"<b>&</b>"_s},
-    {"other_controls_kept",
-     u"a\tb\x01"
-     "c\x1B"_s,
-     u"a\tb\x01"
-     "c\x1B"_s,
-     u"a\tb\x01"
-     "c\x1B"_s},
-    {"surrogate_pair_kept", u"\x02\U0001F600"_s, Bold + u"\U0001F600"_s + End, u"\U0001F600"_s},
-    {"empty", u""_s, u""_s, u""_s},
-};
+// Expands "{b}", "{i}", "{u}", "{r}", "{/}", "{red}" and "{blue,red}" into
+// the HTML pieces.
+QString html(const QString &text)
+{
+    QString out;
+    qsizetype at = 0;
+    for (qsizetype open; (open = text.indexOf(u'{', at)) >= 0; at = text.indexOf(u'}', open) + 1) {
+        out += text.mid(at, open - at);
+        const QString token = text.mid(open + 1, text.indexOf(u'}', open) - open - 1);
+        if (token == u"b")
+            out += Bold;
+        else if (token == u"i")
+            out += Italic;
+        else if (token == u"u")
+            out += Underline;
+        else if (token == u"r")
+            out += Reverse;
+        else if (token == u"/")
+            out += End;
+        else
+            out += color(token.section(u',', 0, 0), token.section(u',', 1));
+    }
+    return out + text.mid(at);
+}
 
-INSTANTIATE_TEST_SUITE_P(Walk, ColorCodes, testing::ValuesIn(parseRows),
-                         [](const testing::TestParamInfo<ParseRow> &info) {
-                             return std::string(info.param.name);
-                         });
+TEST(ColorCodes, ConvertsToHtmlAndPlainText)
+{
+    const struct
+    {
+        const char *name;
+        QString input;
+        QString html;
+        QString plain;
+    } rows[] = {
+        // Toggles.
+        {"bold then plain", u"^Bbold^B plain"_s, u"{b}bold{/} plain"_s, u"bold plain"_s},
+        {"italic is 0x1A", u"^Zi^Z"_s, u"{i}i{/}"_s, u"i"_s},
+        {"0x1D is text", u"^]i"_s, u"^]i"_s, u"^]i"_s},
+        {"underline", u"^_u^_"_s, u"{u}u{/}"_s, u"u"_s},
+        {"reverse is white on black", u"a^Vb"_s, u"a{r}b{/}"_s, u"ab"_s},
+        {"unclosed styles closed at end", u"^B^_a"_s, u"{b}{u}a{/}{/}"_s, u"a"_s},
+        {"closing is not nested", u"^Ba^C4b^Bc^C"_s, u"{b}a{red}b{/}c{/}"_s, u"abc"_s},
+        {"bold toggles three times", u"^B^B^Bx"_s, u"{b}{/}{b}x{/}"_s, u"x"_s},
+        // Colours.
+        {"foreground and background", u"^C12,4x^C"_s, u"{blue,red}x{/}"_s, u"x"_s},
+        {"one digit", u"^C4red"_s, u"{red}red{/}"_s, u"red"_s},
+        {"two digits", u"^C04red"_s, u"{red}red{/}"_s, u"red"_s},
+        {"third digit is text", u"^C123"_s, u"{blue}3{/}"_s, u"3"_s},
+        {"wrapping number", u"^C99,16x"_s, u"{green,white}x{/}"_s, u"x"_s},
+        {"three digit background", u"^C1,234"_s, u"{black,orange}4{/}"_s, u"4"_s},
+        {"bare code shows no span", u"^Cx"_s, u"x"_s, u"x"_s},
+        {"bare code ends colour", u"^C3a^Cb"_s, u"{green}a{/}b"_s, u"ab"_s},
+        {"new colour ends old", u"^C3a^C5b"_s, u"{green}a{/}{brown}b{/}"_s, u"ab"_s},
+        {"comma consumed without background", u"^C4,x"_s, u"{red}x{/}"_s, u"x"_s},
+        {"comma after bare code is text", u"^C,5"_s, u",5"_s, u",5"_s},
+        {"second comma is text", u"^C4,,5"_s, u"{red},5{/}"_s, u",5"_s},
+        {"digits end text", u"a^C4"_s, u"a{red}{/}"_s, u"a"_s},
+        {"two digits end text", u"a^C14"_s, u"a{gray}{/}"_s, u"a"_s},
+        {"comma ends text", u"^C4,"_s, u"{red}{/}"_s, u""_s},
+        {"background ends text", u"^C4,15"_s, u"{red,silver}{/}"_s, u""_s},
+        {"colour code ends text", u"x^C"_s, u"x"_s, u"x"_s},
+        {"low byte digits", u"^C\u0131\u0135,\u0130x"_s, u"{silver,white}x{/}"_s, u"x"_s},
+        {"fullwidth digit is text", u"^C\uFF14x"_s, u"\uFF14x"_s, u"\uFF14x"_s},
+        // Reset.
+        {"reset closes every style", u"^B^C4,5^V^_^Zhi^Oz"_s, u"{b}{red,brown}{r}{u}{i}hi{/}{/}{/}{/}{/}z"_s,
+         u"hiz"_s},
+        {"reset with nothing open", u"a^Ob"_s, u"ab"_s, u"ab"_s},
+        {"stripped reset after colour", u"^C4,5hi^O"_s, u"{red,brown}hi{/}"_s, u"hi"_s},
+        // Text passes through as it is.
+        {"no escaping", u"<b>&</b>"_s, u"<b>&</b>"_s, u"<b>&</b>"_s},
+        {"other controls kept", u"a\tb^Ac^["_s, u"a\tb^Ac^["_s, u"a\tb^Ac^["_s},
+        {"surrogate pair kept", u"^B\U0001F600"_s, u"{b}\U0001F600{/}"_s, u"\U0001F600"_s},
+        {"empty", u""_s, u""_s, u""_s},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        const QString input = caret(row.input);
+        const QString expectedHtml = html(caret(row.html));
+        const QString expectedPlain = caret(row.plain);
+        EXPECT_EQ(irc::coloredString(input), expectedHtml);
+        EXPECT_EQ(irc::strippedString(input), expectedPlain);
+        // The view overloads take the same path without the shared fast return.
+        EXPECT_EQ(irc::parseColorCodes(QStringView(input), true), expectedHtml);
+        EXPECT_EQ(irc::parseColorCodes(QStringView(input), false), expectedPlain);
+    }
+}
 
 TEST(ColorCodesFastPath, TextWithoutCodesIsShared)
 {

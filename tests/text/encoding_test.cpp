@@ -40,51 +40,40 @@ std::string textOf(const QString &text)
 
 // ---- decoding: preferred, then UTF-8, ISO 8859-1, ISO 8859-15 ----
 
-struct DecodeRow
+TEST(BestGuessString, Decodes)
 {
-    const char *name;
-    const char *bytes; // hex
-    StringEncoding preferred;
-    const char *expected; // UTF-8
-};
-
-void PrintTo(const DecodeRow &row, std::ostream *os)
-{
-    *os << row.name;
+    const struct
+    {
+        const char *name;
+        const char *bytes; // hex
+        StringEncoding preferred;
+        const char *expected; // UTF-8
+    } rows[] = {
+        {"Utf8AfterAsciiFails", "c3a9", ASCIIStringEncoding, "é"},
+        {"Latin1AfterUtf8Fails", "e9", ASCIIStringEncoding, "é"},
+        {"PreferredBeforeUtf8", "c3a9", ISOLatin1StringEncoding, "Ã©"},
+        {"PreferredWindows1252", "80e9", WindowsCP1252StringEncoding, "€é"},
+        {"PreferredKoi8r", "f0d2c9d7c5d4", KOI8RStringEncoding, "Привет"},
+        {"InvalidForPreferredFallsToUtf8", "e282ac", EUCKRStringEncoding, "€"},
+        {"PreferredShiftJis", "82a082a2", ShiftJISStringEncoding, "あい"},
+        {"Latin1NeverLatin9", "a4", UTF8StringEncoding, "¤"},
+        {"PreferredLatin9", "a4", ISOLatin9StringEncoding, "€"},
+        {"MixedLineIsLatin1", "e974e920e282ac", UTF8StringEncoding, "été â\u0082¬"},
+        {"UnknownPreferredSkipped", "c3a9", 0, "é"},
+        {"UnavailablePreferredSkipped", "c3a9", 2, "é"},
+        {"EmptyBytes", "", KOI8RStringEncoding, ""},
+        {"PreferredUnicodeWithMark", "fffe6100e900", UnicodeStringEncoding, "aé"},
+        {"OddLengthUtf16FallsBack", "616263", UTF16LittleEndianStringEncoding, "abc"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        zttest::LogCapture log;
+        const QString text = bestGuessString(hex(row.bytes), row.preferred);
+        EXPECT_EQ(textOf(text), row.expected);
+        EXPECT_FALSE(text.isNull());
+        EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join(u'\n').toStdString();
+    }
 }
-
-class BestGuessString : public ::testing::TestWithParam<DecodeRow>
-{
-};
-
-TEST_P(BestGuessString, Decodes)
-{
-    const DecodeRow &row = GetParam();
-    zttest::LogCapture log;
-    const QString text = bestGuessString(hex(row.bytes), row.preferred);
-    EXPECT_EQ(textOf(text), row.expected);
-    EXPECT_FALSE(text.isNull());
-    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join(u'\n').toStdString();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, BestGuessString,
-    ::testing::Values(DecodeRow{"Utf8AfterAsciiFails", "c3a9", ASCIIStringEncoding, "é"},
-                      DecodeRow{"Latin1AfterUtf8Fails", "e9", ASCIIStringEncoding, "é"},
-                      DecodeRow{"PreferredBeforeUtf8", "c3a9", ISOLatin1StringEncoding, "Ã©"},
-                      DecodeRow{"PreferredWindows1252", "80e9", WindowsCP1252StringEncoding, "€é"},
-                      DecodeRow{"PreferredKoi8r", "f0d2c9d7c5d4", KOI8RStringEncoding, "Привет"},
-                      DecodeRow{"InvalidForPreferredFallsToUtf8", "e282ac", EUCKRStringEncoding, "€"},
-                      DecodeRow{"PreferredShiftJis", "82a082a2", ShiftJISStringEncoding, "あい"},
-                      DecodeRow{"Latin1NeverLatin9", "a4", UTF8StringEncoding, "¤"},
-                      DecodeRow{"PreferredLatin9", "a4", ISOLatin9StringEncoding, "€"},
-                      DecodeRow{"MixedLineIsLatin1", "e974e920e282ac", UTF8StringEncoding, "été â\u0082¬"},
-                      DecodeRow{"UnknownPreferredSkipped", "c3a9", 0, "é"},
-                      DecodeRow{"UnavailablePreferredSkipped", "c3a9", 2, "é"},
-                      DecodeRow{"EmptyBytes", "", KOI8RStringEncoding, ""},
-                      DecodeRow{"PreferredUnicodeWithMark", "fffe6100e900", UnicodeStringEncoding, "aé"},
-                      DecodeRow{"OddLengthUtf16FallsBack", "616263", UTF16LittleEndianStringEncoding, "abc"}),
-    [](const ::testing::TestParamInfo<DecodeRow> &info) { return std::string(info.param.name); });
 
 TEST(BestGuessStringNul, KeepsNulCharacters)
 {
@@ -95,48 +84,37 @@ TEST(BestGuessStringNul, KeepsNulCharacters)
 
 // ---- encoding: preferred, then ISO 8859-15, ISO 8859-1, UTF-8 ----
 
-struct EncodeRow
+TEST(BestGuessData, Encodes)
 {
-    const char *name;
-    const char *text; // UTF-8
-    StringEncoding preferred;
-    const char *expected; // hex
-};
-
-void PrintTo(const EncodeRow &row, std::ostream *os)
-{
-    *os << row.name;
+    const struct
+    {
+        const char *name;
+        const char *text; // UTF-8
+        StringEncoding preferred;
+        const char *expected; // hex
+    } rows[] = {
+        {"Latin9BeforeUtf8", "é", ASCIIStringEncoding, "e9"},
+        {"EuroThroughLatin9", "€", ASCIIStringEncoding, "a4"},
+        {"HalfNeedsLatin1", "½", ASCIIStringEncoding, "bd"},
+        {"OeThroughLatin9", "œ", ASCIIStringEncoding, "bd"},
+        {"NeitherLatinThenUtf8", "€½", ASCIIStringEncoding, "e282acc2bd"},
+        {"NonLatinThenUtf8", "日本", ASCIIStringEncoding, "e697a5e69cac"},
+        {"PreferredUtf8", "é", UTF8StringEncoding, "c3a9"},
+        {"PreferredShiftJis", "日本", ShiftJISStringEncoding, "93fa967b"},
+        {"PreferredKoi8rCannotThenLatin9", "é", KOI8RStringEncoding, "e9"},
+        {"PreferredUtf16BE", "ab", UTF16BigEndianStringEncoding, "00610062"},
+        {"UnknownPreferredSkipped", "é", 0, "e9"},
+        {"AsciiText", "abc", ASCIIStringEncoding, "616263"},
+        {"EmptyText", "", UTF8StringEncoding, ""},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        zttest::LogCapture log;
+        const QByteArray bytes = bestGuessData(qs(row.text), row.preferred);
+        EXPECT_EQ(hexOf(bytes), row.expected);
+        EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join(u'\n').toStdString();
+    }
 }
-
-class BestGuessData : public ::testing::TestWithParam<EncodeRow>
-{
-};
-
-TEST_P(BestGuessData, Encodes)
-{
-    const EncodeRow &row = GetParam();
-    zttest::LogCapture log;
-    const QByteArray bytes = bestGuessData(qs(row.text), row.preferred);
-    EXPECT_EQ(hexOf(bytes), row.expected);
-    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join(u'\n').toStdString();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, BestGuessData,
-    ::testing::Values(EncodeRow{"Latin9BeforeUtf8", "é", ASCIIStringEncoding, "e9"},
-                      EncodeRow{"EuroThroughLatin9", "€", ASCIIStringEncoding, "a4"},
-                      EncodeRow{"HalfNeedsLatin1", "½", ASCIIStringEncoding, "bd"},
-                      EncodeRow{"OeThroughLatin9", "œ", ASCIIStringEncoding, "bd"},
-                      EncodeRow{"NeitherLatinThenUtf8", "€½", ASCIIStringEncoding, "e282acc2bd"},
-                      EncodeRow{"NonLatinThenUtf8", "日本", ASCIIStringEncoding, "e697a5e69cac"},
-                      EncodeRow{"PreferredUtf8", "é", UTF8StringEncoding, "c3a9"},
-                      EncodeRow{"PreferredShiftJis", "日本", ShiftJISStringEncoding, "93fa967b"},
-                      EncodeRow{"PreferredKoi8rCannotThenLatin9", "é", KOI8RStringEncoding, "e9"},
-                      EncodeRow{"PreferredUtf16BE", "ab", UTF16BigEndianStringEncoding, "00610062"},
-                      EncodeRow{"UnknownPreferredSkipped", "é", 0, "e9"},
-                      EncodeRow{"AsciiText", "abc", ASCIIStringEncoding, "616263"},
-                      EncodeRow{"EmptyText", "", UTF8StringEncoding, ""}),
-    [](const ::testing::TestParamInfo<EncodeRow> &info) { return std::string(info.param.name); });
 
 TEST(BestGuessDataEmpty, IsAnEmptyBuffer)
 {
@@ -156,109 +134,86 @@ TEST(BestGuessDataFailure, UnpairedSurrogateIsLogged)
 
 // ---- strict conversions of the Unicode forms ----
 
-struct StrictRow
+TEST(StrictDecoding, Decodes)
 {
-    const char *name;
-    StringEncoding encoding;
-    const char *bytes;    // hex
-    const char *expected; // UTF-8 text, or "(null)"
-};
-
-void PrintTo(const StrictRow &row, std::ostream *os)
-{
-    *os << row.name;
-}
-
-class StrictDecoding : public ::testing::TestWithParam<StrictRow>
-{
-};
-
-TEST_P(StrictDecoding, Decodes)
-{
-    const StrictRow &row = GetParam();
-    EXPECT_EQ(textOf(stringWithData(hex(row.bytes), row.encoding)), row.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, StrictDecoding,
-    ::testing::Values(StrictRow{"AsciiRejectsHighBytes", ASCIIStringEncoding, "61e9", "(null)"},
-                      StrictRow{"AsciiControlCharacters", ASCIIStringEncoding, "09410a", "\tA\n"},
-                      StrictRow{"Latin1TakesEveryByte", ISOLatin1StringEncoding, "80ff", "\u0080ÿ"},
-                      StrictRow{"Utf8Overlong", UTF8StringEncoding, "c080", "(null)"},
-                      StrictRow{"Utf8EncodedSurrogate", UTF8StringEncoding, "eda080", "(null)"},
-                      StrictRow{"Utf8BeyondUnicode", UTF8StringEncoding, "f4908080", "(null)"},
-                      StrictRow{"Utf8Truncated", UTF8StringEncoding, "61e282", "(null)"},
-                      StrictRow{"Utf8LoneContinuation", UTF8StringEncoding, "6180", "(null)"},
-                      StrictRow{"Utf8InvalidByte", UTF8StringEncoding, "fe", "(null)"},
-                      StrictRow{"Utf8MarkKept", UTF8StringEncoding, "efbbbf61", "\uFEFFa"},
-                      StrictRow{"Utf8Astral", UTF8StringEncoding, "f09f9880", "😀"},
-                      StrictRow{"UnicodeBigEndianMark", UnicodeStringEncoding, "feff0061", "a"},
-                      StrictRow{"UnicodeLittleEndianMark", UnicodeStringEncoding, "fffe6100", "a"},
-                      StrictRow{"UnicodeWithoutMarkIsBigEndian", UnicodeStringEncoding, "00610062", "ab"},
-                      StrictRow{"UnicodeMarkOnly", UnicodeStringEncoding, "fffe", ""},
-                      StrictRow{"UnicodeOddLength", UnicodeStringEncoding, "feff00", "(null)"},
-                      StrictRow{"Utf16LoneHighSurrogate", UTF16BigEndianStringEncoding, "d8000061", "(null)"},
-                      StrictRow{"Utf16LoneLowSurrogate", UTF16LittleEndianStringEncoding, "00dc", "(null)"},
-                      StrictRow{"Utf16Pair", UTF16BigEndianStringEncoding, "d83dde00", "😀"},
-                      StrictRow{"Utf16LEKeepsMark", UTF16LittleEndianStringEncoding, "fffe6100", "\uFEFFa"},
-                      StrictRow{"Utf32Marked", UTF32StringEncoding, "0000feff00000061", "a"},
-                      StrictRow{"Utf32LittleMarked", UTF32StringEncoding, "fffe000061000000", "a"},
-                      StrictRow{"Utf32Astral", UTF32BigEndianStringEncoding, "0001f600", "😀"},
-                      StrictRow{"Utf32BeyondUnicode", UTF32BigEndianStringEncoding, "00110000", "(null)"},
-                      StrictRow{"Utf32Surrogate", UTF32LittleEndianStringEncoding, "00d80000", "(null)"},
-                      StrictRow{"Utf32Misaligned", UTF32LittleEndianStringEncoding, "610000", "(null)"},
-                      StrictRow{"UnknownEncoding", 0x7777, "61", "(null)"}),
-    [](const ::testing::TestParamInfo<StrictRow> &info) { return std::string(info.param.name); });
-
-struct EncodeStrictRow
-{
-    const char *name;
-    StringEncoding encoding;
-    QString text;
-    const char *expected; // hex, or "(null)"
-};
-
-void PrintTo(const EncodeStrictRow &row, std::ostream *os)
-{
-    *os << row.name;
-}
-
-class StrictEncoding : public ::testing::TestWithParam<EncodeStrictRow>
-{
-};
-
-TEST_P(StrictEncoding, Encodes)
-{
-    const EncodeStrictRow &row = GetParam();
-    EXPECT_EQ(hexOf(dataUsingEncoding(row.text, row.encoding)), row.expected);
+    const struct
+    {
+        const char *name;
+        StringEncoding encoding;
+        const char *bytes;    // hex
+        const char *expected; // UTF-8 text, or "(null)"
+    } rows[] = {
+        {"AsciiRejectsHighBytes", ASCIIStringEncoding, "61e9", "(null)"},
+        {"AsciiControlCharacters", ASCIIStringEncoding, "09410a", "\tA\n"},
+        {"Latin1TakesEveryByte", ISOLatin1StringEncoding, "80ff", "\u0080ÿ"},
+        {"Utf8Overlong", UTF8StringEncoding, "c080", "(null)"},
+        {"Utf8EncodedSurrogate", UTF8StringEncoding, "eda080", "(null)"},
+        {"Utf8BeyondUnicode", UTF8StringEncoding, "f4908080", "(null)"},
+        {"Utf8Truncated", UTF8StringEncoding, "61e282", "(null)"},
+        {"Utf8LoneContinuation", UTF8StringEncoding, "6180", "(null)"},
+        {"Utf8InvalidByte", UTF8StringEncoding, "fe", "(null)"},
+        {"Utf8MarkKept", UTF8StringEncoding, "efbbbf61", "\uFEFFa"},
+        {"Utf8Astral", UTF8StringEncoding, "f09f9880", "😀"},
+        {"UnicodeBigEndianMark", UnicodeStringEncoding, "feff0061", "a"},
+        {"UnicodeLittleEndianMark", UnicodeStringEncoding, "fffe6100", "a"},
+        {"UnicodeWithoutMarkIsBigEndian", UnicodeStringEncoding, "00610062", "ab"},
+        {"UnicodeMarkOnly", UnicodeStringEncoding, "fffe", ""},
+        {"UnicodeOddLength", UnicodeStringEncoding, "feff00", "(null)"},
+        {"Utf16LoneHighSurrogate", UTF16BigEndianStringEncoding, "d8000061", "(null)"},
+        {"Utf16LoneLowSurrogate", UTF16LittleEndianStringEncoding, "00dc", "(null)"},
+        {"Utf16Pair", UTF16BigEndianStringEncoding, "d83dde00", "😀"},
+        {"Utf16LEKeepsMark", UTF16LittleEndianStringEncoding, "fffe6100", "\uFEFFa"},
+        {"Utf32Marked", UTF32StringEncoding, "0000feff00000061", "a"},
+        {"Utf32LittleMarked", UTF32StringEncoding, "fffe000061000000", "a"},
+        {"Utf32Astral", UTF32BigEndianStringEncoding, "0001f600", "😀"},
+        {"Utf32BeyondUnicode", UTF32BigEndianStringEncoding, "00110000", "(null)"},
+        {"Utf32Surrogate", UTF32LittleEndianStringEncoding, "00d80000", "(null)"},
+        {"Utf32Misaligned", UTF32LittleEndianStringEncoding, "610000", "(null)"},
+        {"UnknownEncoding", 0x7777, "61", "(null)"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(textOf(stringWithData(hex(row.bytes), row.encoding)), row.expected);
+    }
 }
 
 const QString loneSurrogate = QStringLiteral("a") + QChar(0xDC00);
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, StrictEncoding,
-    ::testing::Values(
-        EncodeStrictRow{"AsciiRefusesLatin", ASCIIStringEncoding, qs("aé"), "(null)"},
-        EncodeStrictRow{"Latin1RefusesEuro", ISOLatin1StringEncoding, qs("a€"), "(null)"},
-        EncodeStrictRow{"Latin1", ISOLatin1StringEncoding, qs("aéÿ"), "61e9ff"},
-        EncodeStrictRow{"Latin9Euro", ISOLatin9StringEncoding, qs("€"), "a4"},
-        EncodeStrictRow{"Latin9RefusesCurrencySign", ISOLatin9StringEncoding, qs("¤"), "(null)"},
-        EncodeStrictRow{"Utf8", UTF8StringEncoding, qs("aé😀"), "61c3a9f09f9880"},
-        EncodeStrictRow{"LoneSurrogateUtf8", UTF8StringEncoding, loneSurrogate, "(null)"},
-        EncodeStrictRow{"LoneSurrogateUtf16", UTF16BigEndianStringEncoding, loneSurrogate, "(null)"},
-        EncodeStrictRow{"LoneSurrogateUtf32", UTF32LittleEndianStringEncoding, loneSurrogate, "(null)"},
-        EncodeStrictRow{"LoneSurrogateCharset", KOI8RStringEncoding, loneSurrogate, "(null)"},
-        EncodeStrictRow{"UnicodeHostOrderWithMark", UnicodeStringEncoding, qs("a😀"), "fffe61003dd800de"},
-        EncodeStrictRow{"Utf16BE", UTF16BigEndianStringEncoding, qs("a😀"), "0061d83dde00"},
-        EncodeStrictRow{"Utf16LE", UTF16LittleEndianStringEncoding, qs("a😀"), "61003dd800de"},
-        EncodeStrictRow{"Utf32HostOrderWithMark", UTF32StringEncoding, qs("a😀"), "fffe00006100000000f60100"},
-        EncodeStrictRow{"Utf32BE", UTF32BigEndianStringEncoding, qs("a😀"), "000000610001f600"},
-        EncodeStrictRow{"ShiftJisRefusesHangul", ShiftJISStringEncoding, qs("한"), "(null)"},
-        EncodeStrictRow{"ShiftJisKeepsAsciiTildeAndBackslash", ShiftJISStringEncoding, qs("~\\"), "7e5c"},
-        EncodeStrictRow{"Iso2022JpEndsInAscii", ISO2022JPStringEncoding, qs("あい"), "1b2442242224241b2842"},
-        EncodeStrictRow{"Empty", KOI8RStringEncoding, qs(""), ""},
-        EncodeStrictRow{"UnknownEncoding", 0x7777, qs("a"), "(null)"}),
-    [](const ::testing::TestParamInfo<EncodeStrictRow> &info) { return std::string(info.param.name); });
+TEST(StrictEncoding, Encodes)
+{
+    const struct
+    {
+        const char *name;
+        StringEncoding encoding;
+        QString text;
+        const char *expected; // hex, or "(null)"
+    } rows[] = {
+        {"AsciiRefusesLatin", ASCIIStringEncoding, qs("aé"), "(null)"},
+        {"Latin1RefusesEuro", ISOLatin1StringEncoding, qs("a€"), "(null)"},
+        {"Latin1", ISOLatin1StringEncoding, qs("aéÿ"), "61e9ff"},
+        {"Latin9Euro", ISOLatin9StringEncoding, qs("€"), "a4"},
+        {"Latin9RefusesCurrencySign", ISOLatin9StringEncoding, qs("¤"), "(null)"},
+        {"Utf8", UTF8StringEncoding, qs("aé😀"), "61c3a9f09f9880"},
+        {"LoneSurrogateUtf8", UTF8StringEncoding, loneSurrogate, "(null)"},
+        {"LoneSurrogateUtf16", UTF16BigEndianStringEncoding, loneSurrogate, "(null)"},
+        {"LoneSurrogateUtf32", UTF32LittleEndianStringEncoding, loneSurrogate, "(null)"},
+        {"LoneSurrogateCharset", KOI8RStringEncoding, loneSurrogate, "(null)"},
+        {"UnicodeHostOrderWithMark", UnicodeStringEncoding, qs("a😀"), "fffe61003dd800de"},
+        {"Utf16BE", UTF16BigEndianStringEncoding, qs("a😀"), "0061d83dde00"},
+        {"Utf16LE", UTF16LittleEndianStringEncoding, qs("a😀"), "61003dd800de"},
+        {"Utf32HostOrderWithMark", UTF32StringEncoding, qs("a😀"), "fffe00006100000000f60100"},
+        {"Utf32BE", UTF32BigEndianStringEncoding, qs("a😀"), "000000610001f600"},
+        {"ShiftJisRefusesHangul", ShiftJISStringEncoding, qs("한"), "(null)"},
+        {"ShiftJisKeepsAsciiTildeAndBackslash", ShiftJISStringEncoding, qs("~\\"), "7e5c"},
+        {"Iso2022JpEndsInAscii", ISO2022JPStringEncoding, qs("あい"), "1b2442242224241b2842"},
+        {"Empty", KOI8RStringEncoding, qs(""), ""},
+        {"UnknownEncoding", 0x7777, qs("a"), "(null)"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(hexOf(dataUsingEncoding(row.text, row.encoding)), row.expected);
+    }
+}
 
 // ---- converters kept between calls ----
 
