@@ -2,6 +2,7 @@
 
 #include "core/ztabstractipc.h"
 #include "core/ztapplication.h"
+#include "runtime/dictionary.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
 #include "runtime/invocation.h"
@@ -93,11 +94,9 @@ bool ZTIPCProxy::canWireValue(const QVariant &value)
         return canWireValues(value.toList());
     case zt::ValueKind::Dictionary: {
         // Enumerating a dictionary yields its keys: only they are checked.
-        const QVariantMap map = value.toMap();
         QVariantList keys;
-        keys.reserve(map.size());
-        for (auto it = map.keyBegin(); it != map.keyEnd(); ++it)
-            keys.append(*it);
+        keys.reserve(zt::entryCount(value));
+        zt::forEachEntry(value, [&](const QString &key, const QVariant &) { keys.append(key); });
         return canWireValues(keys);
     }
     case zt::ValueKind::Nil:

@@ -1,5 +1,6 @@
 #include "runtime/keyedarchive.h"
 
+#include "runtime/dictionary.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
 #include "runtime/plist.h"
@@ -230,20 +231,14 @@ struct KeyedUnarchiver::State
     UnarchiveLimits limits;
     QHash<quint64, QVariant> decoded;
     QSet<quint64> inProgress;
-    std::vector<QVariantMap> stack;
+    std::vector<Dictionary> stack;
     int depth = 0;
 
     [[noreturn]] static void fault(const QString &what) { throw ArchiveFault{what}; }
 
-    const QVariantMap &entryMap(quint64 uid) const
-    {
-        static const QVariantMap empty;
-        const QVariant &v = objects[qsizetype(uid)];
-        return v.typeId() == QMetaType::QVariantMap ? *static_cast<const QVariantMap *>(v.constData())
-                                                    : empty;
-    }
+    Dictionary entryMap(quint64 uid) const { return dictionaryFrom(objects[qsizetype(uid)]); }
 
-    QString classNameOf(const QVariantMap &entry) const
+    QString classNameOf(const Dictionary &entry) const
     {
         const QVariant cls = entry.value(ClassKey);
         if (kindOf(cls) != ValueKind::Uid)
@@ -257,7 +252,7 @@ struct KeyedUnarchiver::State
         return name.toString();
     }
 
-    QList<quint64> uidList(const QVariantMap &entry, const QString &key) const
+    QList<quint64> uidList(const Dictionary &entry, const QString &key) const
     {
         const QVariant v = entry.value(key);
         if (kindOf(v) != ValueKind::Array)
@@ -310,7 +305,7 @@ struct KeyedUnarchiver::State
         default:
             fault(format(u"entry %lu is of no archivable kind", uid));
         }
-        const QVariantMap &entry = entryMap(uid);
+        const Dictionary entry = entryMap(uid);
         const QString cls = classNameOf(entry);
         if (cls == u"NSNull")
             return nullValue();
@@ -381,7 +376,7 @@ std::optional<QVariant> KeyedUnarchiver::unarchiveObjectWithData(const QByteArra
     const std::optional<QVariant> root = plist::readBinary(data, &plistError, plistLimits);
     if (!root)
         return fail(plistError.localizedDescription());
-    const QVariantMap archive = root->toMap();
+    const Dictionary archive = dictionaryFrom(*root);
     if (archive.value(QStringLiteral("$archiver")).toString() != ArchiverName)
         return fail(QStringLiteral("not a keyed archive"));
     const QVariant objects = archive.value(QStringLiteral("$objects"));
@@ -394,7 +389,7 @@ std::optional<QVariant> KeyedUnarchiver::unarchiveObjectWithData(const QByteArra
     coder.d->limits = limits;
     if (coder.d->objects.isEmpty())
         return fail(QStringLiteral("the object table is empty"));
-    coder.d->stack.push_back(top.toMap());
+    coder.d->stack.push_back(dictionaryFrom(top));
     try {
         return coder.decodeObjectForKey(QStringLiteral("root"));
     } catch (const ArchiveFault &f) {

@@ -1,5 +1,6 @@
 #include "runtime/kvc.h"
 
+#include "runtime/dictionary.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
 
@@ -113,7 +114,7 @@ QVariant valueForKey(const QVariant &receiver, const QString &key)
     case ValueKind::Object:
         return objectFrom(receiver)->valueForKey(key);
     case ValueKind::Dictionary:
-        return receiver.toMap().value(key);
+        return entryValue(receiver, key);
     case ValueKind::Array: {
         const QVariantList list = receiver.toList();
         if (key == u"@count")

@@ -1,4 +1,5 @@
 #include "runtime/plist.h"
+#include "runtime/dictionary.h"
 
 #include "runtime/plist_p.h"
 #include "runtime/value.h"
@@ -58,10 +59,13 @@ bool isPropertyListAt(const QVariant &value, int depth)
     case ValueKind::Dictionary:
         if (depth >= MaxWriteDepth)
             return false;
-        for (const QVariant &element : *static_cast<const QVariantMap *>(value.constData()))
-            if (!isPropertyListAt(element, depth + 1))
-                return false;
-        return true;
+        {
+            bool valid = true;
+            forEachEntry(value, [&](const QString &, const QVariant &element) {
+                valid = valid && isPropertyListAt(element, depth + 1);
+            });
+            return valid;
+        }
     case ValueKind::Nil:
     case ValueKind::Null:
     case ValueKind::IndexSet:

@@ -15,7 +15,8 @@
 //   date        QDateTime, read as UTC; stored as float64 seconds since
 //               2001-01-01T00:00:00Z, read to the nearest millisecond
 //   array       QVariantList (QStringList is written as an array too)
-//   dictionary  QVariantMap
+//   dictionary  zt::Dictionary when read (immutable, converts to QVariantMap);
+//               QVariantMap or zt::Dictionary when written
 //   UID         zt::Uid
 //   null        the null marker, read only: the writer refuses it
 //

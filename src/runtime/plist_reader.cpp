@@ -10,15 +10,25 @@
 //    while it is still being decoded is a cycle and fails;
 //  - depth and the size of the expanded result are bounded by ReadLimits.
 
+#include "runtime/dictionary_p.h"
 #include "runtime/plist.h"
 #include "runtime/plist_p.h"
 #include "runtime/value.h"
 
 #include "runtime/format.h"
 
+#include <QHash>
 #include <QVarLengthArray>
 #include <cstring>
-#include <map>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+#include <algorithm>
+#include <memory>
+#include <mutex>
+#include <numeric>
+#include <string_view>
+#include <vector>
 
 namespace zt::plist {
 
@@ -29,6 +39,19 @@ using namespace format;
 // The reader recurses once per container level.
 constexpr int HardDepthLimit = 4096;
 
+// Loads the first and last `n` bytes' worth of a short run into one word
+// without a byte loop: overlapping reads cover every length from 1 to 8.
+inline quint64 gatherShort(const uchar *p, qsizetype n)
+{
+    if (n >= 4) {
+        quint32 a, b;
+        std::memcpy(&a, p, 4);
+        std::memcpy(&b, p + n - 4, 4);
+        return (quint64(a) << 32) | b;
+    }
+    return n == 0 ? 0 : (quint64(p[0]) << 16) | (quint64(p[n / 2]) << 8) | p[n - 1];
+}
+
 bool isAscii(const uchar *p, quint64 n)
 {
     quint64 all = 0;
@@ -38,46 +61,124 @@ bool isAscii(const uchar *p, quint64 n)
         std::memcpy(&word, p + i, 8);
         all |= word;
     }
-    for (; i < n; ++i)
-        all |= p[i];
+    if (i < n)
+        all |= n >= 8 ? [&] {
+            quint64 word;
+            std::memcpy(&word, p + n - 8, 8);
+            return word;
+        }()
+                      : gatherShort(p + i, qsizetype(n - i));
     return !(all & 0x8080808080808080ULL);
 }
 
-// Dictionary keys repeat from one message to the next, so short ASCII keys
-// are kept in a small direct-mapped cache per thread and handed out as shared
-// copies instead of being allocated for every dictionary. An entry keeps the
-// key's bytes, so a hit costs a byte comparison and a reference count.
+// Widens `n` bytes into UTF-16 units; false when a byte is above 0x7f (the
+// units written are then meaningless).
+bool widenAscii(const uchar *p, qsizetype n, char16_t *units)
+{
+    qsizetype i = 0;
+#ifdef __SSE2__
+    const __m128i zero = _mm_setzero_si128();
+    __m128i all = zero;
+    for (; n - i >= 16; i += 16) {
+        const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(p + i));
+        all = _mm_or_si128(all, bytes);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(units + i), _mm_unpacklo_epi8(bytes, zero));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(units + i + 8), _mm_unpackhi_epi8(bytes, zero));
+    }
+    if (_mm_movemask_epi8(all))
+        return false;
+#endif
+    uchar high = 0;
+    for (; i < n; ++i) {
+        high |= p[i];
+        units[i] = p[i];
+    }
+    return !(high & 0x80);
+}
+
+// Dictionary keys come from a small vocabulary (property and field names), so
+// short ASCII keys are interned for the life of the process: an interned key
+// is a QString over immortal characters, which copies and destroys without
+// touching a reference count. The pool is bounded; keys met after it is full
+// are allocated as usual.
+class KeyPool
+{
+public:
+    static KeyPool &instance()
+    {
+        static KeyPool *pool = new KeyPool; // immortal: interned strings may outlive every static
+        return *pool;
+    }
+
+    QString intern(const char *chars, qsizetype n)
+    {
+        const QByteArray bytes(chars, n);
+        std::lock_guard lock(m_mutex);
+        if (const auto it = m_keys.constFind(bytes); it != m_keys.cend())
+            return it.value();
+        if (m_used + n > Capacity)
+            return QString::fromLatin1(chars, n);
+        if (m_blocks.empty() || BlockSize - m_blockUsed < n) {
+            m_blocks.push_back(std::make_unique<char16_t[]>(BlockSize));
+            m_blockUsed = 0;
+        }
+        char16_t *units = m_blocks.back().get() + m_blockUsed;
+        for (qsizetype i = 0; i < n; ++i)
+            units[i] = char16_t(uchar(chars[i]));
+        m_blockUsed += n;
+        m_used += n;
+        const QString key = QString::fromRawData(reinterpret_cast<const QChar *>(units), n);
+        m_keys.insert(bytes, key);
+        return key;
+    }
+
+private:
+    static constexpr qsizetype BlockSize = 16384;         // characters
+    static constexpr qsizetype Capacity = 64 * BlockSize; // 2 MiB in all
+
+    std::mutex m_mutex;
+    QHash<QByteArray, QString> m_keys;
+    std::vector<std::unique_ptr<char16_t[]>> m_blocks;
+    qsizetype m_blockUsed = 0;
+    qsizetype m_used = 0;
+};
+
+// In front of the pool, a small direct-mapped cache per thread: a hit costs a
+// byte comparison, no lock and no reference count.
 class KeyCache
 {
 public:
-    QString get(const uchar *p, qsizetype n)
+    static constexpr qsizetype MaxLength = 40;
+
+    //! The key for the `n` bytes at `p`, when they are cached.
+    const QString *find(const uchar *p, qsizetype n) const
     {
-        const char *chars = reinterpret_cast<const char *>(p);
-        if (n > MaxLength)
-            return QString::fromLatin1(chars, n);
+        const Entry &e = m_entries[slotFor(p, n)];
+        return e.length == n && std::memcmp(e.bytes, p, size_t(n)) == 0 ? &e.key : nullptr;
+    }
+
+    //! The key for `n` ASCII bytes at `p` (n at most MaxLength), now cached.
+    const QString &insert(const uchar *p, qsizetype n)
+    {
         Entry &e = m_entries[slotFor(p, n)];
-        if (e.length != n || std::memcmp(e.bytes, p, size_t(n)) != 0) {
-            e.key = QString::fromLatin1(chars, n);
-            std::memcpy(e.bytes, p, size_t(n));
-            e.length = n;
-        }
+        e.key = KeyPool::instance().intern(reinterpret_cast<const char *>(p), n);
+        std::memcpy(e.bytes, p, size_t(n));
+        e.length = n;
         return e.key;
     }
 
 private:
-    static constexpr qsizetype MaxLength = 40;
     static constexpr quint64 Size = 256;
 
     // Length and the first and last eight bytes pick the slot.
     static quint64 slotFor(const uchar *p, qsizetype n)
     {
-        quint64 head = 0, tail = 0;
+        quint64 head, tail = 0;
         if (n >= 8) {
             std::memcpy(&head, p, 8);
             std::memcpy(&tail, p + n - 8, 8);
         } else {
-            for (qsizetype i = 0; i < n; ++i)
-                head = (head << 8) | p[i];
+            head = gatherShort(p, n);
         }
         return detail::mix(head ^ (tail * 0x9e3779b97f4a7c15ULL) ^ quint64(n)) & (Size - 1);
     }
@@ -90,6 +191,30 @@ private:
     };
     Entry m_entries[Size];
 };
+
+// QString's order (UTF-16 code units), inline: keys are short and differ early.
+inline bool keyLess(const QString &a, const QString &b)
+{
+    const auto view = [](const QString &s) {
+        return std::u16string_view(reinterpret_cast<const char16_t *>(s.constData()), size_t(s.size()));
+    };
+    return view(a) < view(b);
+}
+
+// A value built by moving `v` in: QVariant's own constructors copy, which for
+// shared types costs an atomic increment and, when `v` dies, a decrement. The
+// empty value each variant starts from copies without touching a count.
+template<typename T> QVariant movedIntoVariant(T &&v)
+{
+    using U = std::remove_cvref_t<T>;
+    static_assert(QVariant::Private::CanUseInternalSpace<U>, "held in place, never shared");
+    static const QVariant empty = QVariant::fromValue(U());
+    QVariant out = empty;
+    // Not shared: the copy of an empty U is this variant's own.
+    using std::swap;
+    swap(*static_cast<U *>(const_cast<void *>(out.constData())), v);
+    return out;
+}
 
 KeyCache &threadKeyCache()
 {
@@ -312,7 +437,7 @@ bool Reader::key(quint64 index, QString &out)
     Slot &slot = m_slots[qsizetype(index)];
     if (cached) {
         if (slot.placed == Placed::String) {
-            out = *static_cast<const QString *>(slot.ptr);
+            out = QString(*static_cast<const QString *>(slot.ptr));
             return true;
         }
         const QVariant &v = *static_cast<const QVariant *>(slot.ptr);
@@ -351,10 +476,23 @@ bool Reader::decodeString(quint64 pos, quint8 marker, QString &out, bool isKey)
             out = QStringLiteral("");
             return true;
         }
-        if (!isAscii(p, n))
+        const bool cacheable = isKey && n <= quint64(KeyCache::MaxLength);
+        if (cacheable) {
+            if (const QString *cached = m_keys.find(p, qsizetype(n))) {
+                out = QString(*cached); // only ASCII is ever cached
+                return true;
+            }
+        }
+        if (cacheable) {
+            if (!isAscii(p, n))
+                return failAt(start, QStringLiteral("ASCII string holds a byte above 0x7f"));
+            out = QString(m_keys.insert(p, qsizetype(n)));
+            return true;
+        }
+        QString s(qsizetype(n), Qt::Uninitialized);
+        if (!widenAscii(p, qsizetype(n), reinterpret_cast<char16_t *>(s.data())))
             return failAt(start, QStringLiteral("ASCII string holds a byte above 0x7f"));
-        out = isKey ? m_keys.get(p, qsizetype(n))
-                    : QString::fromLatin1(reinterpret_cast<const char *>(p), qsizetype(n));
+        out = std::move(s);
         return true;
     }
     if (n > left / 2)
@@ -397,7 +535,7 @@ bool Reader::decodeArray(quint64 index, quint64 pos, quint8 marker, int level, Q
         weight += m_slots[qsizetype(ref)].weight;
         height = qMax(height, m_slots[qsizetype(ref)].height);
     }
-    out = QVariant(list);
+    out = movedIntoVariant(list);
     Slot &slot = m_slots[qsizetype(index)];
     slot.weight = weight;
     slot.height = height + 1;
@@ -415,34 +553,53 @@ bool Reader::decodeDict(quint64 index, quint64 pos, quint8 marker, int level, QV
         return false;
     if (n > (m_tableOffset - pos) / quint64(m_refSize) / 2)
         return failAt(start, zt::format(u"dictionary of %llu entries runs past the object area", n));
-    std::map<QString, QVariant> entries;
-    qint64 weight = 1;
-    int height = 0;
+    Dictionary dict = DictionaryBuilder::withSize(qsizetype(n));
+    Dictionary::Entry *entries = DictionaryBuilder::entries(dict);
     const uchar *keyRefs = m_data + pos;
     const uchar *valueRefs = keyRefs + n * quint64(m_refSize);
+    // Keys first, in file order. Writers emit them sorted, which is checked
+    // on the way; other files get sorted by an index permutation.
+    bool sorted = true;
     for (quint64 i = 0; i < n; ++i) {
         quint64 keyRef = 0;
+        if (!readRef(keyRefs + i * quint64(m_refSize), keyRef) || !key(keyRef, entries[i].key))
+            return false;
+        if (i > 0 && !keyLess(entries[i - 1].key, entries[i].key))
+            sorted = false;
+    }
+    QVarLengthArray<quint64, 32> order; // file position of the entry at each sorted position
+    if (!sorted) {
+        order.resize(qsizetype(n));
+        std::iota(order.begin(), order.end(), quint64(0));
+        std::stable_sort(order.begin(), order.end(),
+                         [&](quint64 a, quint64 b) { return entries[a].key < entries[b].key; });
+        QVarLengthArray<QString, 32> keys;
+        keys.resize(qsizetype(n));
+        for (quint64 i = 0; i < n; ++i)
+            keys[qsizetype(i)] = std::move(entries[order[qsizetype(i)]].key);
+        for (quint64 i = 0; i < n; ++i) {
+            entries[i].key = std::move(keys[qsizetype(i)]);
+            if (i > 0 && entries[i - 1].key == entries[i].key)
+                return failAt(start, zt::format(u"duplicate dictionary key \"%@\"", entries[i].key));
+        }
+    }
+    qint64 weight = 1;
+    int height = 0;
+    for (quint64 i = 0; i < n; ++i) {
+        const quint64 at = sorted ? i : order[qsizetype(i)];
+        quint64 keyRef = 0;
         quint64 valueRef = 0;
-        if (!readRef(keyRefs + i * quint64(m_refSize), keyRef) ||
-            !readRef(valueRefs + i * quint64(m_refSize), valueRef))
+        readRef(keyRefs + at * quint64(m_refSize), keyRef);
+        if (!readRef(valueRefs + at * quint64(m_refSize), valueRef))
             return false;
-        QString k;
-        if (!key(keyRef, k))
+        place(keyRef, &entries[i].key);
+        if (!value(valueRef, level + 1, entries[i].value))
             return false;
-        QVariant v;
-        if (!value(valueRef, level + 1, v))
-            return false;
-        const size_t before = entries.size();
-        // Writers emit keys in sorted order, which makes the end the right hint.
-        const auto it = entries.emplace_hint(entries.end(), std::move(k), std::move(v));
-        if (entries.size() == before)
-            return failAt(start, zt::format(u"duplicate dictionary key \"%@\"", it->first));
-        place(keyRef, &it->first);
-        place(valueRef, &it->second);
+        place(valueRef, &entries[i].value);
         weight += 1 + m_slots[qsizetype(valueRef)].weight;
         height = qMax(height, m_slots[qsizetype(valueRef)].height);
     }
-    out = QVariant(QVariantMap(std::move(entries)));
+    out = movedIntoVariant(dict);
     Slot &slot = m_slots[qsizetype(index)];
     slot.weight = weight;
     slot.height = height + 1;
@@ -524,7 +681,7 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
             return false;
         if (n > m_tableOffset - at)
             return failAt(pos, zt::format(u"data of %llu bytes runs past the object area", n));
-        out = QVariant(QByteArray(reinterpret_cast<const char *>(m_data + at), qsizetype(n)));
+        out = movedIntoVariant(QByteArray(reinterpret_cast<const char *>(m_data + at), qsizetype(n)));
         break;
     }
     case AsciiString:
@@ -532,7 +689,7 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
         QString s;
         if (!decodeString(pos, marker, s, false))
             return false;
-        out = QVariant(s);
+        out = movedIntoVariant(s);
         break;
     }
     case format::Uid: {

@@ -8,6 +8,7 @@
 // This is the object order and the set of width choices CF makes, so small
 // values come out byte for byte as CF and plistlib write them.
 
+#include "runtime/dictionary.h"
 #include "runtime/plist.h"
 #include "runtime/plist_p.h"
 #include "runtime/value.h"
@@ -202,9 +203,8 @@ qsizetype Writer::flattenContainer(const QVariant &value, int depth)
     const qsizetype index = m_objects.size();
     Object o{};
     const int type = value.typeId();
-    if (type == QMetaType::QVariantMap) {
-        const QVariantMap &map = *static_cast<const QVariantMap *>(value.constData());
-        const qsizetype n = map.size();
+    if (type == QMetaType::QVariantMap || value.metaType() == QMetaType::fromType<Dictionary>()) {
+        const qsizetype n = entryCount(value);
         o.kind = Kind::Dict;
         o.count = n;
         o.firstRef = m_refs.size();
@@ -213,15 +213,14 @@ qsizetype Writer::flattenContainer(const QVariant &value, int depth)
         m_headerBytes += o.headerSize;
         m_refs.resize(o.firstRef + 2 * n);
         qsizetype at = o.firstRef;
-        for (auto it = map.cbegin(); it != map.cend(); ++it)
-            m_refs[at++] = flattenString(it.key());
-        for (auto it = map.cbegin(); it != map.cend(); ++it) {
-            const qsizetype child = flatten(it.value(), depth + 1);
-            if (child < 0)
-                return -1;
+        forEachEntry(value, [&](const QString &key, const QVariant &) { m_refs[at++] = flattenString(key); });
+        bool ok = true;
+        forEachEntry(value, [&](const QString &, const QVariant &entry) {
+            const qsizetype child = ok ? flatten(entry, depth + 1) : -1;
+            ok = child >= 0;
             m_refs[at++] = child;
-        }
-        return index;
+        });
+        return ok ? index : -1;
     }
     o.kind = Kind::Array;
     o.firstRef = m_refs.size();
@@ -324,6 +323,8 @@ qsizetype Writer::flatten(const QVariant &value, int depth)
     case QMetaType::QVariantMap:
         return flattenContainer(value, depth);
     default:
+        if (value.metaType() == QMetaType::fromType<Dictionary>())
+            return flattenContainer(value, depth);
         if (value.typeId() == qMetaTypeId<zt::Uid>()) {
             // Written once per appearance, as CF and plistlib do.
             o.kind = Kind::Uid;

@@ -1,7 +1,9 @@
 #include "runtime/value.h"
 
+#include "runtime/dictionary.h"
 #include "runtime/object.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
@@ -53,6 +55,8 @@ ValueKind kindOf(const QVariant &value)
         return ValueKind::IndexSet;
     if (id == qMetaTypeId<Uid>())
         return ValueKind::Uid;
+    if (id == qMetaTypeId<Dictionary>())
+        return ValueKind::Dictionary;
     return ValueKind::Other;
 }
 
@@ -62,7 +66,7 @@ qint64 toInt64(const QVariant &value)
         const double d = value.toDouble();
         if (!std::isfinite(d))
             return 0;
-        return d <= -9.2233720368547758e18 ? std::numeric_limits<qint64>::min()
+        return d <= -9.2233720368547758e18  ? std::numeric_limits<qint64>::min()
                : d >= 9.2233720368547758e18 ? std::numeric_limits<qint64>::max()
                                             : qint64(d);
     }
@@ -194,11 +198,11 @@ QString describeNested(const QVariant &value, int level)
         return s + indent(level) + u')';
     }
     case ValueKind::Dictionary: {
-        const QVariantMap map = value.toMap();
         QString s = QStringLiteral("{\n");
-        for (auto it = map.cbegin(); it != map.cend(); ++it)
-            s += indent(level + 1) + quotedIfNeeded(it.key()) + QStringLiteral(" = ") +
-                 describeNested(it.value(), level + 1) + QStringLiteral(";\n");
+        forEachEntry(value, [&](const QString &key, const QVariant &entry) {
+            s += indent(level + 1) + quotedIfNeeded(key) + QStringLiteral(" = ") +
+                 describeNested(entry, level + 1) + QStringLiteral(";\n");
+        });
         return s + indent(level) + u'}';
     }
     default:
@@ -297,13 +301,10 @@ bool valuesEqual(const QVariant &a, const QVariant &b)
         return true;
     }
     case ValueKind::Dictionary: {
-        const QVariantMap ma = a.toMap(), mb = b.toMap();
-        if (ma.size() != mb.size())
-            return false;
-        for (auto it = ma.cbegin(), jt = mb.cbegin(); it != ma.cend(); ++it, ++jt)
-            if (it.key() != jt.key() || !valuesEqual(it.value(), jt.value()))
-                return false;
-        return true;
+        const Dictionary da = dictionaryFrom(a), db = dictionaryFrom(b);
+        return std::equal(da.begin(), da.end(), db.begin(), db.end(), [](const auto &x, const auto &y) {
+            return x.key == y.key && valuesEqual(x.value, y.value);
+        });
     }
     case ValueKind::IndexSet:
         return a.value<IndexSet>() == b.value<IndexSet>();

@@ -11,6 +11,8 @@
 //   QDateTime (UTC)       date
 //   QVariantList          array
 //   QVariantMap           dictionary (string keys)
+//   Dictionary            dictionary too: the immutable form decoded values
+//                         come in (runtime/dictionary.h)
 //   IndexSet              index set
 //   ObjectRef             an object (owning reference)
 //   Uid                   a property-list UID (only inside keyed archives)

@@ -1,0 +1,138 @@
+// The immutable dictionary the property-list reader produces must stand in for
+// a QVariantMap everywhere a dictionary value is used, and the interned keys
+// behind it must stay correct across threads and after mutation.
+
+#include "runtime/dictionary.h"
+#include "runtime/kvc.h"
+#include "runtime/plist.h"
+#include "runtime/value.h"
+
+#include <QThread>
+#include <atomic>
+#include <gtest/gtest.h>
+#include <vector>
+
+using namespace zt;
+
+namespace {
+
+QVariantMap sampleMap()
+{
+    return {
+        {QStringLiteral("b"), 2},
+        {QStringLiteral("a"), QStringLiteral("first")},
+        {QStringLiteral("nested"), QVariantMap{{QStringLiteral("x"), true}}},
+        {QStringLiteral("\u00e9t\u00e9"), QVariantList{1.5, QStringLiteral("y")}},
+    };
+}
+
+QVariant decoded(const QVariant &value)
+{
+    const auto read = plist::readBinary(plist::writeBinary(value));
+    return read ? *read : QVariant();
+}
+
+TEST(Dictionary, DecodedDictionaryStandsInForTheMap)
+{
+    const QVariantMap map = sampleMap();
+    const QVariant value = decoded(map);
+    ASSERT_EQ(value.metaType(), QMetaType::fromType<Dictionary>());
+    EXPECT_EQ(kindOf(value), ValueKind::Dictionary);
+    EXPECT_EQ(valueClassName(value), QStringLiteral("NSDictionary"));
+    EXPECT_TRUE(valuesEqual(value, map));
+    EXPECT_TRUE(valuesEqual(map, value));
+    EXPECT_FALSE(valuesEqual(value, QVariantMap{{QStringLiteral("a"), QStringLiteral("first")}}));
+    EXPECT_EQ(describe(value), describe(map));
+    EXPECT_EQ(plist::writeBinary(value), plist::writeBinary(map));
+    EXPECT_TRUE(plist::isPropertyList(value));
+
+    const QVariantMap converted = value.toMap();
+    EXPECT_EQ(converted.keys(), map.keys());
+    EXPECT_TRUE(valuesEqual(converted, map));
+    EXPECT_TRUE(valuesEqual(qvariant_cast<QVariantMap>(value), map));
+    EXPECT_EQ(fromValue<QVariantMap>(value).size(), map.size());
+
+    EXPECT_EQ(valueForKey(value, QStringLiteral("b")), QVariant(qlonglong(2)));
+    EXPECT_EQ(valueForKeyPath(value, QStringLiteral("nested.x")), QVariant(true));
+    EXPECT_EQ(entryCount(value), 4);
+    EXPECT_EQ(entryValue(value, QStringLiteral("a")), QVariant(QStringLiteral("first")));
+    EXPECT_FALSE(entryValue(value, QStringLiteral("zz")).isValid());
+}
+
+TEST(Dictionary, LookupAndEquality)
+{
+    const Dictionary d(sampleMap());
+    ASSERT_EQ(d.size(), 4);
+    QStringList keys;
+    for (const Dictionary::Entry &e : d)
+        keys.append(e.key);
+    EXPECT_EQ(keys, sampleMap().keys()); // QString order, as the map iterates
+    struct Row
+    {
+        const char16_t *key;
+        bool present;
+    };
+    for (const Row &row :
+         {Row{u"a", true}, Row{u"b", true}, Row{u"nested", true}, Row{u"\u00e9t\u00e9", true},
+          Row{u"", false}, Row{u"A", false}, Row{u"ab", false}, Row{u"zzz", false}}) {
+        SCOPED_TRACE(QString::fromUtf16(row.key).toStdString());
+        EXPECT_EQ(d.contains(QStringView(row.key)), row.present);
+        EXPECT_EQ(d.value(QStringView(row.key)).isValid(), row.present);
+    }
+    EXPECT_TRUE(Dictionary().isEmpty());
+    EXPECT_FALSE(Dictionary().contains(u"a"));
+
+    QVariantMap other = sampleMap();
+    EXPECT_EQ(d, Dictionary(other));
+    other.insert(QStringLiteral("b"), 3);
+    EXPECT_FALSE(d == Dictionary(other));
+    EXPECT_EQ(QVariant::fromValue(d), QVariant::fromValue(Dictionary(sampleMap())));
+    EXPECT_TRUE(valuesEqual(QVariant::fromValue(Dictionary(QVariantMap{})), QVariantMap{}));
+}
+
+// Keys are interned for the life of the process and shared by every decoded
+// dictionary; changing a copy must never reach the shared characters.
+TEST(Dictionary, InternedKeysSurviveMutationOfACopy)
+{
+    const QVariantMap map{{QStringLiteral("nick"), 1}};
+    const Dictionary first = dictionaryFrom(decoded(map));
+    QString key = first.begin()->key;
+    key[0] = u'N';
+    key.append(u'!');
+    const Dictionary second = dictionaryFrom(decoded(map));
+    EXPECT_EQ(first.begin()->key, QStringLiteral("nick"));
+    EXPECT_EQ(second.begin()->key, QStringLiteral("nick"));
+    EXPECT_EQ(key, QStringLiteral("Nick!"));
+}
+
+TEST(Dictionary, KeysDecodeConcurrently)
+{
+    constexpr int Threads = 4;
+    std::vector<QByteArray> files;
+    std::vector<QVariantMap> maps;
+    for (int t = 0; t < Threads; ++t) {
+        QVariantMap map;
+        for (int i = 0; i < 400; ++i) // some keys shared by all threads, some per thread
+            map.insert(i % 2 ? QStringLiteral("shared-%1").arg(i) : QStringLiteral("t%1-%2").arg(t).arg(i),
+                       i);
+        files.push_back(plist::writeBinary(map));
+        maps.push_back(map);
+    }
+    std::atomic<int> failures{0};
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int t = 0; t < Threads; ++t) {
+        threads.emplace_back(QThread::create([&, t] {
+            for (int round = 0; round < 20; ++round) {
+                const auto read = plist::readBinary(files[size_t(t)]);
+                if (!read || !valuesEqual(*read, maps[size_t(t)]))
+                    ++failures;
+            }
+        }));
+        threads.back()->start();
+    }
+    for (auto &thread : threads)
+        thread->wait();
+    EXPECT_EQ(failures.load(), 0);
+}
+
+} // namespace
