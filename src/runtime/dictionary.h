@@ -59,6 +59,13 @@ private:
     Data *d = nullptr;
 };
 
+} // namespace zt
+
+Q_DECLARE_TYPEINFO(zt::Dictionary, Q_RELOCATABLE_TYPE);
+Q_DECLARE_METATYPE(zt::Dictionary)
+
+namespace zt {
+
 //! A dictionary value (a QVariantMap or a Dictionary) as a Dictionary, which
 //! for a Dictionary is a shared copy. Other values answer an empty one.
 ZT_EXPORT Dictionary dictionaryFrom(const QVariant &value);
@@ -84,6 +91,3 @@ ZT_EXPORT qsizetype entryCount(const QVariant &dictionary);
 ZT_EXPORT QVariant entryValue(const QVariant &dictionary, const QString &key);
 
 } // namespace zt
-
-Q_DECLARE_TYPEINFO(zt::Dictionary, Q_RELOCATABLE_TYPE);
-Q_DECLARE_METATYPE(zt::Dictionary)

@@ -52,6 +52,24 @@ inline quint64 gatherShort(const uchar *p, qsizetype n)
     return n == 0 ? 0 : (quint64(p[0]) << 16) | (quint64(p[n / 2]) << 8) | p[n - 1];
 }
 
+// Equality of two runs of `n` bytes, inline: words, the last one overlapping,
+// or for short runs the gathered loads, which cover every byte.
+inline bool sameBytes(const uchar *a, const uchar *b, qsizetype n)
+{
+    if (n < 8)
+        return gatherShort(a, n) == gatherShort(b, n);
+    quint64 x, y;
+    for (qsizetype i = 0; i < n - 8; i += 8) {
+        std::memcpy(&x, a + i, 8);
+        std::memcpy(&y, b + i, 8);
+        if (x != y)
+            return false;
+    }
+    std::memcpy(&x, a + n - 8, 8);
+    std::memcpy(&y, b + n - 8, 8);
+    return x == y;
+}
+
 bool isAscii(const uchar *p, quint64 n)
 {
     quint64 all = 0;
@@ -154,7 +172,7 @@ public:
     const QString *find(const uchar *p, qsizetype n) const
     {
         const Entry &e = m_entries[slotFor(p, n)];
-        return e.length == n && std::memcmp(e.bytes, p, size_t(n)) == 0 ? &e.key : nullptr;
+        return e.length == n && sameBytes(reinterpret_cast<const uchar *>(e.bytes), p, n) ? &e.key : nullptr;
     }
 
     //! The key for `n` ASCII bytes at `p` (n at most MaxLength), now cached.
@@ -201,19 +219,24 @@ inline bool keyLess(const QString &a, const QString &b)
     return view(a) < view(b);
 }
 
-// A value built by moving `v` in: QVariant's own constructors copy, which for
-// shared types costs an atomic increment and, when `v` dies, a decrement. The
-// empty value each variant starts from copies without touching a count.
-template<typename T> QVariant movedIntoVariant(T &&v)
+// The decoder fills values in place, into variants that are still nil (fresh
+// list elements and dictionary entries). A nil variant owns nothing, so it is
+// built over rather than assigned to: QVariant's assignment and clear() store
+// narrow and reload wide, which stalls, and a temporary variant moved in
+// costs the same.
+void copyInto(QVariant &out, const QVariant &value)
 {
-    using U = std::remove_cvref_t<T>;
-    static_assert(QVariant::Private::CanUseInternalSpace<U>, "held in place, never shared");
-    static const QVariant empty = QVariant::fromValue(U());
-    QVariant out = empty;
-    // Not shared: the copy of an empty U is this variant's own.
-    using std::swap;
-    swap(*static_cast<U *>(const_cast<void *>(out.constData())), v);
-    return out;
+    Q_ASSERT(!out.isValid());
+    new (&out) QVariant(value);
+}
+
+//! Makes the nil `out` hold a default T and answers it, to be filled in place.
+template<typename T> T &emplaceIn(QVariant &out)
+{
+    static_assert(QVariant::Private::CanUseInternalSpace<T>, "held in place, never shared");
+    static const QVariant prototype = QVariant::fromValue(T());
+    copyInto(out, prototype);
+    return *static_cast<T *>(const_cast<void *>(out.constData()));
 }
 
 KeyCache &threadKeyCache()
@@ -423,9 +446,9 @@ bool Reader::value(quint64 index, int level, QVariant &out)
         return decode(index, level, out);
     const Slot &slot = m_slots[qsizetype(index)];
     if (slot.placed == Placed::String)
-        out = QVariant(*static_cast<const QString *>(slot.ptr));
+        emplaceIn<QString>(out) = *static_cast<const QString *>(slot.ptr);
     else
-        out = *static_cast<const QVariant *>(slot.ptr);
+        copyInto(out, *static_cast<const QVariant *>(slot.ptr));
     return true;
 }
 
@@ -519,7 +542,7 @@ bool Reader::decodeArray(quint64 index, quint64 pos, quint8 marker, int level, Q
         return false;
     if (n > (m_tableOffset - pos) / quint64(m_refSize))
         return failAt(start, zt::format(u"array of %llu elements runs past the object area", n));
-    QVariantList list;
+    QVariantList &list = emplaceIn<QVariantList>(out);
     list.reserve(qsizetype(n));
     qint64 weight = 1;
     int height = 0;
@@ -535,7 +558,6 @@ bool Reader::decodeArray(quint64 index, quint64 pos, quint8 marker, int level, Q
         weight += m_slots[qsizetype(ref)].weight;
         height = qMax(height, m_slots[qsizetype(ref)].height);
     }
-    out = movedIntoVariant(list);
     Slot &slot = m_slots[qsizetype(index)];
     slot.weight = weight;
     slot.height = height + 1;
@@ -553,7 +575,8 @@ bool Reader::decodeDict(quint64 index, quint64 pos, quint8 marker, int level, QV
         return false;
     if (n > (m_tableOffset - pos) / quint64(m_refSize) / 2)
         return failAt(start, zt::format(u"dictionary of %llu entries runs past the object area", n));
-    Dictionary dict = DictionaryBuilder::withSize(qsizetype(n));
+    Dictionary &dict = emplaceIn<Dictionary>(out);
+    dict = DictionaryBuilder::withSize(qsizetype(n));
     Dictionary::Entry *entries = DictionaryBuilder::entries(dict);
     const uchar *keyRefs = m_data + pos;
     const uchar *valueRefs = keyRefs + n * quint64(m_refSize);
@@ -599,7 +622,6 @@ bool Reader::decodeDict(quint64 index, quint64 pos, quint8 marker, int level, QV
         weight += 1 + m_slots[qsizetype(valueRef)].weight;
         height = qMax(height, m_slots[qsizetype(valueRef)].height);
     }
-    out = movedIntoVariant(dict);
     Slot &slot = m_slots[qsizetype(index)];
     slot.weight = weight;
     slot.height = height + 1;
@@ -624,9 +646,9 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
     switch (marker & 0xF0) {
     case 0x00:
         if (marker == Null)
-            out = nullValue();
+            copyInto(out, nullValue());
         else if (marker == False || marker == True)
-            out = QVariant(marker == True);
+            emplaceIn<bool>(out) = marker == True;
         else
             ok = failAt(pos, zt::format(u"unsupported marker 0x%02x", marker));
         break;
@@ -641,14 +663,14 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
             const quint64 high = readBigEndian(p, 8);
             const quint64 lowWord = readBigEndian(p + 8, 8);
             if (high == 0 && lowWord > quint64(std::numeric_limits<qint64>::max()))
-                out = QVariant(qulonglong(lowWord));
+                emplaceIn<qulonglong>(out) = lowWord;
             else if ((high == 0 && !(lowWord >> 63)) || (high == ~quint64(0) && (lowWord >> 63)))
-                out = QVariant(qlonglong(lowWord));
+                emplaceIn<qlonglong>(out) = qlonglong(lowWord);
             else
                 return failAt(pos, QStringLiteral("integer does not fit in 64 bits"));
         } else {
             // 1, 2 and 4 bytes are unsigned; 8 bytes are two's complement.
-            out = QVariant(qlonglong(readBigEndian(p, int(width))));
+            emplaceIn<qlonglong>(out) = qlonglong(readBigEndian(p, int(width)));
         }
         break;
     }
@@ -657,9 +679,9 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
             const quint32 bits = quint32(readBigEndian(p, 4));
             float f;
             std::memcpy(&f, &bits, sizeof f);
-            out = QVariant(double(f));
+            emplaceIn<double>(out) = double(f);
         } else if (low == 3 && left >= 8) {
-            out = QVariant(bitsToDouble(readBigEndian(p, 8)));
+            emplaceIn<double>(out) = bitsToDouble(readBigEndian(p, 8));
         } else {
             return failAt(pos, zt::format(u"bad real marker 0x%02x or truncated real", marker));
         }
@@ -671,7 +693,7 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
         const auto date = detail::secondsToDate(seconds);
         if (!date)
             return failAt(pos, zt::format(u"date %g is out of range", seconds));
-        out = QVariant(*date);
+        emplaceIn<QDateTime>(out) = *date;
         break;
     }
     case format::Data: {
@@ -681,15 +703,13 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
             return false;
         if (n > m_tableOffset - at)
             return failAt(pos, zt::format(u"data of %llu bytes runs past the object area", n));
-        out = movedIntoVariant(QByteArray(reinterpret_cast<const char *>(m_data + at), qsizetype(n)));
+        emplaceIn<QByteArray>(out) = QByteArray(reinterpret_cast<const char *>(m_data + at), qsizetype(n));
         break;
     }
     case AsciiString:
     case Utf16String: {
-        QString s;
-        if (!decodeString(pos, marker, s, false))
+        if (!decodeString(pos, marker, emplaceIn<QString>(out), false))
             return false;
-        out = movedIntoVariant(s);
         break;
     }
     case format::Uid: {
@@ -699,7 +719,7 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
         if (width > 8 && readBigEndian(p, int(width - 8)) != 0)
             return failAt(pos, QStringLiteral("UID does not fit in 64 bits"));
         const quint64 uid = width > 8 ? readBigEndian(p + width - 8, 8) : readBigEndian(p, int(width));
-        out = QVariant::fromValue(zt::Uid{uid});
+        emplaceIn<zt::Uid>(out) = zt::Uid{uid};
         break;
     }
     case format::Array:
