@@ -40,12 +40,11 @@ TEST(Labels, SharedPieces)
 {
     EXPECT_EQ(irc::tailingParagraphStyle().lineBreakMode, zt::LineBreakMode::TruncateTail);
     EXPECT_EQ(irc::tailingParagraphStyle().alignment, zt::ParagraphStyle::defaultStyle().alignment);
-    EXPECT_EQ(&irc::tailingParagraphStyle(), &irc::tailingParagraphStyle());
     EXPECT_EQ(irc::newline(), styled({{u"\n"_s, plain()}}));
     EXPECT_EQ(irc::systemFont(11).pointSizeF(), 11.0);
 }
 
-TEST(Labels, AttributedStringWithColor)
+TEST(Labels, ColoredAndSubtexted)
 {
     const struct
     {
@@ -63,21 +62,6 @@ TEST(Labels, AttributedStringWithColor)
                                         std::nullopt),
          styled({{u"ab"_s, {std::nullopt, White, irc::tailingParagraphStyle()}}})},
         {"empty", irc::attributedString(u""), AttributedString()},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(row.actual, row.expected);
-    }
-}
-
-TEST(Labels, Subtext)
-{
-    const struct
-    {
-        const char *name;
-        AttributedString actual;
-        AttributedString expected;
-    } rows[] = {
         {"big and small", irc::defaultAttributedDescriptionWithBigAndSmall(u"#zintaro", u"12 users"),
          styled({{u"#zintaro"_s, big()}, {u"\n"_s, plain()}, {u"12 users"_s, small(Grey)}})},
         {"only the first line grows",
