@@ -132,7 +132,7 @@ const std::vector<ExactRow> &exactRows()
         {u"list"_s, QVariantList{QVariantMap{{u"k"_s, 1}}, QVariantList{}, QString()}},
         {QString::fromUtf8("\xf0\x9f\x98\x80"), QVariantMap{}},
     };
-    const QVariantList array{u""_s, qint64(0), false, QByteArray(), date(-1000)};
+    const QVariant array = QVariantList{u""_s, qint64(0), false, QByteArray(), date(-1000)};
     const QByteArray minusOne = scalarPlist("13 ffffffffffffffff");
     static const std::vector<ExactRow> rows{
         {"no_arguments",
