@@ -25,75 +25,63 @@ AsyncReadPacket packetWith(const QByteArray &term, const QByteArray &done, qsize
     return p;
 }
 
-struct TermRow
+enum class Rule
+{
+    Term,      // readLengthForTerm
+    NonTerm,   // readLengthForNonTerm
+    Prebuffer, // prebufferReadLengthForTerm
+};
+
+struct LengthRow
 {
     const char *name;
+    Rule rule;
     QByteArray term;
-    QByteArray done;
+    qsizetype readLength;
     qsizetype maxLength;
     qsizetype bufferLength; // -1: the packet's own buffer
     qsizetype offset;
-    qsizetype expected;
-};
-
-class AsyncReadPacketLengthForTerm : public ::testing::TestWithParam<TermRow>
-{
-};
-
-TEST_P(AsyncReadPacketLengthForTerm, NeverAsksPastTheTerminator)
-{
-    const TermRow &row = GetParam();
-    AsyncReadPacket p = packetWith(row.term, row.done, row.maxLength, row.bufferLength, row.offset);
-    EXPECT_EQ(p.readLengthForTerm(), row.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Rows, AsyncReadPacketLengthForTerm,
-                         ::testing::Values(TermRow{"OneByteTerminator", "\n", "abc", 0, -1, 0, 1},
-                                           TermRow{"PeriodicTerminator", "ABAB", "xABA", 0, -1, 0, 1},
-                                           TermRow{"CappedByMaximumLength", "\r\n", "abcd", 5, -1, 0, 1},
-                                           TermRow{"CappedByCallerFreeSpace", "ABCD", "x", 0, 10, 8, 1},
-                                           TermRow{"CallerBufferFullIsNotACap", "ABCD", "xy", 0, 10, 8, 4}),
-                         [](const auto &info) { return std::string(info.param.name); });
-
-struct NonTermRow
-{
-    const char *name;
-    qsizetype readLength;
-    qsizetype maxLength;
-    qsizetype bufferLength;
-    qsizetype offset;
     QByteArray done;
     qsizetype expected;
 };
 
-class AsyncReadPacketLengthForNonTerm : public ::testing::TestWithParam<NonTermRow>
+class AsyncReadPacketLength : public ::testing::TestWithParam<LengthRow>
 {
 };
 
-TEST_P(AsyncReadPacketLengthForNonTerm, AsksForTheRestOrAChunk)
+// A terminator read never asks past the terminator; the others ask for the
+// rest or a chunk; each is capped by the maximum and the caller's free space.
+TEST_P(AsyncReadPacketLength, AsksForWhatTheRuleAllows)
 {
-    const NonTermRow &row = GetParam();
-    AsyncReadPacket p = packetWith({}, row.done, row.maxLength, row.bufferLength, row.offset, row.readLength);
-    EXPECT_EQ(p.readLengthForNonTerm(), row.expected);
+    const LengthRow &row = GetParam();
+    AsyncReadPacket p =
+        packetWith(row.term, row.done, row.maxLength, row.bufferLength, row.offset, row.readLength);
+    const qsizetype length = row.rule == Rule::Term      ? p.readLengthForTerm()
+                             : row.rule == Rule::NonTerm ? p.readLengthForNonTerm()
+                                                         : p.prebufferReadLengthForTerm();
+    EXPECT_EQ(length, row.expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rows, AsyncReadPacketLengthForNonTerm,
-    ::testing::Values(NonTermRow{"FixedLengthAsksForTheRest", 1000, 0, -1, 0, "abc", 997},
-                      NonTermRow{"FixedLengthIgnoresCallerFreeSpace", 1000, 0, 20, 10, "", 1000},
-                      NonTermRow{"AvailableAsksForAChunk", 0, 0, -1, 0, "", 256},
-                      NonTermRow{"AvailableCappedByMaximum", 0, 100, -1, 0, QByteArray(30, 'x'), 70},
-                      NonTermRow{"AvailableCappedByCallerFreeSpace", 0, 0, 20, 10, "abc", 7},
-                      NonTermRow{"CallerBufferFullAsksForAChunk", 0, 0, 20, 10, QByteArray(10, 'x'), 256},
-                      NonTermRow{"GrownCallerBufferAsksForAChunk", 0, 0, 20, 10, QByteArray(15, 'x'), 256}),
+    Rows, AsyncReadPacketLength,
+    ::testing::Values(
+        LengthRow{"OneByteTerminator", Rule::Term, "\n", 0, 0, -1, 0, "abc", 1},
+        LengthRow{"PeriodicTerminator", Rule::Term, "ABAB", 0, 0, -1, 0, "xABA", 1},
+        LengthRow{"CappedByMaximumLength", Rule::Term, "\r\n", 0, 5, -1, 0, "abcd", 1},
+        LengthRow{"CappedByCallerFreeSpace", Rule::Term, "ABCD", 0, 0, 10, 8, "x", 1},
+        LengthRow{"CallerBufferFullIsNotACap", Rule::Term, "ABCD", 0, 0, 10, 8, "xy", 4},
+        LengthRow{"FixedLengthAsksForTheRest", Rule::NonTerm, {}, 1000, 0, -1, 0, "abc", 997},
+        LengthRow{"FixedLengthIgnoresCallerFreeSpace", Rule::NonTerm, {}, 1000, 0, 20, 10, "", 1000},
+        LengthRow{"AvailableAsksForAChunk", Rule::NonTerm, {}, 0, 0, -1, 0, "", 256},
+        LengthRow{"AvailableCappedByMaximum", Rule::NonTerm, {}, 0, 100, -1, 0, QByteArray(30, 'x'), 70},
+        LengthRow{"AvailableCappedByCallerFreeSpace", Rule::NonTerm, {}, 0, 0, 20, 10, "abc", 7},
+        LengthRow{"CallerBufferFullAsksForAChunk", Rule::NonTerm, {}, 0, 0, 20, 10, QByteArray(10, 'x'), 256},
+        LengthRow{
+            "GrownCallerBufferAsksForAChunk", Rule::NonTerm, {}, 0, 0, 20, 10, QByteArray(15, 'x'), 256},
+        LengthRow{"PrebufferAsksForAChunk", Rule::Prebuffer, "\r\n", 0, 0, -1, 0, "abc", 256},
+        LengthRow{"PrebufferCappedByMaximum", Rule::Prebuffer, "\r\n", 0, 10, -1, 0, "abc", 7},
+        LengthRow{"PrebufferCappedByCallerFreeSpace", Rule::Prebuffer, "\r\n", 0, 0, 50, 40, "abc", 7}),
     [](const auto &info) { return std::string(info.param.name); });
-
-TEST(AsyncReadPacket, PrebufferLengthIsAChunkCappedLikeTheOthers)
-{
-    EXPECT_EQ(packetWith("\r\n", "abc").prebufferReadLengthForTerm(), 256);
-    EXPECT_EQ(packetWith("\r\n", "abc", 10).prebufferReadLengthForTerm(), 7);
-    EXPECT_EQ(packetWith("\r\n", "abc", 0, 50, 40).prebufferReadLengthForTerm(), 7);
-}
 
 // Feeding a stream in random chunks through each rule: every read ends at the
 // first terminator, and pre-buffering keeps back exactly what follows it.

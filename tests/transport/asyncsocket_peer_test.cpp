@@ -9,6 +9,7 @@
 #include <QRandomGenerator>
 
 using namespace sockettest;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -62,11 +63,9 @@ TEST_P(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
         const qsizetype killAt = rng.bounded(1, 3 << 20);
         SCOPED_TRACE(testing::Message() << "kill after " << killAt << " bytes");
 
-        Recorder listenerEvents, serverEvents;
-        listenerEvents.acceptedDelegate = &serverEvents;
-        auto listener = AsyncSocket::createWithDelegate(&listenerEvents);
-        ASSERT_TRUE(listener->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0));
-
+        Server listening;
+        ASSERT_TRUE(listening.listen());
+        Recorder &serverEvents = listening.serverEvents;
         QProcess child;
         QByteArray received;
         bool killed = false;
@@ -102,8 +101,8 @@ TEST_P(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
                 s->writeDataWithTimeoutTag(chunk, -1, 2);
         };
 
-        child.start(QStringLiteral("python3"), {QStringLiteral("-c"), QString::fromLatin1(writerScript),
-                                                QString::number(listener->localPort())});
+        child.start(u"python3"_s, {u"-c"_s, QString::fromLatin1(writerScript),
+                                   QString::number(listening.listener->localPort())});
         ASSERT_TRUE(child.waitForStarted(10000));
         ASSERT_TRUE(waitUntil([&] { return serverEvents.disconnects == 1; }, 60000));
         EXPECT_TRUE(killed);
@@ -112,20 +111,14 @@ TEST_P(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
         // The end was reported once, last, through the error path.
         const QStringList &events = serverEvents.events;
         ASSERT_GE(events.size(), 2);
-        EXPECT_EQ(events.last(), QStringLiteral("did"));
-        EXPECT_TRUE(events[events.size() - 2].startsWith(QStringLiteral("will:")));
-        EXPECT_EQ(events.count(QStringLiteral("did")), 1);
-        EXPECT_TRUE(listenerEvents.accepted.front()->isDisconnected());
+        EXPECT_EQ(events.last(), u"did"_s);
+        EXPECT_TRUE(events[events.size() - 2].startsWith(u"will:"_s));
+        EXPECT_EQ(events.count(u"did"_s), 1);
+        EXPECT_TRUE(listening.server()->isDisconnected());
         // Every byte that arrived was handed out or left in unreadData, in order.
         const QByteArray all = received + serverEvents.unreadAtWill;
         EXPECT_GE(all.size(), killAt);
         EXPECT_TRUE(all == expectedStream(all.size())) << "the stream was corrupted";
-
-        for (auto &s : listenerEvents.accepted)
-            s->setDelegate(nullptr);
-        listenerEvents.accepted.clear();
-        listener.reset();
-        flushDeferredDeletes();
     }
 }
 

@@ -1,7 +1,7 @@
 #pragma once
-// Helpers for the AsyncSocket tests: waiting on conditions with the event
-// loop, a delegate that records every event, and a connected pair over
-// loopback.
+// Helpers for the socket tests: waiting on conditions with the event loop, a
+// delegate that records every event, a listener with its accepted sockets,
+// and a connected pair over loopback.
 
 #include "transport/asyncsocket.h"
 
@@ -35,29 +35,31 @@ inline void flushDeferredDeletes()
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
-//! Records every event as text ("read:3:abc", "will:AsyncSocketErrorDomain:4"…)
-//! and lets a test answer the questions and react to reads.
+//! Records every event as text ("read:3", "will:AsyncSocketErrorDomain:4"…)
+//! with the thread it came on, and lets a test answer the questions and
+//! react to events.
 class Recorder : public AsyncSocketDelegate
 {
 public:
     QStringList events;
+    QList<QThread *> threads;
     QList<QByteArray> data;
     zt::Error lastError;
     QByteArray unreadAtWill;
     bool connected = false;
     int disconnects = 0;
     int secured = 0;
+    qsizetype partialReads = 0;
+    long lastPartialTag = -1;
+    qsizetype lastWriteDone = 0;
     std::vector<zt::Ref<AsyncSocket>> accepted;
     AsyncSocketDelegate *acceptedDelegate = nullptr; // given to accepted sockets
     QThread *runLoopForNew = nullptr;
     bool allowConnect = true;
-    QList<QThread *> threads; // the thread of every call
-    std::function<double(long tag, double elapsed, qsizetype done)> readTimeoutAnswer;
-    std::function<double(long tag, double elapsed, qsizetype done)> writeTimeoutAnswer;
+    std::function<double(long tag, double elapsed)> readTimeoutAnswer, writeTimeoutAnswer;
     std::function<void(AsyncSocket *, const QByteArray &, long)> onRead;
     std::function<void(AsyncSocket *, long)> onWrite;
-    std::function<void(AsyncSocket *)> onDisconnect;
-    std::function<void(AsyncSocket *)> onConnect;
+    std::function<void(AsyncSocket *)> onConnect, onDisconnect;
 
     void onSocketWillDisconnectWithError(AsyncSocket *sock, const zt::Error &error) override
     {
@@ -112,24 +114,18 @@ public:
         if (onWrite)
             onWrite(sock, tag);
     }
-    void onSocketDidWritePartialDataOfLengthTag(AsyncSocket *, qsizetype length, long) override
-    {
-        partialWrites += length;
-    }
     double onSocketShouldTimeoutReadWithTagElapsedBytesDone(AsyncSocket *, long tag, double elapsed,
                                                             qsizetype done) override
     {
         note(QStringLiteral("readTimeout:%1:%2").arg(tag).arg(done));
-        lastElapsed = elapsed;
-        return readTimeoutAnswer ? readTimeoutAnswer(tag, elapsed, done) : 0.0;
+        return readTimeoutAnswer ? readTimeoutAnswer(tag, elapsed) : 0.0;
     }
     double onSocketShouldTimeoutWriteWithTagElapsedBytesDone(AsyncSocket *, long tag, double elapsed,
                                                              qsizetype done) override
     {
         note(QStringLiteral("writeTimeout:%1").arg(tag));
-        lastElapsed = elapsed;
         lastWriteDone = done;
-        return writeTimeoutAnswer ? writeTimeoutAnswer(tag, elapsed, done) : 0.0;
+        return writeTimeoutAnswer ? writeTimeoutAnswer(tag, elapsed) : 0.0;
     }
     void onSocketDidSecure(AsyncSocket *) override
     {
@@ -137,11 +133,8 @@ public:
         ++secured;
     }
 
-    qsizetype partialReads = 0;
-    long lastPartialTag = -1;
-    qsizetype partialWrites = 0;
-    double lastElapsed = 0;
-    qsizetype lastWriteDone = 0;
+    //! Forgets the callbacks, which may refer to a test's locals.
+    void quiet() { onRead = nullptr, onWrite = nullptr, onConnect = nullptr, onDisconnect = nullptr; }
 
 private:
     void note(const QString &event)
@@ -151,55 +144,83 @@ private:
     }
 };
 
-//! A listener, a client connected to it and the accepted server side, each
-//! with its own recorder.
-struct Pair
+//! A listener whose accepted sockets report to `serverEvents`; releases them
+//! all when it goes.
+struct Server
 {
-    Recorder listenerEvents, clientEvents, serverEvents;
-    zt::Ref<AsyncSocket> listener, client;
+    Recorder listenerEvents, serverEvents;
+    zt::Ref<AsyncSocket> listener;
     AsyncSocket *server() const
     {
         return listenerEvents.accepted.empty() ? nullptr : listenerEvents.accepted.front().get();
     }
-
-    //! Listens on `interface`, connects to `host`; true once both ends are connected.
-    bool open(const QString &interface = QStringLiteral("localhost"),
-              const QString &host = QStringLiteral("127.0.0.1"))
+    bool listen(const QString &interface = QStringLiteral("127.0.0.1"))
     {
         listenerEvents.acceptedDelegate = &serverEvents;
         listener = AsyncSocket::createWithDelegate(&listenerEvents);
-        client = AsyncSocket::createWithDelegate(&clientEvents);
         zt::Error error;
-        if (!listener->acceptOnInterfacePortError(interface, 0, &error)) {
+        const bool ok = listener->acceptOnInterfacePortError(interface, 0, &error);
+        if (!ok)
             ADD_FAILURE() << "listen: " << error.localizedDescription().toStdString();
-            return false;
-        }
-        if (!client->connectToHostOnPortError(host, listener->localPort(), &error)) {
-            ADD_FAILURE() << "connect: " << error.localizedDescription().toStdString();
-            return false;
-        }
-        return waitUntil([&] { return clientEvents.connected && serverEvents.connected; });
+        return ok;
     }
-
-    ~Pair()
+    ~Server()
     {
-        for (Recorder *r : {&listenerEvents, &clientEvents, &serverEvents}) {
-            r->onRead = nullptr;
-            r->onWrite = nullptr;
-            r->onDisconnect = nullptr;
-        }
-        if (client)
-            client->setDelegate(nullptr);
+        listenerEvents.quiet();
+        serverEvents.quiet();
         if (listener)
             listener->setDelegate(nullptr);
         for (auto &s : listenerEvents.accepted)
             s->setDelegate(nullptr);
-        client.reset();
         listener.reset();
         listenerEvents.accepted.clear();
         flushDeferredDeletes();
     }
 };
+
+//! A server and a client connected to it, each end with its own recorder.
+struct Pair : Server
+{
+    Recorder clientEvents;
+    zt::Ref<AsyncSocket> client;
+
+    //! Listens on `interface` and starts connecting to `host` (by its socket
+    //! address when `byAddress`).
+    bool start(const QString &interface = QStringLiteral("localhost"),
+               const QString &host = QStringLiteral("127.0.0.1"), bool byAddress = false)
+    {
+        if (!listen(interface))
+            return false;
+        client = AsyncSocket::createWithDelegate(&clientEvents);
+        zt::Error error;
+        const bool ok = byAddress
+                            ? client->connectToAddressWithTimeoutError(listener->localAddress(), 5, &error)
+                            : client->connectToHostOnPortError(host, listener->localPort(), &error);
+        if (!ok)
+            ADD_FAILURE() << "connect: " << error.localizedDescription().toStdString();
+        return ok;
+    }
+    //! start(), then true once both ends are connected.
+    bool open(const QString &interface = QStringLiteral("localhost"),
+              const QString &host = QStringLiteral("127.0.0.1"), bool byAddress = false)
+    {
+        return start(interface, host, byAddress) &&
+               waitUntil([&] { return clientEvents.connected && serverEvents.connected; });
+    }
+    ~Pair()
+    {
+        clientEvents.quiet();
+        if (client)
+            client->setDelegate(nullptr);
+        client.reset();
+    }
+};
+
+//! The space-separated words of `text`, to compare event lists with.
+inline QStringList words(const char *text)
+{
+    return QString::fromLatin1(text).split(u' ', Qt::SkipEmptyParts);
+}
 
 //! Bytes 0…n-1 of a fixed pseudo-random stream.
 inline QByteArray patternBytes(qsizetype n, quint32 start = 1)

@@ -7,6 +7,7 @@
 #include <QTemporaryDir>
 
 using namespace sockettest;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -22,24 +23,18 @@ const Credentials &credentials()
         Credentials c;
         QTemporaryDir dir;
         QProcess openssl;
-        openssl.start(QStringLiteral("openssl"),
-                      {QStringLiteral("req"), QStringLiteral("-x509"), QStringLiteral("-newkey"),
-                       QStringLiteral("ec"), QStringLiteral("-pkeyopt"),
-                       QStringLiteral("ec_paramgen_curve:prime256v1"), QStringLiteral("-nodes"),
-                       QStringLiteral("-days"), QStringLiteral("2"), QStringLiteral("-subj"),
-                       QStringLiteral("/CN=localhost"), QStringLiteral("-addext"),
-                       QStringLiteral("subjectAltName=DNS:localhost,IP:127.0.0.1"), QStringLiteral("-keyout"),
-                       dir.filePath(QStringLiteral("key.pem")), QStringLiteral("-out"),
-                       dir.filePath(QStringLiteral("cert.pem"))});
+        const QString cert = dir.filePath(u"cert.pem"_s), key = dir.filePath(u"key.pem"_s);
+        openssl.start(u"openssl"_s,
+                      u"req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 "
+                      u"-subj /CN=localhost -addext subjectAltName=DNS:localhost,IP:127.0.0.1"_s.split(u' ') +
+                          QStringList{u"-keyout"_s, key, u"-out"_s, cert});
         if (!openssl.waitForFinished(60000) || openssl.exitCode() != 0) {
             c.problem = QString::fromLocal8Bit(openssl.readAllStandardError());
             return c;
         }
-        QFile cert(dir.filePath(QStringLiteral("cert.pem"))), key(dir.filePath(QStringLiteral("key.pem")));
-        if (cert.open(QIODevice::ReadOnly))
-            c.certificate = cert.readAll();
-        if (key.open(QIODevice::ReadOnly))
-            c.key = key.readAll();
+        QFile certFile(cert), keyFile(key);
+        if (certFile.open(QIODevice::ReadOnly) && keyFile.open(QIODevice::ReadOnly))
+            c.certificate = certFile.readAll(), c.key = keyFile.readAll();
         return c;
     }();
     return made;
@@ -54,7 +49,9 @@ QVariantMap serverSettings()
 struct TlsRow
 {
     const char *name;
-    std::function<QVariantMap()> clientSettings;
+    const char *peerName; // null: not given
+    bool trustsTheCertificate;
+    bool validatesTheChain;
     bool succeeds;
 };
 
@@ -71,7 +68,7 @@ TEST_P(AsyncSocketStartTLS, SwitchesInQueueOrder)
     const TlsRow &row = GetParam();
     ASSERT_TRUE(credentials().problem.isEmpty()) << credentials().problem.toStdString();
     Pair pair;
-    ASSERT_TRUE(pair.open(QStringLiteral("127.0.0.1"), QStringLiteral("127.0.0.1")));
+    ASSERT_TRUE(pair.open(u"127.0.0.1"_s));
     AsyncSocket *server = pair.server();
     AsyncSocket *client = pair.client.get();
 
@@ -83,7 +80,14 @@ TEST_P(AsyncSocketStartTLS, SwitchesInQueueOrder)
             s->writeDataWithTimeoutTag("reply!", 10, 5);
     };
     client->writeDataWithTimeoutTag("STARTTLS\r\n", 10, 1);
-    client->startTLS(row.clientSettings());
+    QVariantMap settings;
+    if (row.peerName)
+        settings.insert(QString::fromUtf16(AsyncSocketTLS::PeerName), QString::fromLatin1(row.peerName));
+    if (row.trustsTheCertificate)
+        settings.insert(QString::fromUtf16(AsyncSocketTLS::CACertificates), credentials().certificate);
+    if (!row.validatesTheChain)
+        settings.insert(QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false);
+    client->startTLS(settings);
     client->writeDataWithTimeoutTag("secret\n", 10, 2);
     client->readDataToLengthWithTimeoutTag(6, 10, 3);
 
@@ -91,48 +95,26 @@ TEST_P(AsyncSocketStartTLS, SwitchesInQueueOrder)
         ASSERT_TRUE(waitUntil([&] { return pair.clientEvents.data.size() == 1; }));
         EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"STARTTLS\r\n", "secret\n"}));
         EXPECT_EQ(pair.clientEvents.data, QList<QByteArray>{"reply!"});
-        EXPECT_EQ(pair.serverEvents.events.mid(2),
-                  (QStringList{QStringLiteral("read:1"), QStringLiteral("secure"), QStringLiteral("read:2"),
-                               QStringLiteral("write:5")}));
-        EXPECT_EQ(pair.clientEvents.events.mid(2),
-                  (QStringList{QStringLiteral("write:1"), QStringLiteral("secure"), QStringLiteral("write:2"),
-                               QStringLiteral("read:3")}));
+        EXPECT_EQ(pair.serverEvents.events.mid(2), words("read:1 secure read:2 write:5"));
+        EXPECT_EQ(pair.clientEvents.events.mid(2), words("write:1 secure write:2 read:3"));
     } else {
         ASSERT_TRUE(waitUntil(
             [&] { return pair.clientEvents.disconnects == 1 && pair.serverEvents.disconnects == 1; }));
-        EXPECT_EQ(pair.clientEvents.lastError.domain, QStringLiteral("kCFStreamErrorDomainSSL"));
+        EXPECT_EQ(pair.clientEvents.lastError.domain, u"kCFStreamErrorDomainSSL"_s);
         EXPECT_FALSE(pair.clientEvents.lastError.localizedDescription().isEmpty());
         EXPECT_EQ(pair.clientEvents.secured, 0);
         EXPECT_EQ(pair.serverEvents.secured, 0);
         EXPECT_EQ(pair.serverEvents.data, QList<QByteArray>{"STARTTLS\r\n"});
-        EXPECT_EQ(pair.clientEvents.events.last(), QStringLiteral("did"));
+        EXPECT_EQ(pair.clientEvents.events.last(), u"did"_s);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Rows, AsyncSocketStartTLS,
-    ::testing::Values(
-        TlsRow{"TrustedCertificateAndName",
-               [] {
-                   return QVariantMap{
-                       {QString::fromUtf16(AsyncSocketTLS::PeerName), QStringLiteral("localhost")},
-                       {QString::fromUtf16(AsyncSocketTLS::CACertificates), credentials().certificate}};
-               },
-               true},
-        TlsRow{"ChainNotValidated",
-               [] {
-                   return QVariantMap{{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}};
-               },
-               true},
-        TlsRow{"UntrustedCertificateFails", [] { return QVariantMap{}; }, false},
-        TlsRow{"WrongPeerNameFails",
-               [] {
-                   return QVariantMap{
-                       {QString::fromUtf16(AsyncSocketTLS::PeerName), QStringLiteral("example.org")},
-                       {QString::fromUtf16(AsyncSocketTLS::CACertificates), credentials().certificate}};
-               },
-               false}),
-    [](const auto &info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketStartTLS,
+                         ::testing::Values(TlsRow{"TrustedCertificateAndName", "localhost", true, true, true},
+                                           TlsRow{"ChainNotValidated", nullptr, false, false, true},
+                                           TlsRow{"UntrustedCertificateFails", nullptr, false, true, false},
+                                           TlsRow{"WrongPeerNameFails", "example.org", true, true, false}),
+                         [](const auto &info) { return std::string(info.param.name); });
 
 TEST(AsyncSocketStartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLengthRead)
 {
@@ -140,7 +122,7 @@ TEST(AsyncSocketStartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLe
     // fixed-length greeting leaves the handshake in the stream.
     ASSERT_TRUE(credentials().problem.isEmpty());
     Pair pair;
-    ASSERT_TRUE(pair.open(QStringLiteral("127.0.0.1"), QStringLiteral("127.0.0.1")));
+    ASSERT_TRUE(pair.open(u"127.0.0.1"_s));
     AsyncSocket *server = pair.server();
     server->enablePreBuffering();
     server->readDataToLengthWithTimeoutTag(5, 10, 1);
@@ -153,10 +135,6 @@ TEST(AsyncSocketStartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLe
     ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 3; }));
     EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"HELLO", "line one\n", "line two\n"}));
 }
-
-} // namespace
-
-namespace {
 
 // A TLS client that sends "STARTTLS\r\n" and its ClientHello in a single
 // segment, so the handshake's first bytes are already in the server's stream
@@ -201,30 +179,24 @@ print(reply.decode(), end='')
 TEST(AsyncSocketStartTLSOnAccept, HandshakeBytesBehindTheLineStayInTheStream)
 {
     ASSERT_TRUE(credentials().problem.isEmpty());
-    Recorder listenerEvents, serverEvents;
-    listenerEvents.acceptedDelegate = &serverEvents;
-    auto listener = AsyncSocket::createWithDelegate(&listenerEvents);
-    ASSERT_TRUE(listener->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0));
-    serverEvents.onConnect = [](AsyncSocket *s) {
+    Server listening;
+    listening.serverEvents.onConnect = [](AsyncSocket *s) {
         s->readDataToDataWithTimeoutTag("\r\n", 10, 1);
         s->startTLS(serverSettings());
         s->readDataToDataWithTimeoutTag("\n", 10, 2);
     };
-    serverEvents.onRead = [](AsyncSocket *s, const QByteArray &, long tag) {
+    listening.serverEvents.onRead = [](AsyncSocket *s, const QByteArray &, long tag) {
         if (tag == 2)
             s->writeDataWithTimeoutTag("reply!", 10, 3);
     };
+    ASSERT_TRUE(listening.listen());
     QProcess client;
-    client.start(QStringLiteral("python3"), {QStringLiteral("-c"), QString::fromLatin1(eagerClient),
-                                             QString::number(listener->localPort())});
+    client.start(u"python3"_s, {u"-c"_s, QString::fromLatin1(eagerClient),
+                                QString::number(listening.listener->localPort())});
     ASSERT_TRUE(client.waitForStarted(10000));
     ASSERT_TRUE(waitUntil([&] { return client.state() == QProcess::NotRunning; }, 30000));
     EXPECT_EQ(client.readAllStandardOutput(), "reply!") << client.readAllStandardError().toStdString();
-    EXPECT_EQ(serverEvents.data, (QList<QByteArray>{"STARTTLS\r\n", "secret\n"}));
-    for (auto &s : listenerEvents.accepted)
-        s->setDelegate(nullptr);
-    listenerEvents.accepted.clear();
-    flushDeferredDeletes();
+    EXPECT_EQ(listening.serverEvents.data, (QList<QByteArray>{"STARTTLS\r\n", "secret\n"}));
 }
 
 } // namespace

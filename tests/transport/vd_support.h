@@ -1,7 +1,7 @@
 #pragma once
 // Helpers for the invocation-message and connection tests: hand-built frames
-// and property lists, a raw socket peer that reads frames off the stream,
-// and a rendering of values that the independent Python decoder shares.
+// and property lists, and a rendering of values that the independent Python
+// decoder shares.
 
 #include <QString>
 #include <ostream>
@@ -16,15 +16,12 @@ inline void PrintTo(const QString &s, std::ostream *os)
 #include "runtime/exception.h"
 #include "runtime/plist.h"
 #include "support/log_capture.h"
-#include "transport/asyncsocket_support.h"
-#include "transport/vdconnection.h"
 #include "transport/vdmessage.h"
 
 #include <QtEndian>
-#include <algorithm>
+#include <cstring>
 #include <functional>
 #include <optional>
-#include <ostream>
 
 namespace vdtest {
 
@@ -160,109 +157,5 @@ inline std::pair<QString, QString> raised(const std::function<void()> &f)
     }
     return {};
 }
-
-//! Releases connections and runs the event loop until their sockets have
-//! closed: a released connection asks its socket to close once its writes are
-//! done, and the socket keeps itself alive until the loop has served that.
-inline void releaseConnections(std::vector<zt::Ref<VDConnection>> connections)
-{
-    std::vector<zt::Ref<AsyncSocket>> sockets;
-    for (const auto &c : connections) {
-        if (!c)
-            continue;
-        c->setDelegate(nullptr);
-        sockets.emplace_back(c->socket());
-    }
-    connections.clear();
-    sockettest::waitUntil(
-        [&] {
-            return std::all_of(sockets.begin(), sockets.end(),
-                               [](const auto &s) { return s->isDisconnected(); });
-        },
-        5000);
-    sockets.clear();
-    sockettest::flushDeferredDeletes();
-}
-
-//! A plain socket connected to a listening VDConnection: it writes raw bytes
-//! and reads the stream back as frames (length word, then body), so a test
-//! sees exactly what a connection writes and can feed it anything.
-class RawPeer : public VDSocketDelegate
-{
-public:
-    zt::Ref<VDConnection> listener;
-    zt::Ref<VDConnection> accepted; // the connection under test
-    zt::Ref<AsyncSocket> raw;
-    sockettest::Recorder rawEvents;
-    QList<QByteArray> bodies; // frames received from the connection under test
-    int acceptedDisconnects = 0;
-
-    //! Listens on loopback port 0 and connects the raw socket; `prepare` runs
-    //! on the accepted connection as soon as it exists.
-    bool open(std::function<void(VDConnection *)> prepare = {})
-    {
-        m_prepare = std::move(prepare);
-        listener = VDConnection::createWithDelegate(this);
-        zt::Error error;
-        if (!listener->socket()->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0, &error)) {
-            ADD_FAILURE() << "listen: " << error.localizedDescription().toStdString();
-            return false;
-        }
-        rawEvents.onRead = [this](AsyncSocket *sock, const QByteArray &data, long tag) {
-            if (tag == 0) {
-                sock->readDataToLengthWithTimeoutTag(qsizetype(qFromBigEndian<quint64>(data.constData())), -1,
-                                                     1);
-            } else {
-                bodies.append(data);
-                sock->readDataToLengthWithTimeoutTag(8, -1, 0);
-            }
-        };
-        raw = AsyncSocket::createWithDelegate(&rawEvents);
-        raw->readDataToLengthWithTimeoutTag(8, -1, 0);
-        if (!raw->connectToHostOnPortError(QStringLiteral("127.0.0.1"), listener->socket()->localPort(),
-                                           &error)) {
-            ADD_FAILURE() << "connect: " << error.localizedDescription().toStdString();
-            return false;
-        }
-        return sockettest::waitUntil([this] { return accepted && rawEvents.connected; });
-    }
-
-    void write(const QByteArray &bytes) { raw->writeDataWithTimeoutTag(bytes, -1, 0); }
-
-    bool waitForBodies(qsizetype n)
-    {
-        return sockettest::waitUntil([&] { return bodies.size() >= n; });
-    }
-
-    void onSocketDidAcceptNewSocket(VDConnection *, VDConnection *connection) override
-    {
-        accepted = zt::Ref<VDConnection>(connection);
-        accepted->setDelegate(this);
-        if (m_prepare)
-            m_prepare(connection);
-    }
-    void onSocketDidDisconnect(VDConnection *connection) override
-    {
-        if (connection == accepted.get())
-            ++acceptedDisconnects;
-    }
-
-    ~RawPeer() override
-    {
-        rawEvents.onRead = nullptr;
-        if (raw) {
-            raw->setDelegate(nullptr);
-            raw->disconnect();
-        }
-        raw.reset();
-        std::vector<zt::Ref<VDConnection>> connections; // not an initializer list: it would keep copies
-        connections.push_back(std::move(accepted));
-        connections.push_back(std::move(listener));
-        releaseConnections(std::move(connections));
-    }
-
-private:
-    std::function<void(VDConnection *)> m_prepare;
-};
 
 } // namespace vdtest
