@@ -134,7 +134,7 @@ public:
         std::lock_guard lock(m_mutex);
         if (const auto it = m_keys.constFind(bytes); it != m_keys.cend())
             return it.value();
-        if (m_used + n > Capacity)
+        if (m_keys.size() >= MaxKeys)
             return QString::fromLatin1(chars, n);
         if (m_blocks.empty() || BlockSize - m_blockUsed < n) {
             m_blocks.push_back(std::make_unique<char16_t[]>(BlockSize));
@@ -144,21 +144,20 @@ public:
         for (qsizetype i = 0; i < n; ++i)
             units[i] = char16_t(uchar(chars[i]));
         m_blockUsed += n;
-        m_used += n;
         const QString key = QString::fromRawData(reinterpret_cast<const QChar *>(units), n);
         m_keys.insert(bytes, key);
         return key;
     }
 
 private:
-    static constexpr qsizetype BlockSize = 16384;         // characters
-    static constexpr qsizetype Capacity = 64 * BlockSize; // 2 MiB in all
+    // At most 8,192 keys of at most 40 characters: under 2 MB with the table.
+    static constexpr qsizetype MaxKeys = 8192;
+    static constexpr qsizetype BlockSize = 16384; // characters
 
     std::mutex m_mutex;
     QHash<QByteArray, QString> m_keys;
     std::vector<std::unique_ptr<char16_t[]>> m_blocks;
     qsizetype m_blockUsed = 0;
-    qsizetype m_used = 0;
 };
 
 // In front of the pool, a small direct-mapped cache per thread: a hit costs a
