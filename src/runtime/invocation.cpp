@@ -2,6 +2,7 @@
 
 #include "runtime/exception.h"
 #include "runtime/format.h"
+#include "runtime/variant_inplace_p.h"
 
 namespace zt {
 
@@ -23,7 +24,17 @@ void Invocation::setArgumentAtIndex(const QVariant &value, qsizetype index)
     if (index < 2 || index - 2 >= m_arguments.size())
         invalidArgument(format(u"-[NSInvocation setArgument:atIndex:]: index (%ld) out of bounds [-1, %ld]",
                                index, m_signature.numberOfArguments() - 1));
-    m_arguments[index - 2] = coerceToTypeCode(value, m_signature.argumentTypeAt(index));
+    QVariant &slot = m_arguments[index - 2];
+    detail::replaceWith(slot, value);
+    coerceToTypeCodeInPlace(slot, m_signature.argumentTypeAt(index));
+}
+
+QVariant &Invocation::argumentSlotAtIndex(qsizetype index)
+{
+    if (index < 2 || index - 2 >= m_arguments.size())
+        invalidArgument(format(u"-[NSInvocation setArgument:atIndex:]: index (%ld) out of bounds [-1, %ld]",
+                               index, m_signature.numberOfArguments() - 1));
+    return m_arguments[index - 2];
 }
 
 QVariantList Invocation::arguments() const

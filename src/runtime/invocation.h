@@ -26,6 +26,10 @@ public:
     //! Stores `value` coerced to the code at `index`; positions 0 and 1 and
     //! positions past the signature raise NSInvalidArgumentException.
     void setArgumentAtIndex(const QVariant &value, qsizetype index);
+    //! The argument at `index` for a decoder to build in place (same bounds as
+    //! setArgumentAtIndex). It starts nil; the decoder leaves in it a value
+    //! already coerced to the argument's type code.
+    QVariant &argumentSlotAtIndex(qsizetype index);
     //! The real arguments, in order.
     QVariantList arguments() const;
     const QVariant *argumentData() const { return m_arguments.constData(); }

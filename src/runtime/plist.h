@@ -76,4 +76,10 @@ ZT_EXPORT QByteArray writeBinary(const QVariant &value, zt::Error *error = nullp
 ZT_EXPORT std::optional<QVariant> readBinary(QByteArrayView data, zt::Error *error = nullptr,
                                              const ReadLimits &limits = {});
 
+//! readBinary() into `out`, which must be nil: the value is built where it is
+//! to stay (a decoder's argument slot, say) instead of being moved there.
+//! Answers false, with `out` nil and *error set, for what readBinary refuses.
+ZT_EXPORT bool readBinaryInto(QByteArrayView data, QVariant &out, zt::Error *error = nullptr,
+                              const ReadLimits &limits = {});
+
 } // namespace zt::plist

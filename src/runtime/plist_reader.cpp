@@ -14,6 +14,7 @@
 #include "runtime/plist.h"
 #include "runtime/plist_p.h"
 #include "runtime/value.h"
+#include "runtime/variant_inplace_p.h"
 
 #include "runtime/format.h"
 
@@ -218,25 +219,10 @@ inline bool keyLess(const QString &a, const QString &b)
     return view(a) < view(b);
 }
 
-// The decoder fills values in place, into variants that are still nil (fresh
-// list elements and dictionary entries). A nil variant owns nothing, so it is
-// built over rather than assigned to: QVariant's assignment and clear() store
-// narrow and reload wide, which stalls, and a temporary variant moved in
-// costs the same.
-void copyInto(QVariant &out, const QVariant &value)
-{
-    Q_ASSERT(!out.isValid());
-    new (&out) QVariant(value);
-}
-
-//! Makes the nil `out` hold a default T and answers it, to be filled in place.
-template<typename T> T &emplaceIn(QVariant &out)
-{
-    static_assert(QVariant::Private::CanUseInternalSpace<T>, "held in place, never shared");
-    static const QVariant prototype = QVariant::fromValue(T());
-    copyInto(out, prototype);
-    return *static_cast<T *>(const_cast<void *>(out.constData()));
-}
+// The decoder fills values in place, into the variants they land in (fresh
+// list elements and dictionary entries, still nil): see variant_inplace_p.h.
+using zt::detail::copyInto;
+using zt::detail::emplaceIn;
 
 KeyCache &threadKeyCache()
 {
@@ -248,7 +234,7 @@ class Reader
 {
 public:
     Reader(QByteArrayView data, const ReadLimits &limits);
-    std::optional<QVariant> read(Error *error);
+    bool read(QVariant &out, Error *error);
 
 private:
     enum class State : quint8
@@ -739,29 +725,37 @@ bool Reader::decode(quint64 index, int level, QVariant &out)
     return true;
 }
 
-std::optional<QVariant> Reader::read(Error *error)
+bool Reader::read(QVariant &out, Error *error)
 {
     bool ok = parseTrailer();
-    QVariant result;
     if (ok) {
         m_slots.resize(qsizetype(m_count));
         std::memset(static_cast<void *>(m_slots.data()), 0, size_t(m_count) * sizeof(Slot));
-        ok = value(m_top, 1, result);
+        ok = value(m_top, 1, out);
     }
     if (!ok) {
+        out = QVariant();
         if (error)
             *error = Error(detail::errorDomain(), ReadCorruptErrorCode, m_failure);
-        return std::nullopt;
     }
-    return result;
+    return ok;
 }
 
 } // namespace
 
 std::optional<QVariant> readBinary(QByteArrayView data, Error *error, const ReadLimits &limits)
 {
+    QVariant result;
+    if (!readBinaryInto(data, result, error, limits))
+        return std::nullopt;
+    return result;
+}
+
+bool readBinaryInto(QByteArrayView data, QVariant &out, Error *error, const ReadLimits &limits)
+{
+    Q_ASSERT(!out.isValid());
     Reader reader(data, limits);
-    return reader.read(error);
+    return reader.read(out, error);
 }
 
 } // namespace zt::plist

@@ -1,4 +1,5 @@
 #include "runtime/signature.h"
+#include "runtime/variant_inplace_p.h"
 
 namespace zt {
 
@@ -126,6 +127,57 @@ QVariant coerceToTypeCode(const QVariant &value, const QByteArray &code)
     default:
         return value;
     }
+}
+
+namespace {
+
+// Whether coerceToTypeCode() would answer `value` itself.
+bool alreadyCoerced(const QVariant &value, char code)
+{
+    const auto signedFits = [&](auto narrow) {
+        if (value.typeId() != QMetaType::LongLong)
+            return false;
+        const qlonglong v = *static_cast<const qlonglong *>(value.constData());
+        return v == qlonglong(decltype(narrow)(v));
+    };
+    const auto unsignedFits = [&](auto narrow) {
+        if (value.typeId() != QMetaType::ULongLong)
+            return false;
+        const qulonglong v = *static_cast<const qulonglong *>(value.constData());
+        return v == qulonglong(decltype(narrow)(v));
+    };
+    switch (code) {
+    case 'c':
+        return value.typeId() == QMetaType::Bool;
+    case 'C':
+        return unsignedFits(quint8());
+    case 's':
+        return signedFits(qint16());
+    case 'S':
+        return unsignedFits(quint16());
+    case 'i':
+        return signedFits(qint32());
+    case 'I':
+        return unsignedFits(quint32());
+    case 'q':
+        return value.typeId() == QMetaType::LongLong;
+    case 'Q':
+        return value.typeId() == QMetaType::ULongLong;
+    case 'f':
+    case 'd':
+        return value.typeId() == QMetaType::Double;
+    default:
+        return true;
+    }
+}
+
+} // namespace
+
+void coerceToTypeCodeInPlace(QVariant &value, const QByteArray &code)
+{
+    if (code.size() != 1 || alreadyCoerced(value, code[0]))
+        return;
+    detail::replaceWith(value, coerceToTypeCode(value, code));
 }
 
 Protocol::Protocol(QString name, std::initializer_list<std::pair<const char *, const char *>> requiredMethods)

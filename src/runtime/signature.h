@@ -88,6 +88,9 @@ ZT_EXPORT qsizetype typeCodeWidth(const QByteArray &code);
 //! Converts a value to the kind a type code holds ("c" a boolean, "i" a 32-bit
 //! signed integer …); "@" values pass unchanged.
 ZT_EXPORT QVariant coerceToTypeCode(const QVariant &value, const QByteArray &code);
+//! coerceToTypeCode() applied to `value` where it stands; a value that is
+//! already what the code makes of it is left untouched.
+ZT_EXPORT void coerceToTypeCodeInPlace(QVariant &value, const QByteArray &code);
 
 //! A named list of method descriptions (selector -> signature) that a remote
 //! object offers. Protocols are plain values, usually defined once as statics.

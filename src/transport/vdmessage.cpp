@@ -4,6 +4,8 @@
 #include "runtime/exception.h"
 #include "runtime/format.h"
 #include "runtime/logging.h"
+#include "runtime/plist.h"
+#include "runtime/variant_inplace_p.h"
 
 #include <QtEndian>
 #include <algorithm>
@@ -61,22 +63,27 @@ QByteArray cachedStringPayload(const QString &s)
     return data;
 }
 
-std::optional<QVariant> readPayload(QByteArrayView payload, zt::Error *error,
-                                    const zt::plist::ReadLimits &limits)
+// Decodes a property-list payload into the nil `out`. Short strings (keys,
+// object IDs) repeat in every message, so their payloads are cached per thread.
+bool readPayloadInto(QByteArrayView payload, QVariant &out, zt::Error *error,
+                     const zt::plist::ReadLimits &limits)
 {
     thread_local QHash<QByteArray, QString> cache;
     if (payload.size() <= CachedPayloadLimit) {
         const QByteArray key = QByteArray::fromRawData(payload.data(), payload.size());
-        if (auto it = cache.constFind(key); it != cache.cend())
-            return QVariant(*it);
+        if (auto it = cache.constFind(key); it != cache.cend()) {
+            zt::detail::emplaceIn<QString>(out) = *it;
+            return true;
+        }
     }
-    std::optional<QVariant> value = zt::plist::readBinary(payload, error, limits);
-    if (value && payload.size() <= CachedPayloadLimit && value->typeId() == QMetaType::QString) {
+    if (!zt::plist::readBinaryInto(payload, out, error, limits))
+        return false;
+    if (payload.size() <= CachedPayloadLimit && out.typeId() == QMetaType::QString) {
         if (cache.size() >= StringCacheLimit)
             cache.clear();
-        cache.insert(payload.toByteArray(), value->toString());
+        cache.insert(payload.toByteArray(), *static_cast<const QString *>(out.constData()));
     }
-    return value;
+    return true;
 }
 
 [[noreturn]] void unknownFormat(const QVariant &value, const QByteArray &code, const zt::Selector &selector)
@@ -122,12 +129,13 @@ QByteArray payloadFor(const QVariant &value, const QByteArray &code, const zt::S
     return data;
 }
 
-QVariant convertForCode(const QVariant &decoded, const QByteArray &code, const zt::Selector &selector)
+// Brings a decoded argument to its type code where it stands.
+void convertForCode(QVariant &decoded, const QByteArray &code, const zt::Selector &selector)
 {
     if (code == "@")
-        return decoded;
+        return;
     if (code == "s" || code == "i" || code == "q" || code == "c" || code == "I" || code == "Q")
-        return zt::coerceToTypeCode(decoded, code);
+        return zt::coerceToTypeCodeInPlace(decoded, code);
     unknownFormat(decoded, code, selector);
 }
 
@@ -257,23 +265,20 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
     for (quint64 i = 0; i < k; ++i) {
         const quint64 l = readWord(body, cursor);
         const QByteArrayView payload = readBytes(body, cursor, l);
-        QVariant decoded;
+        const qsizetype position = qsizetype(i) + 2;
+        // Decoded straight into the invocation's argument, which starts nil.
+        QVariant &decoded = invocation.argumentSlotAtIndex(position);
         if (payload.isEmpty()) {
             // nil and the null marker both arrive as nil
         } else if (isIndexSetData(payload)) {
-            decoded = QVariant::fromValue(indexSetFromData(payload));
+            zt::detail::copyInto(decoded, QVariant::fromValue(indexSetFromData(payload)));
         } else {
             zt::Error error;
-            std::optional<QVariant> value = readPayload(payload, &error, limits.plist);
-            if (value)
-                decoded = std::move(*value);
-            else
+            if (!readPayloadInto(payload, decoded, &error, limits.plist))
                 zt::log(ztTransport, u"Could not deserialize %@ (%@)", payload.toByteArray(),
                         QString::fromLatin1(selector));
         }
-        const qsizetype position = qsizetype(i) + 2;
-        invocation.setArgumentAtIndex(convertForCode(decoded, signature.argumentTypeAt(position), selector),
-                                      position);
+        convertForCode(decoded, signature.argumentTypeAt(position), selector);
     }
     return invocation;
 }
