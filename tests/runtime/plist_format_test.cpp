@@ -114,38 +114,24 @@ TEST(PlistWriter, ReferenceAndOffsetWidths)
     }
 }
 
+// Values that come back as another kind or form; values that come back as
+// they went are checked against plistlib in plist_oracle_test.cpp.
 TEST(PlistRoundTrip, KindAndValue)
 {
     // 12:00 at UTC+02:00 is 10:00 UTC.
     const QDateTime offsetDate(QDate(2020, 5, 17), QTime(12, 0, 0, 123), QTimeZone(7200));
-    const qlonglong int64Min = std::numeric_limits<qlonglong>::min();
-    const qlonglong int64Max = std::numeric_limits<qlonglong>::max();
-    const qulonglong uint64Max = std::numeric_limits<qulonglong>::max();
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    const QVariant uidMax = QVariant::fromValue(Uid{uint64Max});
     const struct
     {
         const char *name;
         QVariant in, out;
     } rows[] = {
-        {"true_stays_bool", true, true},
-        {"false_stays_bool", false, false},
-        {"minus_one_stays_signed", qlonglong(-1), qlonglong(-1)},
-        {"int64_min", int64Min, int64Min},
-        {"int64_max", int64Max, int64Max},
-        {"uint64_max_stays_unsigned", uint64Max, uint64Max},
-        {"two_to_63_stays_unsigned", qulonglong(1) << 63, qulonglong(1) << 63},
         {"small_unsigned_reads_signed", qulonglong(5), qlonglong(5)},
         {"int_reads_int64", QVariant(int(-7)), qlonglong(-7)},
         {"float_reads_double", QVariant(1.25f), 1.25},
-        {"negative_zero", -0.0, -0.0},
-        {"nan", nan, nan},
         {"date_in_other_zone_reads_same_instant_in_utc", offsetDate, utcDate(offsetDate.toMSecsSinceEpoch())},
-        {"date_before_1970", utcDate(-86400001), utcDate(-86400001)},
         {"null_string_reads_empty", QString(), QStringLiteral("")},
         {"string_list_reads_array", QStringList{QStringLiteral("a"), QStringLiteral("\u00e9")},
          QVariantList{QStringLiteral("a"), QStringLiteral("\u00e9")}},
-        {"uid_max", uidMax, uidMax},
         {"nested_at_write_limit", nested(plist::MaxWriteDepth), nested(plist::MaxWriteDepth)},
     };
     for (const auto &row : rows) {
