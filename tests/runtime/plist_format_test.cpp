@@ -37,55 +37,45 @@ QVariantList numbers(int first, int n)
 
 TEST(PlistWriter, ExactBytes)
 {
-    // Whole files; the trailer is 6 unused bytes, the offset and reference
-    // sizes, the object count, the top object and the offset table's position.
     const struct
     {
         const char *name;
         QVariant value;
-        const char *hex;
+        const char *objects, *offsets; // the trailer follows from them
     } rows[] = {
         // Integers in 1, 2, 4 and 8 bytes by magnitude; negatives always 8.
         {"integer_widths", QVariantList{255, 256, 65536, qlonglong(1) << 32, -1},
-         "62706c6973743030 a5 0102030405 10ff 110100 1200010000 130000000100000000 13ffffffffffffffff"
-         " 080e10131821 000000000000 0101 0000000000000006 0000000000000000 000000000000002a"},
+         "a5 0102030405 10ff 110100 1200010000 130000000100000000 13ffffffffffffffff", "080e10131821"},
         {"unsigned_above_int64_in_16_bytes", std::numeric_limits<qulonglong>::max(),
-         "62706c6973743030 14 0000000000000000 ffffffffffffffff 08"
-         " 000000000000 0101 0000000000000001 0000000000000000 0000000000000019"},
+         "14 0000000000000000 ffffffffffffffff", "08"},
         // ASCII as bytes, anything else as UTF-16BE, equal strings once.
         {"strings_ascii_utf16_shared",
          QVariantList{QStringLiteral("abc"), QStringLiteral("\u00e9"), QStringLiteral("abc")},
-         "62706c6973743030 a3 010201 53616263 6100e9 080c10"
-         " 000000000000 0101 0000000000000003 0000000000000000 0000000000000013"},
+         "a3 010201 53616263 6100e9", "080c10"},
         // Keys before values; one object per boolean value.
         {"dictionary_keys_first_booleans_shared",
          QVariantMap{{QStringLiteral("a"), QVariantList{false, true}}, {QStringLiteral("b"), true}},
-         "62706c6973743030 d2 01020305 5161 5162 a20405 08 09 080d0f111415"
-         " 000000000000 0101 0000000000000006 0000000000000000 0000000000000016"},
+         "d2 01020305 5161 5162 a20405 08 09", "080d0f111415"},
         {"extended_count", numbers(0, 15),
-         "62706c6973743030 af100f 0102030405060708090a0b0c0d0e0f"
-         " 1000 1001 1002 1003 1004 1005 1006 1007 1008 1009 100a 100b 100c 100d 100e"
-         " 081a1c1e20222426282a2c2e30323436"
-         " 000000000000 0101 0000000000000010 0000000000000000 0000000000000038"},
-        {"date_seconds_since_2001", utcDate(978307201500),
-         "62706c6973743030 33 3ff8000000000000 08"
-         " 000000000000 0101 0000000000000001 0000000000000000 0000000000000011"},
-        {"data", QByteArray("\x00\x01", 2),
-         "62706c6973743030 42 0001 08 000000000000 0101 0000000000000001 0000000000000000 000000000000000b"},
-        {"uid", QVariant::fromValue(Uid{1}),
-         "62706c6973743030 80 01 08 000000000000 0101 0000000000000001 0000000000000000 000000000000000a"},
-        {"float_as_float32", QVariant(1.5f),
-         "62706c6973743030 22 3fc00000 08 000000000000 0101 0000000000000001 0000000000000000 "
-         "000000000000000d"},
-        {"real_as_float64", QVariant(-0.0),
-         "62706c6973743030 23 8000000000000000 08"
-         " 000000000000 0101 0000000000000001 0000000000000000 0000000000000011"},
+         "af100f 0102030405060708090a0b0c0d0e0f"
+         " 1000 1001 1002 1003 1004 1005 1006 1007 1008 1009 100a 100b 100c 100d 100e",
+         "081a1c1e20222426282a2c2e30323436"},
+        {"date_seconds_since_2001", utcDate(978307201500), "33 3ff8000000000000", "08"},
+        {"data", QByteArray("\x00\x01", 2), "42 0001", "08"},
+        {"uid", QVariant::fromValue(Uid{1}), "80 01", "08"},
+        {"float_as_float32", QVariant(1.5f), "22 3fc00000", "08"},
+        {"real_as_float64", QVariant(-0.0), "23 8000000000000000", "08"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        EXPECT_EQ(plist::writeBinary(row.value).toHex().toStdString(),
-                  hexBytes(row.hex).toHex().toStdString());
-        const auto read = plist::readBinary(hexBytes(row.hex));
+        const QByteArray objects = hexBytes(row.objects), offsets = hexBytes(row.offsets);
+        // Trailer: 6 unused bytes, 1-byte offsets and references, the object
+        // count, top object 0, and where the offset table starts.
+        const QByteArray file = "bplist00" + objects + offsets + QByteArray(6, '\0') + "\x01\x01" +
+                                Assembly::bigEndian(quint64(offsets.size()), 8) + Assembly::bigEndian(0, 8) +
+                                Assembly::bigEndian(quint64(8 + objects.size()), 8);
+        EXPECT_EQ(plist::writeBinary(row.value).toHex().toStdString(), file.toHex().toStdString());
+        const auto read = plist::readBinary(file);
         ASSERT_TRUE(read.has_value());
         EXPECT_TRUE(sameValue(*read, row.value));
     }
