@@ -1,7 +1,6 @@
 // Keyed archives: round trips of values and object graphs, and malformed
 // archives that must fail cleanly.
 
-#include "runtime/exception.h"
 #include "runtime/plist.h"
 #include "sample.h"
 
@@ -22,12 +21,14 @@ QVariant uid(quint64 v)
     return QVariant::fromValue(Uid{v});
 }
 
-QByteArray archiveWith(const QVariantList &objects, const QVariantMap &top)
+// An archive of the given objects whose root is object `root`.
+QByteArray archiveWith(const QVariantList &objects, quint64 root = 1)
 {
-    return plist::writeBinary(QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")},
-                                          {QStringLiteral("$version"), qint64(100000)},
-                                          {QStringLiteral("$top"), top},
-                                          {QStringLiteral("$objects"), objects}});
+    return plist::writeBinary(
+        QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")},
+                    {QStringLiteral("$version"), qint64(100000)},
+                    {QStringLiteral("$top"), QVariantMap{{QStringLiteral("root"), uid(root)}}},
+                    {QStringLiteral("$objects"), objects}});
 }
 } // namespace
 
@@ -92,7 +93,11 @@ TEST(KeyedArchive, SharedObjectsAndCyclesSurvive)
 TEST(KeyedArchive, ObjectsThatDoNotArchiveThemselvesAreRefused)
 {
     auto rec = make<Recorder>();
-    EXPECT_THROW(KeyedArchiver::archivedDataWithRootObject(objectValue(rec.get())), Exception);
+    QString reason;
+    EXPECT_EQ(raisedName([&] { KeyedArchiver::archivedDataWithRootObject(objectValue(rec.get())); }, &reason),
+              QStringLiteral("NSInvalidArgumentException"));
+    EXPECT_EQ(reason, QStringLiteral("-[NSKeyedArchiver encodeObject:forKey:]: object of class Recorder does "
+                                     "not support keyed archiving"));
 }
 
 TEST(KeyedArchive, MalformedArchivesFailWithAnError)
@@ -100,6 +105,9 @@ TEST(KeyedArchive, MalformedArchivesFailWithAnError)
     const QVariant nul = QStringLiteral("$null");
     const QVariantMap arrayClass{{QStringLiteral("$classname"), QStringLiteral("NSArray")},
                                  {QStringLiteral("$classes"), QVariantList{QStringLiteral("NSArray")}}};
+    const auto array = [](const QVariantList &elements) {
+        return QVariantMap{{QStringLiteral("$class"), uid(2)}, {QStringLiteral("NS.objects"), elements}};
+    };
     const struct Row
     {
         const char *name;
@@ -110,24 +118,13 @@ TEST(KeyedArchive, MalformedArchivesFailWithAnError)
          plist::writeBinary(QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("X")}})},
         {"no objects",
          plist::writeBinary(QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")}})},
-        {"root past the table", archiveWith({nul}, {{QStringLiteral("root"), uid(5)}})},
+        {"root past the table", archiveWith({nul}, 5)},
         {"unknown class",
          archiveWith({nul, QVariantMap{{QStringLiteral("$class"), uid(2)}},
-                      QVariantMap{{QStringLiteral("$classname"), QStringLiteral("NoSuchClass")}}},
-                     {{QStringLiteral("root"), uid(1)}})},
-        {"array refers to itself",
-         archiveWith({nul,
-                      QVariantMap{{QStringLiteral("$class"), uid(2)},
-                                  {QStringLiteral("NS.objects"), QVariantList{uid(1)}}},
-                      arrayClass},
-                     {{QStringLiteral("root"), uid(1)}})},
-        {"class reference is no UID",
-         archiveWith({nul, QVariantMap{{QStringLiteral("$class"), 2}}}, {{QStringLiteral("root"), uid(1)}})},
-        {"array element is no UID", archiveWith({nul,
-                                                 QVariantMap{{QStringLiteral("$class"), uid(2)},
-                                                             {QStringLiteral("NS.objects"), QVariantList{7}}},
-                                                 arrayClass},
-                                                {{QStringLiteral("root"), uid(1)}})},
+                      QVariantMap{{QStringLiteral("$classname"), QStringLiteral("NoSuchClass")}}})},
+        {"array refers to itself", archiveWith({nul, array({uid(1)}), arrayClass})},
+        {"class reference is no UID", archiveWith({nul, QVariantMap{{QStringLiteral("$class"), 2}}})},
+        {"array element is no UID", archiveWith({nul, array({7}), arrayClass})},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);

@@ -1,6 +1,5 @@
-// The immutable dictionary the property-list reader produces must stand in for
-// a QVariantMap everywhere a dictionary value is used, and the interned keys
-// behind it must stay correct across threads and after mutation.
+// The reader's immutable dictionary stands in for a QVariantMap everywhere;
+// its interned keys stay correct across threads and after mutation.
 
 #include "runtime/dictionary.h"
 #include "runtime/kvc.h"
@@ -90,8 +89,7 @@ TEST(Dictionary, LookupAndEquality)
     EXPECT_TRUE(valuesEqual(QVariant::fromValue(Dictionary(QVariantMap{})), QVariantMap{}));
 }
 
-// Keys are interned for the life of the process and shared by every decoded
-// dictionary; changing a copy must never reach the shared characters.
+// Interned keys are shared by every decoded dictionary: a changed copy must not reach them.
 TEST(Dictionary, InternedKeysSurviveMutationOfACopy)
 {
     const QVariantMap map{{QStringLiteral("nick"), 1}};

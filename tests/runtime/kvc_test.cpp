@@ -1,42 +1,18 @@
 // Key-value coding: accessor search, key paths, collections, undefined keys,
 // and the ordered to-many view.
 
-#include "runtime/exception.h"
 #include "sample.h"
 
 using namespace zt;
 
-namespace {
-
-Ref<Sample> makeTree()
+TEST(KeyValueCoding, ReadsThroughEachAccessorStyleAndKeyPaths)
 {
     auto root = make<Sample>();
     root->setName(QStringLiteral("root"));
-    auto child = make<Sample>();
-    child->setName(QStringLiteral("leaf"));
-    child->setCount(7);
-    root->setChild(child);
-    return root;
-}
-
-QString raisedName(const std::function<void()> &f, QString *reason = nullptr)
-{
-    try {
-        f();
-    } catch (const Exception &e) {
-        if (reason)
-            *reason = e.reason();
-        return e.name();
-    }
-    return {};
-}
-
-} // namespace
-
-TEST(KeyValueCoding, ReadsThroughEachAccessorStyleAndKeyPaths)
-{
-    auto root = makeTree();
     root->setEnabled(true);
+    root->setChild(make<Sample>());
+    root->child()->setName(QStringLiteral("leaf"));
+    root->child()->setCount(7);
     struct Row
     {
         const char *path;
@@ -60,11 +36,12 @@ TEST(KeyValueCoding, ReadsThroughEachAccessorStyleAndKeyPaths)
 
 TEST(KeyValueCoding, ToManyWithoutGetterIsAssembledFromIndexedAccessors)
 {
-    auto c = make<Counted>();
-    EXPECT_TRUE(valuesEqual(c->valueForKey(QStringLiteral("numbers")),
+    auto s = make<Sample>();
+    EXPECT_TRUE(valuesEqual(s->valueForKey(QStringLiteral("numbers")),
                             QVariantList{qint64(0), qint64(10), qint64(20)}));
-    EXPECT_EQ(c->mutableArrayValueForKey(QStringLiteral("numbers")).objectAtIndex(2).toLongLong(), 20);
-    EXPECT_EQ(c->mutableArrayValueForKey(QStringLiteral("numbers")).count(), 3);
+    const MutableArrayProxy numbers = s->mutableArrayValueForKey(QStringLiteral("numbers"));
+    EXPECT_EQ(numbers.objectAtIndex(2).toLongLong(), 20);
+    EXPECT_EQ(numbers.count(), 3);
 }
 
 TEST(KeyValueCoding, CollectionsAnswerElementWise)

@@ -16,6 +16,8 @@ void Sample::registerMembers(zt::ClassBuilder<Sample> &b)
     b.method("objectInItemsAtIndex:", &Sample::objectInItemsAtIndex);
     b.method("insertItems:atIndexes:", &Sample::insertItemsAtIndexes);
     b.method("removeItemsAtIndexes:", &Sample::removeItemsAtIndexes);
+    b.method("countOfNumbers", &Sample::countOfNumbers);
+    b.method("objectInNumbersAtIndex:", &Sample::objectInNumbersAtIndex);
     b.property("tags", &Sample::tags, &Sample::setTags);
     b.method("add:to:", &Sample::add);
     b.method("flip:", &Sample::flip);
@@ -25,11 +27,3 @@ void Sample::registerMembers(zt::ClassBuilder<Sample> &b)
 ZT_DEFINE_CLASS(Recorder)
 
 void Recorder::registerMembers(zt::ClassBuilder<Recorder> &) {}
-
-ZT_DEFINE_CLASS(Counted)
-
-void Counted::registerMembers(zt::ClassBuilder<Counted> &b)
-{
-    b.method("countOfNumbers", &Counted::countOfNumbers);
-    b.method("objectInNumbersAtIndex:", &Counted::objectInNumbersAtIndex);
-}

@@ -1,15 +1,17 @@
 #pragma once
 // Small classes that exercise the runtime the way model classes do.
 
+#include "runtime/exception.h"
 #include "runtime/invocation.h"
 #include "runtime/keyedarchive.h"
 #include "runtime/kvc.h"
 #include "runtime/object.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 
 // A node with announced properties, an ordered to-many list with indexed
-// accessors, a list with only a setter, and a derived key.
+// accessors, one with no getter, a list with only a setter, and a derived key.
 class Sample : public zt::Object, public zt::Coding
 {
     ZT_OBJECT(Sample, zt::Object)
@@ -40,6 +42,10 @@ public:
         for (auto r = indexes.ranges().rbegin(); r != indexes.ranges().rend(); ++r)
             m_items.remove(qsizetype(r->location), qsizetype(r->length));
     }
+
+    // "numbers": no getter, only countOfNumbers and objectInNumbersAtIndex:.
+    quint64 countOfNumbers() const { return 3; }
+    qint64 objectInNumbersAtIndex(quint64 i) const { return qint64(i * 10); }
 
     // "tags": only a getter and a setter.
     QVariantList tags() const { return m_tags; }
@@ -80,15 +86,6 @@ private:
     QVariantList m_tags;
 };
 
-// A to-many key with no getter: only countOfNumbers and objectInNumbersAtIndex:.
-class Counted : public zt::Object
-{
-    ZT_OBJECT(Counted, zt::Object)
-public:
-    quint64 countOfNumbers() const { return 3; }
-    qint64 objectInNumbersAtIndex(quint64 i) const { return qint64(i * 10); }
-};
-
 // Records every notification it receives.
 class Recorder : public zt::Object
 {
@@ -110,3 +107,17 @@ public:
     QList<Note> notes;
     std::function<void()> onNote;
 };
+
+//! The name of the exception `f` raises (and its reason in *reason), or an
+//! empty string when it raises none.
+inline QString raisedName(const std::function<void()> &f, QString *reason = nullptr)
+{
+    try {
+        f();
+    } catch (const zt::Exception &e) {
+        if (reason)
+            *reason = e.reason();
+        return e.name();
+    }
+    return {};
+}
