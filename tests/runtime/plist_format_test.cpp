@@ -256,8 +256,8 @@ TEST(PlistReader, SharedContainerIsDecodedOnceAndShared)
 // differ only in their middle bytes must still come back exactly, twice.
 TEST(PlistReader, ManyDistinctKeysReadBackExactly)
 {
-    QVariantMap map;
-    for (int i = 0; i < 3000; ++i)
+    QVariantMap map; // more keys than the process-wide pool interns: the rest are allocated
+    for (int i = 0; i < 9000; ++i)
         map.insert(QStringLiteral("k%1").arg(i), i);
     for (int i = 0; i < 50; ++i) {
         map.insert(QStringLiteral("prefix-%1-suffix-that-makes-the-key-long-enough").arg(i), i);

@@ -16,14 +16,14 @@ using plisttest::tokens;
 
 namespace {
 
-// Random property lists of every kind, reproducible from the seed. Only values
+// Random property lists of every kind, reproducible from the starting state. Only values
 // that read back exactly are made: unsigned integers only above INT64_MAX,
 // dates on whole milliseconds in years 1 to 9999 (the range of Python's
 // datetime), no NaN and no zero (plistlib shares 0.0 and -0.0 as one object).
 class Generator
 {
 public:
-    explicit Generator(quint64 seed) : m_rng(seed) {}
+    explicit Generator(quint64 start) : m_rng(start) {}
 
     QVariant value(int depth)
     {
