@@ -282,7 +282,9 @@ TEST(KORegexEnumerator, AgreesWithRepeatedRangedFinds)
             location = r.end() + (r.length == 0 ? 1 : 0);
             if (location > subject.size())
                 break;
-            manual += (manual.empty() ? "" : " ") + rangeText(r);
+            if (!manual.empty())
+                manual += ' ';
+            manual += rangeText(r);
         }
         EXPECT_EQ(rangesOf(regex->findAllInString(subject)), manual);
     }
