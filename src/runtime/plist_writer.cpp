@@ -77,6 +77,7 @@ private:
     qsizetype flatten(const QVariant &value, int depth);
     qsizetype flattenString(const QString &s);
     qsizetype flattenContainer(const QVariant &value, int depth);
+    template<typename It> qsizetype flattenEntries(It first, It last, qsizetype n, int depth);
     qsizetype addScalar(Object object, quint64 hash);
     qsizetype addObject(const Object &object);
     qsizetype fail(QString reason);
@@ -195,6 +196,48 @@ qsizetype Writer::flattenString(const QString &s)
     return addScalar(o, hashBytes(reinterpret_cast<const uchar *>(units), 2 * n, 0x5a));
 }
 
+// A dictionary's entries, from a QVariantMap or a Dictionary: all keys
+// first, then all values.
+inline const QString &keyOf(const Dictionary::Entry &e)
+{
+    return e.key;
+}
+inline const QVariant &valueOf(const Dictionary::Entry &e)
+{
+    return e.value;
+}
+template<typename Pair> const QString &keyOf(const Pair &kv)
+{
+    return kv.first;
+}
+template<typename Pair> const QVariant &valueOf(const Pair &kv)
+{
+    return kv.second;
+}
+
+template<typename It> qsizetype Writer::flattenEntries(It first, It last, qsizetype n, int depth)
+{
+    const qsizetype index = m_objects.size();
+    Object o{};
+    o.kind = Kind::Dict;
+    o.count = n;
+    o.firstRef = m_refs.size();
+    o.headerSize = 1 + countSize(n);
+    m_objects.append(o);
+    m_headerBytes += o.headerSize;
+    m_refs.resize(o.firstRef + 2 * n);
+    qsizetype at = o.firstRef;
+    for (It it = first; it != last; ++it)
+        m_refs[at++] = flattenString(keyOf(*it));
+    for (It it = first; it != last; ++it) {
+        const qsizetype child = flatten(valueOf(*it), depth + 1);
+        if (child < 0)
+            return -1;
+        m_refs[at++] = child;
+    }
+    return index;
+}
+
 qsizetype Writer::flattenContainer(const QVariant &value, int depth)
 {
     if (depth >= MaxWriteDepth)
@@ -203,24 +246,13 @@ qsizetype Writer::flattenContainer(const QVariant &value, int depth)
     const qsizetype index = m_objects.size();
     Object o{};
     const int type = value.typeId();
-    if (type == QMetaType::QVariantMap || value.metaType() == QMetaType::fromType<Dictionary>()) {
-        const qsizetype n = entryCount(value);
-        o.kind = Kind::Dict;
-        o.count = n;
-        o.firstRef = m_refs.size();
-        o.headerSize = 1 + countSize(n);
-        m_objects.append(o);
-        m_headerBytes += o.headerSize;
-        m_refs.resize(o.firstRef + 2 * n);
-        qsizetype at = o.firstRef;
-        forEachEntry(value, [&](const QString &key, const QVariant &) { m_refs[at++] = flattenString(key); });
-        bool ok = true;
-        forEachEntry(value, [&](const QString &, const QVariant &entry) {
-            const qsizetype child = ok ? flatten(entry, depth + 1) : -1;
-            ok = child >= 0;
-            m_refs[at++] = child;
-        });
-        return ok ? index : -1;
+    if (type == QMetaType::QVariantMap) {
+        const QVariantMap &map = *static_cast<const QVariantMap *>(value.constData());
+        return flattenEntries(map.keyValueBegin(), map.keyValueEnd(), map.size(), depth);
+    }
+    if (value.metaType() == QMetaType::fromType<Dictionary>()) {
+        const Dictionary &dict = *static_cast<const Dictionary *>(value.constData());
+        return flattenEntries(dict.begin(), dict.end(), dict.size(), depth);
     }
     o.kind = Kind::Array;
     o.firstRef = m_refs.size();
