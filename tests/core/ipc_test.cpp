@@ -10,6 +10,7 @@
 #include "runtime/plist.h"
 #include "runtime/process.h"
 #include "support/log_capture.h"
+#include "support/raised.h"
 
 #include <gtest/gtest.h>
 
@@ -193,16 +194,7 @@ protected:
     TestDelegate delegate;
 };
 
-//! The name and reason of what `f` raises; empty if nothing.
-inline std::pair<QString, QString> raised(const std::function<void()> &f)
-{
-    try {
-        f();
-    } catch (const zt::Exception &e) {
-        return {e.name(), e.reason()};
-    }
-    return {};
-}
+using zttest::raised;
 
 ZT_DEFINE_CLASS(TestNode)
 

@@ -6,6 +6,7 @@
 #include "runtime/keyedarchive.h"
 #include "runtime/kvc.h"
 #include "runtime/object.h"
+#include "support/raised.h"
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -112,12 +113,8 @@ public:
 //! empty string when it raises none.
 inline QString raisedName(const std::function<void()> &f, QString *reason = nullptr)
 {
-    try {
-        f();
-    } catch (const zt::Exception &e) {
-        if (reason)
-            *reason = e.reason();
-        return e.name();
-    }
-    return {};
+    const auto [name, why] = zttest::raised(f);
+    if (reason)
+        *reason = why;
+    return name;
 }

@@ -16,6 +16,7 @@ inline void PrintTo(const QString &s, std::ostream *os)
 #include "runtime/exception.h"
 #include "runtime/plist.h"
 #include "support/log_capture.h"
+#include "support/raised.h"
 #include "transport/vdmessage.h"
 
 #include <QtEndian>
@@ -147,15 +148,6 @@ inline QString render(const QVariant &v)
     }
 }
 
-//! The name and reason of what `f` raises; empty if nothing.
-inline std::pair<QString, QString> raised(const std::function<void()> &f)
-{
-    try {
-        f();
-    } catch (const zt::Exception &e) {
-        return {e.name(), e.reason()};
-    }
-    return {};
-}
+using zttest::raised;
 
 } // namespace vdtest
