@@ -69,6 +69,15 @@ ZT_EXPORT bool isPropertyList(const QVariant &value);
 //! WriteInvalidErrorCode).
 ZT_EXPORT QByteArray writeBinary(const QVariant &value, zt::Error *error = nullptr);
 
+//! The most bytes writeScalarBinary() writes.
+inline constexpr qsizetype MaxScalarBinarySize = 8 + 17 + 1 + 32;
+
+//! writeBinary() for a lone boolean, integer or real, written straight to
+//! `out` (room for MaxScalarBinarySize bytes) without the general writer's
+//! tables: the same bytes, in a fraction of the time. Answers the number of
+//! bytes written, or 0 for any other value (use writeBinary()).
+ZT_EXPORT qsizetype writeScalarBinary(const QVariant &value, uchar *out);
+
 //! Parses a binary property list. Malformed input, or input beyond the
 //! limits, answers std::nullopt and sets *error ("NSCocoaErrorDomain",
 //! ReadCorruptErrorCode, a description of the fault). Containers come back

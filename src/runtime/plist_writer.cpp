@@ -503,6 +503,60 @@ QByteArray Writer::write(const QVariant &root, Error *error)
 
 } // namespace
 
+qsizetype writeScalarBinary(const QVariant &value, uchar *out)
+{
+    // One object at offset 8, one offset-table entry, the trailer.
+    using namespace format;
+    quint8 marker = 0;
+    quint64 bits = 0;
+    int width = 0;
+    const void *data = value.constData();
+    switch (value.typeId()) {
+    case QMetaType::Bool:
+        marker = *static_cast<const bool *>(data) ? True : False;
+        break;
+    case QMetaType::Int:
+        bits = quint64(qint64(*static_cast<const int *>(data)));
+        break;
+    case QMetaType::LongLong:
+        bits = quint64(*static_cast<const qint64 *>(data));
+        break;
+    case QMetaType::UInt:
+        bits = *static_cast<const uint *>(data);
+        break;
+    case QMetaType::ULongLong:
+        bits = *static_cast<const quint64 *>(data);
+        if (bits > quint64(std::numeric_limits<qint64>::max()))
+            return 0; // a 16-byte integer: the general writer
+        break;
+    case QMetaType::Double:
+        marker = Real | 3;
+        std::memcpy(&bits, data, 8);
+        width = 8;
+        break;
+    default:
+        return 0;
+    }
+    if (value.typeId() != QMetaType::Bool && value.typeId() != QMetaType::Double) {
+        width = qint64(bits) < 0 ? 8 : byteWidth(bits);
+        marker = Int | widthLog2(width);
+    }
+    const qsizetype tableOffset = MagicSize + 1 + width;
+    std::memcpy(out, Magic, MagicSize);
+    uchar *p = out + MagicSize;
+    *p++ = marker;
+    writeBigEndian(p, bits, width);
+    p += width;
+    *p++ = uchar(MagicSize); // the offset table: the object at 8
+    std::memset(p, 0, 6);
+    p[6] = 1; // offset width
+    p[7] = 1; // reference width
+    writeBigEndian(p + 8, 1, 8);
+    writeBigEndian(p + 16, 0, 8);
+    writeBigEndian(p + 24, quint64(tableOffset), 8);
+    return tableOffset + 1 + TrailerSize;
+}
+
 QByteArray writeBinary(const QVariant &value, Error *error)
 {
     Writer writer;

@@ -322,16 +322,34 @@ bool VDConnectionRemoteProxy::acceptsSelector(const zt::Selector &selector) cons
     return methodSignatureForSelector(selector).isValid();
 }
 
+void VDConnectionRemoteProxy::setProtocolForRemoteObject(const zt::Protocol *protocol)
+{
+    m_remoteProtocol = protocol;
+    m_signatureCache = {};
+}
+
 zt::MethodSignature VDConnectionRemoteProxy::methodSignatureForSelector(const zt::Selector &selector) const
 {
+    // Only selectors that own their characters can be recognised by address.
+    CachedSignature *slot = nullptr;
+    if (const_cast<zt::Selector &>(selector).data_ptr().d_ptr()) { // no detach: only reads
+        slot = &m_signatureCache[(quintptr(selector.constData()) >> 4) % m_signatureCache.size()];
+        if (slot->selector.constData() == selector.constData() && slot->selector.size() == selector.size())
+            return slot->signature;
+    }
+    auto remember = [&](const zt::MethodSignature &signature) {
+        if (slot)
+            *slot = {selector, signature};
+        return signature;
+    };
     if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))
-        return own->signature;
+        return remember(own->signature);
     const zt::Protocol *protocol =
         selector == vd::ReturnedValueSelector ? &vd::VDInternalVDConnectionProtocol() : m_remoteProtocol;
     if (protocol) {
         const zt::MethodSignature s = protocol->methodSignature(selector);
         if (s.isValid())
-            return s;
+            return remember(s);
     }
     const QString name = QString::fromLatin1(selector);
     if (name.startsWith(ZTIPCProxy::prefix())) {

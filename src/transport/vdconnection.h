@@ -29,6 +29,7 @@
 
 #include <QHash>
 #include <QMutex>
+#include <array>
 #include <functional>
 
 class VDConnection;
@@ -195,7 +196,7 @@ public:
     //! @sel initWithTarget:
     explicit VDConnectionRemoteProxy(VDConnection *target = nullptr) : m_target(target) {}
     //! @sel setProtocolForRemoteObject:
-    void setProtocolForRemoteObject(const zt::Protocol *protocol) { m_remoteProtocol = protocol; }
+    void setProtocolForRemoteObject(const zt::Protocol *protocol);
     //! @sel acceptsSelector:
     bool acceptsSelector(const zt::Selector &selector) const;
     zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override;
@@ -206,4 +207,14 @@ private:
     friend class VDConnection;
     VDConnection *m_target = nullptr; // the owning connection
     const zt::Protocol *m_remoteProtocol = nullptr;
+    // Signatures found in the class or the protocols, by the identity of the
+    // selector's characters (a slot keeps them alive, so an address names one
+    // selector while it is cached). Forwarded model calls are not cached:
+    // their answer depends on the directory.
+    struct CachedSignature
+    {
+        zt::Selector selector;
+        zt::MethodSignature signature;
+    };
+    mutable std::array<CachedSignature, 8> m_signatureCache;
 };

@@ -9,6 +9,7 @@
 
 #include <QtEndian>
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <vector>
 
@@ -43,24 +44,87 @@ QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 size)
     return body.sliced(qsizetype(r.location), qsizetype(r.length));
 }
 
-// Keys and object IDs repeat from one change message to the next: recent
-// string arguments are kept serialised (and, on the way in, parsed) per
-// thread. The tables are small and start over when full.
-constexpr qsizetype StringCacheLimit = 512;
-constexpr qsizetype CachedPayloadLimit = 160;
+// Keys, object IDs and selectors repeat from one message to the next, so the
+// recent short ones are kept per thread, serialised and parsed, in
+// direct-mapped tables: a look-up is one hash of the bytes and one compare,
+// a miss replaces the slot's entry.
+constexpr qsizetype CachedBytesLimit = 160;
 
-QByteArray cachedStringPayload(const QString &s)
+quint64 hashBytes(const char *p, qsizetype n)
 {
-    thread_local QHash<QString, QByteArray> cache;
-    if (auto it = cache.constFind(s); it != cache.cend())
-        return *it;
-    QByteArray data = zt::plist::writeBinary(s);
-    if (data.size() <= CachedPayloadLimit) {
-        if (cache.size() >= StringCacheLimit)
-            cache.clear();
-        cache.insert(s, data);
+    quint64 h = 0x9E3779B97F4A7C15ull ^ quint64(n);
+    for (; n >= 8; p += 8, n -= 8) {
+        quint64 w;
+        std::memcpy(&w, p, 8);
+        h = (h ^ w) * 0xFF51AFD7ED558CCDull;
+        h ^= h >> 29;
     }
-    return data;
+    if (n > 0) {
+        quint64 w = 0;
+        std::memcpy(&w, p, size_t(n));
+        h = (h ^ w) * 0xC4CEB9FE1A85EC53ull;
+    }
+    return h ^ (h >> 32);
+}
+
+template<typename Value, int Slots> class RecentBytes
+{
+public:
+    static_assert((Slots & (Slots - 1)) == 0);
+
+    //! The value stored for `bytes`, or null.
+    const Value *find(QByteArrayView bytes)
+    {
+        m_hash = hashBytes(bytes.data(), bytes.size());
+        const Slot &slot = m_slots[m_hash & (Slots - 1)];
+        if (slot.hash == m_hash && slot.bytes.size() == bytes.size() &&
+            std::memcmp(slot.bytes.constData(), bytes.data(), size_t(bytes.size())) == 0)
+            return &slot.value;
+        return nullptr;
+    }
+    //! Stores `value` for the bytes of the last find().
+    const Value &store(QByteArrayView bytes, Value value)
+    {
+        Slot &slot = m_slots[m_hash & (Slots - 1)];
+        slot.hash = m_hash;
+        slot.bytes = bytes.toByteArray();
+        slot.value = std::move(value);
+        return slot.value;
+    }
+
+private:
+    struct Slot
+    {
+        quint64 hash = 0;
+        QByteArray bytes;
+        Value value;
+    };
+    std::array<Slot, Slots> m_slots;
+    quint64 m_hash = 0;
+};
+
+// The serialised form of a string, valid until the next call on this thread.
+const QByteArray &cachedStringPayload(const QString &s)
+{
+    thread_local RecentBytes<QByteArray, 256> cache;
+    thread_local QByteArray uncached;
+    const QByteArrayView units(reinterpret_cast<const char *>(s.constData()), s.size() * 2);
+    if (units.size() > CachedBytesLimit)
+        return uncached = zt::plist::writeBinary(s);
+    if (const QByteArray *data = cache.find(units))
+        return *data;
+    return cache.store(units, zt::plist::writeBinary(s));
+}
+
+// The selector named by a body, shared with earlier messages that named it.
+zt::Selector internedSelector(QByteArrayView name)
+{
+    if (name.size() > CachedBytesLimit)
+        return name.toByteArray();
+    thread_local RecentBytes<zt::Selector, 64> cache;
+    if (const zt::Selector *selector = cache.find(name))
+        return *selector;
+    return cache.store(name, name.toByteArray());
 }
 
 // Decodes a property-list payload into the nil `out`. Short strings (keys,
@@ -68,21 +132,18 @@ QByteArray cachedStringPayload(const QString &s)
 bool readPayloadInto(QByteArrayView payload, QVariant &out, zt::Error *error,
                      const zt::plist::ReadLimits &limits)
 {
-    thread_local QHash<QByteArray, QString> cache;
-    if (payload.size() <= CachedPayloadLimit) {
-        const QByteArray key = QByteArray::fromRawData(payload.data(), payload.size());
-        if (auto it = cache.constFind(key); it != cache.cend()) {
-            zt::detail::emplaceIn<QString>(out) = *it;
+    thread_local RecentBytes<QString, 256> cache;
+    const bool cacheable = payload.size() <= CachedBytesLimit;
+    if (cacheable) {
+        if (const QString *s = cache.find(payload)) {
+            zt::detail::emplaceIn<QString>(out) = *s;
             return true;
         }
     }
     if (!zt::plist::readBinaryInto(payload, out, error, limits))
         return false;
-    if (payload.size() <= CachedPayloadLimit && out.typeId() == QMetaType::QString) {
-        if (cache.size() >= StringCacheLimit)
-            cache.clear();
-        cache.insert(payload.toByteArray(), *static_cast<const QString *>(out.constData()));
-    }
+    if (cacheable && out.typeId() == QMetaType::QString)
+        cache.store(payload, *static_cast<const QString *>(out.constData()));
     return true;
 }
 
@@ -93,48 +154,145 @@ bool readPayloadInto(QByteArrayView payload, QVariant &out, zt::Error *error,
                                     QString::fromLatin1(selector)));
 }
 
-// The payload of one argument, per its type code.
-QByteArray payloadFor(const QVariant &value, const QByteArray &code, const zt::Selector &selector)
+bool isScalarCode(const QByteArray &code)
 {
-    QVariant boxed;
-    if (code == "@") {
-        if (!ZTIPCProxy::canWireValue(value))
-            zt::Exception::raise(QStringLiteral("Unknown object type"),
-                                 zt::format(u"Argument %@ (class %@) of selector %@ is not allowed", value,
-                                            zt::valueClassName(value), QString::fromLatin1(selector)));
-        switch (zt::kindOf(value)) {
-        case zt::ValueKind::IndexSet:
-            return indexSetToData(value.value<zt::IndexSet>());
-        case zt::ValueKind::Nil:
-        case zt::ValueKind::Null:
-            return {};
-        case zt::ValueKind::String:
-            return cachedStringPayload(value.toString());
-        default:
-            boxed = value;
-        }
-    } else if (code == "s" || code == "i" || code == "q" || code == "c" || code == "I" || code == "Q") {
-        boxed = zt::coerceToTypeCode(value, code);
-    } else {
-        unknownFormat(value, code, selector);
+    if (code.size() != 1)
+        return false;
+    switch (code.front()) {
+    case 's':
+    case 'i':
+    case 'q':
+    case 'c':
+    case 'I':
+    case 'Q':
+        return true;
+    default:
+        return false;
     }
+}
+
+// A message under construction: written once, front to back, into storage
+// that grows by doubling; the length word is filled in last.
+class MessageBuffer
+{
+public:
+    explicit MessageBuffer(qsizetype capacity) : m_data(capacity, Qt::Uninitialized) {}
+
+    uchar *reserve(qsizetype n)
+    {
+        if (m_size + n > m_data.size())
+            m_data.resize(std::max(m_data.size() * 2, m_size + n));
+        return reinterpret_cast<uchar *>(m_data.data()) + m_size;
+    }
+    void commit(qsizetype n) { m_size += n; }
+    void appendWord(quint64 v) { appendBigEndian(reserve(8), v); }
+    void appendBytes(const char *data, qsizetype n)
+    {
+        if (n > 0)
+            std::memcpy(reserve(n), data, size_t(n));
+        commit(n);
+    }
+    //! A payload record: its length word, then the payload.
+    void appendRecord(const QByteArray &payload)
+    {
+        appendWord(quint64(payload.size()));
+        appendBytes(payload.constData(), payload.size());
+    }
+    qsizetype size() const { return m_size; }
+    QByteArray take()
+    {
+        const quint64 body = qToBigEndian(quint64(m_size - 8));
+        std::memcpy(m_data.data(), &body, 8);
+        m_data.resize(m_size);
+        return std::move(m_data);
+    }
+
+private:
+    void appendBigEndian(uchar *p, quint64 v)
+    {
+        qToBigEndian(v, p);
+        commit(8);
+    }
+
+    QByteArray m_data;
+    qsizetype m_size = 0;
+};
+
+// Appends a scalar's property list as a record. False when the value needs
+// the general writer.
+bool appendScalarRecord(MessageBuffer &out, const QVariant &value)
+{
+    uchar *record = out.reserve(8 + zt::plist::MaxScalarBinarySize);
+    const qsizetype n = zt::plist::writeScalarBinary(value, record + 8);
+    if (n == 0)
+        return false;
+    qToBigEndian(quint64(n), record);
+    out.commit(8 + n);
+    return true;
+}
+
+[[noreturn]] void unknownObjectType(const QVariant &value, const zt::Selector &selector)
+{
+    zt::Exception::raise(QStringLiteral("Unknown object type"),
+                         zt::format(u"Argument %@ (class %@) of selector %@ is not allowed", value,
+                                    zt::valueClassName(value), QString::fromLatin1(selector)));
+}
+
+// Writes what is not a string, a number or an index set: containers, data,
+// dates.
+void appendGeneralRecord(MessageBuffer &out, const QVariant &boxed)
+{
     if (!zt::plist::isPropertyList(boxed)) {
         zt::log(ztTransport, u"%@ is not a property list: %@", zt::valueClassName(boxed), boxed);
         zt::Exception::raise(QStringLiteral("EWREW"), QStringLiteral("QWEWQ"));
     }
     zt::Error error;
-    QByteArray data = zt::plist::writeBinary(boxed, &error);
+    const QByteArray data = zt::plist::writeBinary(boxed, &error);
     if (!error.isNull())
         zt::log(ztTransport, u"Could not serialize %@ (%@)", data, zt::valueClassName(data));
-    return data;
+    out.appendRecord(data);
+}
+
+// The record of one argument, per its type code.
+void appendArgument(MessageBuffer &out, const QVariant &value, const QByteArray &code,
+                    const zt::Selector &selector)
+{
+    if (code.size() == 1 && code.front() == '@') {
+        // The kinds that are always wired first; the others are checked.
+        switch (zt::kindOf(value)) {
+        case zt::ValueKind::String:
+            return out.appendRecord(cachedStringPayload(*static_cast<const QString *>(value.constData())));
+        case zt::ValueKind::Nil:
+        case zt::ValueKind::Null:
+            return out.appendWord(0);
+        case zt::ValueKind::IndexSet:
+            return out.appendRecord(indexSetToData(*static_cast<const zt::IndexSet *>(value.constData())));
+        case zt::ValueKind::Bool:
+        case zt::ValueKind::Signed:
+        case zt::ValueKind::Unsigned:
+        case zt::ValueKind::Real:
+            if (appendScalarRecord(out, value))
+                return;
+            break;
+        default:
+            if (!ZTIPCProxy::canWireValue(value))
+                unknownObjectType(value, selector);
+        }
+        return appendGeneralRecord(out, value);
+    }
+    if (!isScalarCode(code))
+        unknownFormat(value, code, selector);
+    const QVariant boxed = zt::coerceToTypeCode(value, code);
+    if (!appendScalarRecord(out, boxed))
+        appendGeneralRecord(out, boxed);
 }
 
 // Brings a decoded argument to its type code where it stands.
 void convertForCode(QVariant &decoded, const QByteArray &code, const zt::Selector &selector)
 {
-    if (code == "@")
+    if (code.size() == 1 && code.front() == '@')
         return;
-    if (code == "s" || code == "i" || code == "q" || code == "c" || code == "I" || code == "Q")
+    if (isScalarCode(code))
         return zt::coerceToTypeCodeInPlace(decoded, code);
     unknownFormat(decoded, code, selector);
 }
@@ -202,26 +360,24 @@ QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &h
 {
     const zt::Selector &selector = invocation.selector();
     const zt::MethodSignature &signature = invocation.methodSignature();
-    const QByteArray handler = handlerID.toLatin1();
     const qsizetype k = signature.numberOfArguments() - 2;
 
-    QByteArray out;
-    out.reserve(40 + selector.size() + handler.size() + 64 * k);
-    appendWord(out, 0); // B, filled in at the end
-    appendWord(out, quint64(selector.size()));
-    out.append(selector);
-    appendWord(out, quint64(handler.size()));
-    out.append(handler);
-    appendWord(out, quint64(k));
-    for (qsizetype i = 0; i < k; ++i) {
-        const QByteArray payload =
-            payloadFor(invocation.argumentAtIndex(i + 2), signature.argumentTypeAt(i + 2), selector);
-        appendWord(out, quint64(payload.size()));
-        out.append(payload);
+    MessageBuffer out(32 + selector.size() + handlerID.size() + 96 * k);
+    out.appendWord(0); // B, filled in by take()
+    out.appendWord(quint64(selector.size()));
+    out.appendBytes(selector.constData(), selector.size());
+    out.appendWord(quint64(handlerID.size()));
+    if (!handlerID.isEmpty()) {
+        uchar *p = out.reserve(handlerID.size());
+        const ushort *units = handlerID.utf16();
+        for (qsizetype i = 0; i < handlerID.size(); ++i)
+            p[i] = units[i] < 0x100 ? uchar(units[i]) : uchar('?');
+        out.commit(handlerID.size());
     }
-    const quint64 body = qToBigEndian(quint64(out.size() - 8));
-    std::memcpy(out.data(), &body, 8);
-    return out;
+    out.appendWord(quint64(k));
+    for (qsizetype i = 0; i < k; ++i)
+        appendArgument(out, invocation.argumentAtIndex(i + 2), signature.argumentTypeAt(i + 2), selector);
+    return out.take();
 }
 
 std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object *target, QString *handlerID,
@@ -231,7 +387,7 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
         handlerID->clear();
     quint64 cursor = 0;
     const quint64 s = readWord(body, cursor);
-    const zt::Selector selector = readBytes(body, cursor, s).toByteArray();
+    const zt::Selector selector = internedSelector(readBytes(body, cursor, s));
 
     zt::MethodSignature signature;
     if (selector == ReturnedValueSelector) {

@@ -81,6 +81,56 @@ TEST(PlistWriter, ExactBytes)
     }
 }
 
+// The scalar shortcut writes exactly what the general writer writes, and
+// declines what it does not cover.
+TEST(PlistWriter, ScalarShortcutMatchesTheWriter)
+{
+    const struct
+    {
+        const char *name;
+        QVariant value;
+    } covered[] = {
+        {"false", false},
+        {"true", true},
+        {"zero", 0},
+        {"int_min", std::numeric_limits<int>::min()},
+        {"int_max", std::numeric_limits<int>::max()},
+        {"one_byte_edge", 255},
+        {"two_byte_edge", 256},
+        {"int64_min", std::numeric_limits<qlonglong>::min()},
+        {"int64_max", std::numeric_limits<qlonglong>::max()},
+        {"minus_one", qlonglong(-1)},
+        {"uint_max", std::numeric_limits<uint>::max()},
+        {"uint64_at_int64_max", qulonglong(std::numeric_limits<qlonglong>::max())},
+        {"double", 1.5},
+        {"negative_zero", -0.0},
+        {"nan", std::numeric_limits<double>::quiet_NaN()},
+    };
+    for (const auto &row : covered) {
+        SCOPED_TRACE(row.name);
+        uchar out[plist::MaxScalarBinarySize];
+        const qsizetype n = plist::writeScalarBinary(row.value, out);
+        EXPECT_EQ(QByteArray(reinterpret_cast<const char *>(out), n).toHex().toStdString(),
+                  plist::writeBinary(row.value).toHex().toStdString());
+    }
+    const struct
+    {
+        const char *name;
+        QVariant value;
+    } declined[] = {
+        {"uint64_above_int64", std::numeric_limits<qulonglong>::max()},
+        {"float", 1.5f},
+        {"string", QStringLiteral("a")},
+        {"list", QVariantList{1}},
+        {"nil", QVariant()},
+    };
+    for (const auto &row : declined) {
+        SCOPED_TRACE(row.name);
+        uchar out[plist::MaxScalarBinarySize];
+        EXPECT_EQ(plist::writeScalarBinary(row.value, out), 0);
+    }
+}
+
 // Reference width follows the object count; offset width follows the
 // position of the offset table.
 TEST(PlistWriter, ReferenceAndOffsetWidths)

@@ -835,6 +835,33 @@ TEST_F(VDConnectionRemoteProxyTest, FindsSignaturesInTheProtocolOrThroughTheDire
     }
 }
 
+// Answers are remembered per selector, but never past a change of protocol,
+// and a forwarded call is looked up in the directory each time.
+TEST_F(VDConnectionRemoteProxyTest, RememberedSignaturesFollowTheProtocolAndTheDirectory)
+{
+    const zt::Selector echo = "echo:";
+    const zt::Selector forwarded = "toAgent_VDThing_THING-1_rename:times:";
+    const zt::Protocol other(u"Other"_s, {{"echo:", "v@:q"}});
+    VDConnectionRemoteProxy proxy;
+    proxy.setProtocolForRemoteObject(&rootProtocol());
+    EXPECT_EQ(proxy.methodSignatureForSelector(echo).types(), "@@:@");
+    EXPECT_EQ(proxy.methodSignatureForSelector(echo).types(), "@@:@");
+    proxy.setProtocolForRemoteObject(&other);
+    EXPECT_EQ(proxy.methodSignatureForSelector(echo).types(), "v@:q");
+    proxy.setProtocolForRemoteObject(nullptr);
+    {
+        zttest::LogCapture log;
+        EXPECT_FALSE(proxy.methodSignatureForSelector(echo).isValid());
+    }
+
+    EXPECT_TRUE(proxy.methodSignatureForSelector(forwarded).isValid());
+    thing->invalidate();
+    zttest::LogCapture log;
+    EXPECT_FALSE(proxy.methodSignatureForSelector(forwarded).isValid());
+    EXPECT_EQ(log.lines().value(0),
+              u"ERROR Counterpart for "_s + QLatin1String(forwarded) + u" is not registered"_s);
+}
+
 TEST_F(VDConnectionRemoteProxyTest, AForwardedCallTravelsUnderItsFullSelector)
 {
     Link link;
