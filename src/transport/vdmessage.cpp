@@ -23,7 +23,7 @@ void appendWord(QByteArray &out, quint64 v)
     out.append(reinterpret_cast<const char *>(&be), 8);
 }
 
-QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 size);
+inline QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 size);
 
 // Every read, the framing words included, is range checked: a body shorter
 // than its fields raises NSRangeException instead of reading past its end.
@@ -32,14 +32,19 @@ quint64 readWord(QByteArrayView body, quint64 &cursor)
     return qFromBigEndian<quint64>(readBytes(body, cursor, 8).data());
 }
 
-QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 size)
+[[noreturn, gnu::noinline]] void rangeError(quint64 start, quint64 size, quint64 length)
+{
+    zt::Exception::raise(
+        QString::fromUtf16(zt::exceptions::RangeError),
+        zt::format(u"*** -[NSData getBytes:range:]: range {%lu, %lu} exceeds data length %lu", start, size,
+                   length));
+}
+
+inline QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 size)
 {
     const quint64 start = cursor;
-    if (start > quint64(body.size()) || size > quint64(body.size()) - start)
-        zt::Exception::raise(
-            QString::fromUtf16(zt::exceptions::RangeError),
-            zt::format(u"*** -[NSData getBytes:range:]: range {%lu, %lu} exceeds data length %lu", start,
-                       size, quint64(body.size())));
+    if (start > quint64(body.size()) || size > quint64(body.size()) - start) [[unlikely]]
+        rangeError(start, size, quint64(body.size()));
     const Range r = VDRangeWithCursorAndSize(cursor, size);
     return body.sliced(qsizetype(r.location), qsizetype(r.length));
 }
@@ -53,16 +58,22 @@ constexpr qsizetype CachedBytesLimit = 160;
 quint64 hashBytes(const char *p, qsizetype n)
 {
     quint64 h = 0x9E3779B97F4A7C15ull ^ quint64(n);
-    for (; n >= 8; p += 8, n -= 8) {
+    auto mixWord = [&h](const char *at) {
         quint64 w;
-        std::memcpy(&w, p, 8);
+        std::memcpy(&w, at, 8);
         h = (h ^ w) * 0xFF51AFD7ED558CCDull;
         h ^= h >> 29;
-    }
-    if (n > 0) {
-        quint64 w = 0;
-        std::memcpy(&w, p, size_t(n));
-        h = (h ^ w) * 0xC4CEB9FE1A85EC53ull;
+    };
+    if (n >= 8) {
+        // Whole words, then the last eight bytes (overlapping the words).
+        const char *last = p + n - 8;
+        for (; p < last; p += 8)
+            mixWord(p);
+        mixWord(last);
+    } else if (n > 0) {
+        char tail[8] = {};
+        std::memcpy(tail, p, size_t(n));
+        mixWord(tail);
     }
     return h ^ (h >> 32);
 }
@@ -103,39 +114,51 @@ private:
     quint64 m_hash = 0;
 };
 
-// The serialised form of a string, valid until the next call on this thread.
-const QByteArray &cachedStringPayload(const QString &s)
+// What a thread keeps between messages: one look-up of thread-local storage
+// per message instead of one per field.
+struct RecentValues
 {
-    thread_local RecentBytes<QByteArray, 256> cache;
-    thread_local QByteArray uncached;
+    RecentBytes<QByteArray, 256> stringPayloads; // string -> its property list
+    QByteArray uncachedPayload;
+    RecentBytes<zt::Selector, 64> selectors;
+    RecentBytes<QString, 256> parsedStrings; // property list -> its string
+};
+
+RecentValues &recentValues()
+{
+    thread_local RecentValues values;
+    return values;
+}
+
+// The serialised form of a string, valid until the next call on this thread.
+const QByteArray &cachedStringPayload(RecentValues &recent, const QString &s)
+{
     const QByteArrayView units(reinterpret_cast<const char *>(s.constData()), s.size() * 2);
     if (units.size() > CachedBytesLimit)
-        return uncached = zt::plist::writeBinary(s);
-    if (const QByteArray *data = cache.find(units))
+        return recent.uncachedPayload = zt::plist::writeBinary(s);
+    if (const QByteArray *data = recent.stringPayloads.find(units))
         return *data;
-    return cache.store(units, zt::plist::writeBinary(s));
+    return recent.stringPayloads.store(units, zt::plist::writeBinary(s));
 }
 
 // The selector named by a body, shared with earlier messages that named it.
-zt::Selector internedSelector(QByteArrayView name)
+zt::Selector internedSelector(RecentValues &recent, QByteArrayView name)
 {
     if (name.size() > CachedBytesLimit)
         return name.toByteArray();
-    thread_local RecentBytes<zt::Selector, 64> cache;
-    if (const zt::Selector *selector = cache.find(name))
+    if (const zt::Selector *selector = recent.selectors.find(name))
         return *selector;
-    return cache.store(name, name.toByteArray());
+    return recent.selectors.store(name, name.toByteArray());
 }
 
 // Decodes a property-list payload into the nil `out`. Short strings (keys,
 // object IDs) repeat in every message, so their payloads are cached per thread.
-bool readPayloadInto(QByteArrayView payload, QVariant &out, zt::Error *error,
+bool readPayloadInto(RecentValues &recent, QByteArrayView payload, QVariant &out, zt::Error *error,
                      const zt::plist::ReadLimits &limits)
 {
-    thread_local RecentBytes<QString, 256> cache;
     const bool cacheable = payload.size() <= CachedBytesLimit;
     if (cacheable) {
-        if (const QString *s = cache.find(payload)) {
+        if (const QString *s = recent.parsedStrings.find(payload)) {
             zt::detail::emplaceIn<QString>(out) = *s;
             return true;
         }
@@ -143,7 +166,7 @@ bool readPayloadInto(QByteArrayView payload, QVariant &out, zt::Error *error,
     if (!zt::plist::readBinaryInto(payload, out, error, limits))
         return false;
     if (cacheable && out.typeId() == QMetaType::QString)
-        cache.store(payload, *static_cast<const QString *>(out.constData()));
+        recent.parsedStrings.store(payload, *static_cast<const QString *>(out.constData()));
     return true;
 }
 
@@ -254,14 +277,15 @@ void appendGeneralRecord(MessageBuffer &out, const QVariant &boxed)
 }
 
 // The record of one argument, per its type code.
-void appendArgument(MessageBuffer &out, const QVariant &value, const QByteArray &code,
+void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &value, const QByteArray &code,
                     const zt::Selector &selector)
 {
     if (code.size() == 1 && code.front() == '@') {
         // The kinds that are always wired first; the others are checked.
         switch (zt::kindOf(value)) {
         case zt::ValueKind::String:
-            return out.appendRecord(cachedStringPayload(*static_cast<const QString *>(value.constData())));
+            return out.appendRecord(
+                cachedStringPayload(recent, *static_cast<const QString *>(value.constData())));
         case zt::ValueKind::Nil:
         case zt::ValueKind::Null:
             return out.appendWord(0);
@@ -375,8 +399,10 @@ QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &h
         out.commit(handlerID.size());
     }
     out.appendWord(quint64(k));
+    RecentValues &recent = recentValues();
     for (qsizetype i = 0; i < k; ++i)
-        appendArgument(out, invocation.argumentAtIndex(i + 2), signature.argumentTypeAt(i + 2), selector);
+        appendArgument(recent, out, invocation.argumentAtIndex(i + 2), signature.argumentTypeAt(i + 2),
+                       selector);
     return out.take();
 }
 
@@ -387,7 +413,8 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
         handlerID->clear();
     quint64 cursor = 0;
     const quint64 s = readWord(body, cursor);
-    const zt::Selector selector = internedSelector(readBytes(body, cursor, s));
+    RecentValues &recent = recentValues();
+    const zt::Selector selector = internedSelector(recent, readBytes(body, cursor, s));
 
     zt::MethodSignature signature;
     if (selector == ReturnedValueSelector) {
@@ -430,7 +457,7 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
             zt::detail::copyInto(decoded, QVariant::fromValue(indexSetFromData(payload)));
         } else {
             zt::Error error;
-            if (!readPayloadInto(payload, decoded, &error, limits.plist))
+            if (!readPayloadInto(recent, payload, decoded, &error, limits.plist))
                 zt::log(ztTransport, u"Could not deserialize %@ (%@)", payload.toByteArray(),
                         QString::fromLatin1(selector));
         }
