@@ -27,8 +27,22 @@ zt::Ref<ZTAbstractIPC> ZTDirectory::objectWithID(const QString &uuid) const
     if (uuid.isEmpty())
         return {};
     QMutexLocker locker(&m_lock);
+    if (m_lastObject && m_lastID.constData() == uuid.constData() && m_lastID.size() == uuid.size())
+        return zt::Ref<ZTAbstractIPC>(m_lastObject);
     auto it = m_objects.constFind(uuid);
-    return it == m_objects.cend() ? zt::Ref<ZTAbstractIPC>() : zt::Ref<ZTAbstractIPC>(it->object);
+    if (it == m_objects.cend())
+        return {};
+    if (const_cast<QString &>(uuid).data_ptr().d_ptr()) { // no detach: only reads
+        m_lastID = uuid;
+        m_lastObject = it->object;
+    }
+    return zt::Ref<ZTAbstractIPC>(it->object);
+}
+
+void ZTDirectory::forgetLastHit()
+{
+    m_lastID.clear();
+    m_lastObject = nullptr;
 }
 
 void ZTDirectory::registerObject(ZTAbstractIPC *object)
@@ -59,6 +73,7 @@ void ZTDirectory::unregisterObjectWithID(const QString &uuid)
     {
         QMutexLocker locker(&m_lock);
         removed = m_objects.take(uuid);
+        forgetLastHit();
     }
     // `removed.hold` is dropped here, outside the lock: it may free the object.
 }
@@ -73,6 +88,7 @@ void ZTDirectory::removeEntryIfHolding(const QString &uuid, const ZTAbstractIPC 
             return;
         removed = std::move(*it);
         m_objects.erase(it);
+        forgetLastHit();
     }
     // An object being torn down was never held (the hold would have kept it
     // alive), so dropping `removed` frees nothing.

@@ -59,6 +59,7 @@ public:
     qsizetype count() const;
 
 private:
+    void forgetLastHit(); // under m_lock
     struct Entry
     {
         ZTAbstractIPC *object = nullptr;
@@ -66,6 +67,12 @@ private:
     };
     mutable QMutex m_lock;
     QHash<QString, Entry> m_objects;
+    // The last object found, by the identity of its ID's characters: decoded
+    // messages name the same object with the same string over and over. The
+    // kept string holds its characters, so their address names one ID; any
+    // removal forgets the hit.
+    mutable QString m_lastID;
+    mutable ZTAbstractIPC *m_lastObject = nullptr;
 };
 
 //! ZTCoreBridge: the process-wide reference to the agent application object,

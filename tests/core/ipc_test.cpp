@@ -352,6 +352,33 @@ TEST_F(CoreTest, FirstRegistrationWinsAndLookupsIgnoreClass)
     EXPECT_EQ(dir->objectWithID(QStringLiteral("SAME")), nullptr);
 }
 
+// Repeated look-ups with one string are remembered; whatever leaves the
+// directory (invalidated, torn down while registered) is never answered again,
+// also when another object takes its ID.
+TEST_F(CoreTest, RepeatedLookupsFollowTheDirectory)
+{
+    ZTDirectory *dir = ZTDirectory::sharedInstance();
+    playRole(false);
+    const QString id = QString::fromLatin1("RECENT-%1").arg(1); // owns its characters
+    auto first = ZTAbstractIPC::createCounterpartWithUUID<TestNode>(id);
+    EXPECT_EQ(dir->objectWithID(id).get(), first.get());
+    EXPECT_EQ(dir->objectWithID(id).get(), first.get());
+    first->invalidate();
+    EXPECT_EQ(dir->objectWithID(id), nullptr);
+
+    auto second = ZTAbstractIPC::createCounterpartWithUUID<TestNode>(id);
+    EXPECT_EQ(dir->objectWithID(id).get(), second.get());
+    second->invalidate();
+    EXPECT_EQ(dir->objectWithID(id), nullptr);
+
+    zttest::LogCapture log;
+    {
+        auto torn = ZTAbstractIPC::createCounterpartWithUUID<TestNode>(id);
+        EXPECT_EQ(dir->objectWithID(id).get(), torn.get());
+    }
+    EXPECT_EQ(dir->objectWithID(id), nullptr);
+}
+
 TEST_F(CoreTest, HeldObjectsAreRetainedExactlyWhileRegistered)
 {
     auto held = make<HeldNode>();
