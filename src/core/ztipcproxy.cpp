@@ -9,6 +9,8 @@
 #include "runtime/logging.h"
 #include "runtime/process.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 
 ZT_DEFINE_CLASS(ZTIPCProxy)
@@ -155,7 +157,7 @@ void ZTIPCProxy::changeValueForKey(const QString &key, bool agent)
                 zt::valueClassName(value), key, m_parent->className());
         return;
     }
-    send(AgentChange, ClientChange, agent, {std::move(value), key, m_parent->description()});
+    send(AgentChange, ClientChange, agent, {value, key, m_parent->description()});
 }
 
 void ZTIPCProxy::changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes, const QString &key,
@@ -215,17 +217,21 @@ void ZTIPCProxy::changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes
 }
 
 void ZTIPCProxy::send(const zt::Selector &agentSelector, const zt::Selector &clientSelector, bool agent,
-                      QVariantList arguments)
+                      std::initializer_list<QVariant> arguments)
 {
     zt::Object *root = remoteRoot();
     if (!root)
         return; // no connection: the change is lost
     if (agent) {
-        root->perform(agentSelector, arguments);
+        root->perform(agentSelector, std::span<const QVariant>(arguments.begin(), arguments.size()));
         return;
     }
-    arguments.prepend(ZTApplication::delegate()->clientID());
-    root->perform(clientSelector, arguments);
+    // The client's ID leads; at most five arguments follow it.
+    std::array<QVariant, 6> withID;
+    Q_ASSERT(arguments.size() < withID.size());
+    withID[0] = ZTApplication::delegate()->clientID();
+    std::copy(arguments.begin(), arguments.end(), withID.begin() + 1);
+    root->perform(clientSelector, std::span<const QVariant>(withID.data(), arguments.size() + 1));
 }
 
 zt::MethodSignature ZTIPCProxy::methodSignatureForSelector(const zt::Selector &selector) const

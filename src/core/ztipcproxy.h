@@ -67,7 +67,7 @@ private:
     void changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes, const QString &key, bool agent);
     //! Sends to the remote root; the client's messages lead with its client ID.
     void send(const zt::Selector &agentSelector, const zt::Selector &clientSelector, bool agent,
-              QVariantList arguments);
+              std::initializer_list<QVariant> arguments);
 
     ZTAbstractIPC *m_parent = nullptr;
 };

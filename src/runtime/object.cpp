@@ -90,28 +90,33 @@ void Object::doesNotRecognizeSelector(const Selector &selector) const
 
 QVariant Object::perform(const Selector &selector, const QVariantList &arguments)
 {
+    return perform(selector, std::span<const QVariant>(arguments.constData(), size_t(arguments.size())));
+}
+
+QVariant Object::perform(const Selector &selector, std::span<const QVariant> arguments)
+{
     if (const MethodEntry *e = classInfo().instanceMethod(selector)) {
         // Fast path: a method of the class itself.
         const qsizetype n = e->signature.numberOfArguments() - 2;
-        if (arguments.size() != n)
+        if (qsizetype(arguments.size()) != n)
             invalidArgument(format(u"-[%@ %s]: called with %ld arguments, expected %ld", className(),
                                    selector, qint64(arguments.size()), qint64(n)));
         QVarLengthArray<QVariant, 6> args(n);
         for (qsizetype i = 0; i < n; ++i)
-            args[i] = coerceToTypeCode(arguments[i], e->signature.argumentTypeAt(i + 2));
+            args[i] = coerceToTypeCode(arguments[size_t(i)], e->signature.argumentTypeAt(i + 2));
         return e->call(this, args.constData());
     }
     const MethodSignature signature = methodSignatureForSelector(selector);
     if (!signature.isValid())
         doesNotRecognizeSelector(selector);
-    if (arguments.size() != signature.numberOfArguments() - 2)
+    if (qsizetype(arguments.size()) != signature.numberOfArguments() - 2)
         invalidArgument(format(u"-[%@ %s]: called with %ld arguments, expected %ld", className(), selector,
                                qint64(arguments.size()), qint64(signature.numberOfArguments() - 2)));
     Invocation invocation(signature);
     invocation.setSelector(selector);
     invocation.setTarget(this);
-    for (qsizetype i = 0; i < arguments.size(); ++i)
-        invocation.setArgumentAtIndex(arguments[i], i + 2);
+    for (qsizetype i = 0; i < qsizetype(arguments.size()); ++i)
+        invocation.setArgumentAtIndex(arguments[size_t(i)], i + 2);
     forwardInvocation(invocation);
     return invocation.returnValue();
 }

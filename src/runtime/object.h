@@ -26,6 +26,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <span>
 
 namespace zt {
 
@@ -66,6 +67,8 @@ public:
     //! Sends a message: looks up the signature (methodSignatureForSelector),
     //! coerces the arguments to its codes, invokes, and returns the result.
     QVariant perform(const Selector &selector, const QVariantList &arguments = {});
+    //! perform() with the arguments wherever the caller keeps them (no list).
+    QVariant perform(const Selector &selector, std::span<const QVariant> arguments);
 
     // ---- key-value coding (kvc.cpp) ----
     virtual QVariant valueForKey(const QString &key) const;

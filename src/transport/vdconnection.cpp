@@ -196,7 +196,7 @@ void VDConnection::dispatchBody(const QByteArray &body)
         vd::invocationFromData(body, m_localObject, &handlerID, m_decodeLimits);
     if (!invocation)
         return;
-    if (invocation->selector() == vd::ReturnedValueSelector) {
+    if (vd::isReturnedValueSelector(invocation->selector())) {
         receiveReply(*invocation);
         return;
     }
@@ -208,8 +208,10 @@ void VDConnection::dispatchBody(const QByteArray &body)
     if (VDIPCLogging)
         zt::log(ztTransport, u"Received call: %@", QString::fromLatin1(invocation->selector()));
     invocation->invoke();
+    // One selector string for every reply, so the proxy remembers its signature.
+    static const zt::Selector reply(vd::ReturnedValueSelector);
     if (invocation->methodSignature().methodReturnLength() == 8 && m_remoteProxy)
-        m_remoteProxy->perform(vd::ReturnedValueSelector, {invocation->returnValue(), handlerID});
+        m_remoteProxy->perform(reply, {invocation->returnValue(), handlerID});
 }
 
 // ---- socket events ----
@@ -345,7 +347,7 @@ zt::MethodSignature VDConnectionRemoteProxy::methodSignatureForSelector(const zt
     if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))
         return remember(own->signature);
     const zt::Protocol *protocol =
-        selector == vd::ReturnedValueSelector ? &vd::VDInternalVDConnectionProtocol() : m_remoteProtocol;
+        vd::isReturnedValueSelector(selector) ? &vd::VDInternalVDConnectionProtocol() : m_remoteProtocol;
     if (protocol) {
         const zt::MethodSignature s = protocol->methodSignature(selector);
         if (s.isValid())

@@ -55,27 +55,28 @@ inline QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 si
 // a miss replaces the slot's entry.
 constexpr qsizetype CachedBytesLimit = 160;
 
+// A quick hash: it only spreads entries over a table whose hits are checked
+// byte for byte.
 quint64 hashBytes(const char *p, qsizetype n)
 {
-    quint64 h = 0x9E3779B97F4A7C15ull ^ quint64(n);
-    auto mixWord = [&h](const char *at) {
+    quint64 h = quint64(n) * 0x9E3779B97F4A7C15ull;
+    auto addWord = [&h](const char *at) {
         quint64 w;
         std::memcpy(&w, at, 8);
-        h = (h ^ w) * 0xFF51AFD7ED558CCDull;
-        h ^= h >> 29;
+        h = (h + w) * 0xFF51AFD7ED558CCDull;
     };
     if (n >= 8) {
         // Whole words, then the last eight bytes (overlapping the words).
         const char *last = p + n - 8;
         for (; p < last; p += 8)
-            mixWord(p);
-        mixWord(last);
+            addWord(p);
+        addWord(last);
     } else if (n > 0) {
         char tail[8] = {};
         std::memcpy(tail, p, size_t(n));
-        mixWord(tail);
+        addWord(tail);
     }
-    return h ^ (h >> 32);
+    return h ^ (h >> 29);
 }
 
 template<typename Value, int Slots> class RecentBytes
@@ -156,7 +157,10 @@ zt::Selector internedSelector(RecentValues &recent, QByteArrayView name)
 bool readPayloadInto(RecentValues &recent, QByteArrayView payload, QVariant &out, zt::Error *error,
                      const zt::plist::ReadLimits &limits)
 {
-    const bool cacheable = payload.size() <= CachedBytesLimit;
+    // Our writer puts the top object first, right after the 8-byte magic:
+    // only lone strings are worth looking up.
+    const bool cacheable = payload.size() <= CachedBytesLimit && payload.size() > 8 &&
+                           ((uchar(payload[8]) >> 4) == 0x5 || (uchar(payload[8]) >> 4) == 0x6);
     if (cacheable) {
         if (const QString *s = recent.parsedStrings.find(payload)) {
             zt::detail::emplaceIn<QString>(out) = *s;
@@ -417,7 +421,7 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
     const zt::Selector selector = internedSelector(recent, readBytes(body, cursor, s));
 
     zt::MethodSignature signature;
-    if (selector == ReturnedValueSelector) {
+    if (isReturnedValueSelector(selector)) {
         signature = VDInternalVDConnectionProtocol().methodSignature(selector);
         if (!signature.isValid()) {
             zt::log(ztTransport, u"Couldn't lookup signature for %@ %@", QString::fromLatin1(selector),

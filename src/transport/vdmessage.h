@@ -25,6 +25,7 @@
 #include "runtime/plist.h"
 
 #include <QByteArrayView>
+#include <cstring>
 
 namespace vd {
 
@@ -54,6 +55,12 @@ ZT_EXPORT zt::IndexSet indexSetFromData(QByteArrayView data);
 //! The signature of the reply method `vd_returnedValue:withHandlerID:`.
 ZT_EXPORT const zt::Protocol &VDInternalVDConnectionProtocol();
 inline constexpr char ReturnedValueSelector[] = "vd_returnedValue:withHandlerID:";
+//! Whether `selector` is ReturnedValueSelector (its length is compared first).
+inline bool isReturnedValueSelector(const zt::Selector &selector)
+{
+    constexpr qsizetype n = sizeof(ReturnedValueSelector) - 1;
+    return selector.size() == n && std::memcmp(selector.constData(), ReturnedValueSelector, n) == 0;
+}
 
 //! One whole message (length field included) for an invocation. Raises
 //! "Unknown object type", "Unknown argument format" or "EWREW" for arguments
