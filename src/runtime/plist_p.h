@@ -10,6 +10,11 @@
 
 namespace zt::plist::detail {
 
+//! readBinaryInto() without the shortcut for lone scalars: the general walk
+//! alone, which the shortcut must agree with (tests compare the two).
+ZT_EXPORT bool readBinaryGeneralInto(QByteArrayView data, QVariant &out, Error *error,
+                                     const ReadLimits &limits);
+
 //! Seconds since 2001 for a date the format can hold (valid, within
 //! MaxDateSeconds), else nullopt.
 std::optional<double> dateToSeconds(const QDateTime &date);

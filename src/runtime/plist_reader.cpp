@@ -751,7 +751,52 @@ std::optional<QVariant> readBinary(QByteArrayView data, Error *error, const Read
     return result;
 }
 
+namespace {
+
+// A lone boolean, integer (1 to 8 bytes) or real laid out exactly as
+// writeScalarBinary() lays it out: the usual payload of a change message.
+// Anything else, well-formed or not, is left to the general reader.
+bool readCanonicalScalar(QByteArrayView data, QVariant &out)
+{
+    const qsizetype n = data.size();
+    constexpr qsizetype Fixed = MagicSize + 1 + 1 + TrailerSize; // marker, one offset, trailer
+    if (n < Fixed || n > Fixed + 8)
+        return false;
+    const auto *p = reinterpret_cast<const uchar *>(data.data());
+    const int width = int(n - Fixed);
+    const qsizetype tableOffset = MagicSize + 1 + width;
+    const uchar *trailer = p + tableOffset + 1;
+    static constexpr uchar head[16] = {0, 0, 0, 0, 0, 0, 1, 1, 0, 0, 0, 0, 0, 0, 0, 1};
+    if (std::memcmp(p, Magic, MagicSize) != 0 || p[tableOffset] != MagicSize ||
+        std::memcmp(trailer, head, 16) != 0 || readBigEndian(trailer + 16, 8) != 0 ||
+        readBigEndian(trailer + 24, 8) != quint64(tableOffset))
+        return false;
+    const uchar marker = p[MagicSize];
+    const uchar *v = p + MagicSize + 1;
+    if ((marker == True || marker == False) && width == 0) {
+        emplaceIn<bool>(out) = marker == True;
+    } else if ((marker & 0xF0) == Int && (marker & 0x0F) <= 3 && width == 1 << (marker & 0x0F)) {
+        // 1, 2 and 4 bytes are unsigned; 8 bytes are two's complement.
+        emplaceIn<qlonglong>(out) = qlonglong(readBigEndian(v, width));
+    } else if (marker == (Real | 3) && width == 8) {
+        emplaceIn<double>(out) = bitsToDouble(readBigEndian(v, 8));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
 bool readBinaryInto(QByteArrayView data, QVariant &out, Error *error, const ReadLimits &limits)
+{
+    Q_ASSERT(!out.isValid());
+    if (limits.maxObjects >= 1 && readCanonicalScalar(data, out))
+        return true;
+    return detail::readBinaryGeneralInto(data, out, error, limits);
+}
+
+bool detail::readBinaryGeneralInto(QByteArrayView data, QVariant &out, Error *error, const ReadLimits &limits)
 {
     Q_ASSERT(!out.isValid());
     Reader reader(data, limits);

@@ -125,7 +125,9 @@ struct RecentValues
     RecentBytes<QString, 256> parsedStrings; // property list -> its string
 };
 
-RecentValues &recentValues()
+// Not inlined: the caller keeps the answer, instead of asking the thread's
+// storage again at every use.
+[[gnu::noinline]] RecentValues &recentValues()
 {
     thread_local RecentValues values;
     return values;

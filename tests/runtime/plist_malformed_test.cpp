@@ -3,6 +3,7 @@
 // says what is wrong.
 
 #include "plist_test_support.h"
+#include "runtime/plist_p.h"
 
 using namespace zt;
 using namespace plisttest;
@@ -182,6 +183,44 @@ TEST(PlistCorruption, EveryBitFlipIsHandled)
                 SCOPED_TRACE(testing::Message() << "byte " << i << " bit " << bit);
                 EXPECT_EQ(error.code, plist::ReadCorruptErrorCode);
                 EXPECT_FALSE(error.localizedDescription().isEmpty());
+            }
+        }
+    }
+}
+
+// Lone scalars take a shortcut past the general walk. On every canonical
+// file and every single-bit change of one, the shortcut and the walk agree:
+// the same value, or both refuse.
+TEST(PlistCorruption, TheScalarShortcutAgreesWithTheGeneralReader)
+{
+    const QVariant scalars[] = {false,
+                                true,
+                                0,
+                                255,
+                                65535,
+                                std::numeric_limits<int>::max(),
+                                std::numeric_limits<qlonglong>::min(),
+                                qlonglong(-1),
+                                2.5};
+    for (const QVariant &scalar : scalars) {
+        const QByteArray canonical = plist::writeBinary(scalar);
+        for (qsizetype i = -1; i < canonical.size(); ++i) {
+            for (int bit = 0; bit < 8; ++bit) {
+                if (i < 0 && bit > 0)
+                    break; // i == -1: the file unchanged
+                QByteArray bytes = canonical;
+                if (i >= 0)
+                    bytes[i] = char(bytes[i] ^ (1 << bit));
+                SCOPED_TRACE(testing::Message()
+                             << scalar.toString().toStdString() << " byte " << i << " bit " << bit);
+                QVariant viaShortcut, viaWalk;
+                const bool shortcutRead = plist::readBinaryInto(bytes, viaShortcut);
+                const bool walkRead = plist::detail::readBinaryGeneralInto(bytes, viaWalk, nullptr, {});
+                ASSERT_EQ(shortcutRead, walkRead);
+                if (shortcutRead) {
+                    EXPECT_EQ(viaShortcut.typeId(), viaWalk.typeId());
+                    EXPECT_TRUE(sameValue(viaShortcut, viaWalk));
+                }
             }
         }
     }
