@@ -3,6 +3,8 @@
 #include "runtime/object.h"
 
 #include <QMutex>
+#include <atomic>
+#include <cstring>
 #include <mutex>
 
 namespace zt {
@@ -26,9 +28,239 @@ QByteArray capitalized(const QString &key)
         k[0] = char(std::toupper(uchar(k[0])));
     return k;
 }
+
+std::atomic<quint64> nextClassSerial{1};
+
+// ---- hashing and comparing short names ----
+// Selectors and keys are short; Qt's seeded hash and the standard library's
+// byte hash both cost several times what the look-up around them does. These
+// read eight bytes at a time (the last word overlapping the one before).
+
+inline quint64 load64(const char *p)
+{
+    quint64 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+inline quint32 load32(const char *p)
+{
+    quint32 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+inline quint64 mixWord(quint64 h, quint64 w)
+{
+    h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
+    return h ^ (h >> 31);
+}
+
+inline size_t hashBytes(const char *p, size_t n)
+{
+    quint64 h = 0x9e3779b97f4a7c15ull ^ n;
+    if (n >= 8) {
+        const char *last = p + n - 8;
+        for (; p < last; p += 8)
+            h = mixWord(h, load64(p));
+        h = mixWord(h, load64(last));
+    } else if (n >= 4) {
+        h = mixWord(h, load32(p) | quint64(load32(p + n - 4)) << 32);
+    } else if (n > 0) {
+        h = mixWord(h, quint64(uchar(p[0])) | quint64(uchar(p[n / 2])) << 8 | quint64(uchar(p[n - 1])) << 16);
+    }
+    return size_t(h * 0x94d049bb133111ebull);
+}
+
+inline bool equalBytes(const char *a, const char *b, size_t n)
+{
+    if (n >= 8) {
+        for (size_t i = 0; i + 8 < n; i += 8)
+            if (load64(a + i) != load64(b + i))
+                return false;
+        return load64(a + n - 8) == load64(b + n - 8);
+    }
+    if (n >= 4)
+        return load32(a) == load32(b) && load32(a + n - 4) == load32(b + n - 4);
+    for (size_t i = 0; i < n; ++i)
+        if (a[i] != b[i])
+            return false;
+    return true;
+}
+
+inline const char *bytesOf(const QString &s)
+{
+    return reinterpret_cast<const char *>(s.constData());
+}
+
+inline size_t byteSizeOf(const QString &s)
+{
+    return size_t(s.size()) * sizeof(QChar);
+}
+
+// Whether a string holds a reference to its characters: only then can a
+// cache keep a copy that pins the address. Literals and fromRawData() strings
+// point at memory whose owner may free it and put other text there.
+inline bool ownsData(const QString &s)
+{
+    return s.data_ptr().isMutable();
+}
+
+inline bool ownsData(const QByteArray &b)
+{
+    return const_cast<QByteArray &>(b).data_ptr().isMutable();
+}
+
+// ---- per-thread caches by identity ----
+// Callers mostly pass the same string object again and again (a selector
+// decoded once and looked up three times, a key the decoder hands out for
+// every message). While a cache slot keeps a copy of that string, the
+// characters cannot be freed, so no other string can turn up at the same
+// address: equal address and size mean equal text, without hashing. Only
+// strings that own their characters enter the caches.
+
+template<typename Key, typename Value> struct IdentitySlot
+{
+    quint64 serial = 0;
+    Key key;
+    const Value *value = nullptr;
+};
+
+template<typename Key, typename Value, size_t N> struct IdentityCache
+{
+    static_assert((N & (N - 1)) == 0, "a power of two");
+    IdentitySlot<Key, Value> slots[N];
+
+    IdentitySlot<Key, Value> &slotFor(quint64 serial, const void *data)
+    {
+        return slots[(quintptr(data) >> 4 ^ serial) & (N - 1)];
+    }
+    //! The cached value, or null (not cached is not "no method").
+    bool find(quint64 serial, const Key &key, const Value *&out)
+    {
+        const IdentitySlot<Key, Value> &s = slotFor(serial, key.constData());
+        if (s.serial != serial || s.key.constData() != key.constData() || s.key.size() != key.size())
+            return false;
+        out = s.value;
+        return true;
+    }
+    void store(quint64 serial, const Key &key, const Value *value)
+    {
+        if (!ownsData(key))
+            return;
+        IdentitySlot<Key, Value> &s = slotFor(serial, key.constData());
+        Key pinned(key);
+        s.key.swap(pinned); // what the slot held goes with `pinned`
+        s.serial = serial;
+        s.value = value;
+    }
+};
+
+// The library is linked, not loaded later: its thread-local data can live in
+// the static block, reached without a call to __tls_get_addr.
+#define ZT_STATIC_TLS __attribute__((tls_model("initial-exec")))
+
+IdentityCache<Selector, MethodEntry, 8> &methodCache()
+{
+    static thread_local IdentityCache<Selector, MethodEntry, 8> cache ZT_STATIC_TLS;
+    return cache;
+}
+
+IdentityCache<QString, KeyAccessors, 8> &accessorCache()
+{
+    static thread_local IdentityCache<QString, KeyAccessors, 8> cache ZT_STATIC_TLS;
+    return cache;
+}
+
+// Answered for keys that resolve to nothing: no accessor, no dependency.
+const KeyAccessors &noAccessors()
+{
+    static const KeyAccessors none;
+    return none;
+}
+
 } // namespace
 
+// ---- accessors by key ----
+// A lock-free open-addressing table of records that only grows: readers load
+// the published table and probe it; a writer (under the lock) either fills an
+// empty slot of that table in place or publishes a larger copy. Records and
+// superseded tables stay until the class goes away, so a reader never sees
+// freed memory. Keys that resolve to nothing are not recorded, so a peer that
+// sends made-up keys cannot grow the table.
+struct ClassInfo::KeyCache
+{
+    struct Record
+    {
+        size_t hash;
+        QString key; // a copy that owns its characters
+        KeyAccessors accessors;
+    };
+    struct Table
+    {
+        explicit Table(size_t capacity) : mask(capacity - 1), slots(new std::atomic<const Record *>[capacity])
+        {
+            for (size_t i = 0; i < capacity; ++i)
+                slots[i].store(nullptr, std::memory_order_relaxed);
+        }
+        size_t mask;
+        std::unique_ptr<std::atomic<const Record *>[]> slots;
+    };
+
+    std::atomic<const Table *> table{nullptr};
+    std::mutex lock; // writers
+    std::vector<std::unique_ptr<Table>> tables;
+    std::vector<std::unique_ptr<Record>> records;
+
+    static const Record *probe(const Table *t, const QString &key, size_t hash)
+    {
+        const char *bytes = bytesOf(key);
+        const size_t n = byteSizeOf(key);
+        for (size_t i = hash & t->mask;; i = (i + 1) & t->mask) {
+            const Record *r = t->slots[i].load(std::memory_order_acquire);
+            if (!r)
+                return nullptr;
+            if (r->hash == hash && byteSizeOf(r->key) == n && equalBytes(bytesOf(r->key), bytes, n))
+                return r;
+        }
+    }
+
+    static void place(Table &t, const Record *r)
+    {
+        size_t i = r->hash & t.mask;
+        while (t.slots[i].load(std::memory_order_relaxed))
+            i = (i + 1) & t.mask;
+        t.slots[i].store(r, std::memory_order_release);
+    }
+
+    // Under the lock.
+    void insert(std::unique_ptr<Record> record)
+    {
+        const Table *current = table.load(std::memory_order_relaxed);
+        const size_t needed = (records.size() + 1) * 2;
+        if (!current || current->mask + 1 < needed) {
+            size_t capacity = 8;
+            while (capacity < needed)
+                capacity *= 2;
+            auto grown = std::make_unique<Table>(capacity);
+            for (const auto &r : records)
+                place(*grown, r.get());
+            place(*grown, record.get());
+            table.store(grown.get(), std::memory_order_release);
+            tables.push_back(std::move(grown));
+        } else {
+            place(*const_cast<Table *>(current), record.get());
+        }
+        records.push_back(std::move(record));
+    }
+};
+
 namespace detail {
+size_t hashKey(const QString &key) noexcept
+{
+    return hashBytes(bytesOf(key), byteSizeOf(key));
+}
+
 void checkSelectorArity(const char *className, const char *selector, size_t arity)
 {
     if (size_t(selectorArgumentCount(QByteArray(selector))) != arity)
@@ -36,19 +268,36 @@ void checkSelectorArity(const char *className, const char *selector, size_t arit
 }
 } // namespace detail
 
+size_t ClassInfo::SelectorHash::operator()(const Selector &s) const noexcept
+{
+    return hashBytes(s.constData(), size_t(s.size()));
+}
+
 ClassInfo::ClassInfo(const char *name, const ClassInfo *superclass, Factory factory, Registrar registrar)
-    : m_name(QString::fromLatin1(name)), m_superclass(superclass), m_factory(factory)
+    : m_name(QString::fromLatin1(name)), m_superclass(superclass), m_factory(factory),
+      m_serial(nextClassSerial.fetch_add(1, std::memory_order_relaxed)), m_keys(std::make_unique<KeyCache>())
 {
     if (registrar)
         registrar(*this);
-    if (m_superclass)
-        m_allMethods = m_superclass->m_allMethods;
-    for (const auto &[sel, entry] : m_methods)
-        m_allMethods.insert_or_assign(sel, &entry);
+    // Own methods override inherited ones of the same selector.
+    std::unordered_map<Selector, const MethodEntry *, SelectorHash> all;
+    for (const ClassInfo *c = this; c; c = c->m_superclass)
+        for (const auto &[sel, entry] : c->m_methods)
+            all.try_emplace(sel, &entry);
+    size_t capacity = 8;
+    while (capacity < all.size() * 2)
+        capacity *= 2;
+    m_methodTable.resize(capacity);
+    for (const auto &[sel, entry] : all) {
+        const size_t hash = hashBytes(sel.constData(), size_t(sel.size()));
+        size_t i = hash & (capacity - 1);
+        while (m_methodTable[i].entry)
+            i = (i + 1) & (capacity - 1);
+        m_methodTable[i] = MethodSlot{hash, entry};
+    }
     QMutexLocker locker(&registry().lock);
     registry().classes.insert(m_name, this);
 }
-
 ClassInfo::~ClassInfo()
 {
     QMutexLocker locker(&registry().lock);
@@ -69,10 +318,33 @@ const MethodEntry *ClassInfo::ownInstanceMethod(const Selector &selector) const
     return it == m_methods.end() ? nullptr : &it->second;
 }
 
+const MethodEntry *ClassInfo::findMethod(const char *name, qsizetype size) const
+{
+    const size_t hash = hashBytes(name, size_t(size));
+    const size_t mask = m_methodTable.size() - 1;
+    for (size_t i = hash & mask;; i = (i + 1) & mask) {
+        const MethodSlot &slot = m_methodTable[i];
+        if (!slot.entry)
+            return nullptr;
+        if (slot.hash == hash && slot.entry->selector.size() == size &&
+            equalBytes(slot.entry->selector.constData(), name, size_t(size)))
+            return slot.entry;
+    }
+}
+
 const MethodEntry *ClassInfo::instanceMethod(const Selector &selector) const
 {
-    auto it = m_allMethods.find(selector);
-    return it == m_allMethods.end() ? nullptr : it->second;
+    const MethodEntry *entry;
+    if (methodCache().find(m_serial, selector, entry))
+        return entry;
+    return lookUpAndRemember(selector);
+}
+
+const MethodEntry *ClassInfo::lookUpAndRemember(const Selector &selector) const
+{
+    const MethodEntry *entry = findMethod(selector.constData(), selector.size());
+    methodCache().store(m_serial, selector, entry);
+    return entry;
 }
 
 QList<Selector> ClassInfo::ownSelectors() const
@@ -95,39 +367,72 @@ QStringList ClassInfo::keyPathsForValuesAffectingValueForKey(const QString &key)
 
 const KeyAccessors &ClassInfo::accessorsForKey(const QString &key) const
 {
-    {
-        std::shared_lock lock(m_cacheLock);
-        auto it = m_cache.find(key);
-        if (it != m_cache.end())
-            return *it->second;
-    }
-    auto acc = std::make_unique<KeyAccessors>();
+    const KeyAccessors *found;
+    if (accessorCache().find(m_serial, key, found))
+        return *found;
+    return lookUpAndRemember(key);
+}
+
+const KeyAccessors &ClassInfo::lookUpAndRemember(const QString &key) const
+{
+    auto &cache = accessorCache();
+    const size_t hash = hashBytes(bytesOf(key), byteSizeOf(key));
+    if (const KeyCache::Table *t = m_keys->table.load(std::memory_order_acquire))
+        if (const KeyCache::Record *r = KeyCache::probe(t, key, hash)) {
+            cache.store(m_serial, key, &r->accessors);
+            return r->accessors;
+        }
+    const KeyAccessors &resolved = resolveAccessors(key, hash);
+    cache.store(m_serial, key, &resolved);
+    return resolved;
+}
+
+const KeyAccessors &ClassInfo::resolveAccessors(const QString &key, size_t hash) const
+{
+    std::lock_guard lock(m_keys->lock);
+    if (const KeyCache::Table *t = m_keys->table.load(std::memory_order_relaxed))
+        if (const KeyCache::Record *r = KeyCache::probe(t, key, hash))
+            return r->accessors;
+
+    KeyAccessors acc;
     const QByteArray k = key.toLatin1();
     const QByteArray K = capitalized(key);
     auto find = [this](const QByteArray &sel, int arity) -> const MethodEntry * {
-        const MethodEntry *e = instanceMethod(sel);
+        const MethodEntry *e = findMethod(sel.constData(), sel.size());
         return e && e->signature.numberOfArguments() - 2 == arity ? e : nullptr;
     };
     for (const QByteArray &sel : {"get" + K, k, "is" + K, "_" + k})
-        if ((acc->getter = find(sel, 0)))
+        if ((acc.getter = find(sel, 0)))
             break;
     for (const QByteArray &sel : {"set" + K + ':', "_set" + K + ':'})
-        if ((acc->setter = find(sel, 1)))
+        if ((acc.setter = find(sel, 1)))
             break;
-    acc->countOf = find("countOf" + K, 0);
-    acc->objectAt = find("objectIn" + K + "AtIndex:", 1);
-    acc->atIndexes = find(k + "AtIndexes:", 1);
-    acc->insertMany = find("insert" + K + ":atIndexes:", 2);
-    acc->insertOne = find("insertObject:in" + K + "AtIndex:", 2);
-    acc->removeMany = find("remove" + K + "AtIndexes:", 1);
-    acc->removeOne = find("removeObjectFrom" + K + "AtIndex:", 1);
-    acc->replaceMany = find("replace" + K + "AtIndexes:with" + K + ':', 2);
-    acc->replaceOne = find("replaceObjectIn" + K + "AtIndex:withObject:", 2);
-    acc->affectingKeyPaths = keyPathsForValuesAffectingValueForKey(key);
+    acc.countOf = find("countOf" + K, 0);
+    acc.objectAt = find("objectIn" + K + "AtIndex:", 1);
+    acc.atIndexes = find(k + "AtIndexes:", 1);
+    acc.insertMany = find("insert" + K + ":atIndexes:", 2);
+    acc.insertOne = find("insertObject:in" + K + "AtIndex:", 2);
+    acc.removeMany = find("remove" + K + "AtIndexes:", 1);
+    acc.removeOne = find("removeObjectFrom" + K + "AtIndex:", 1);
+    acc.replaceMany = find("replace" + K + "AtIndexes:with" + K + ':', 2);
+    acc.replaceOne = find("replaceObjectIn" + K + "AtIndex:withObject:", 2);
+    acc.affectingKeyPaths = keyPathsForValuesAffectingValueForKey(key);
+    if (acc.setter) {
+        const QByteArray code = acc.setter->signature.argumentTypeAt(2);
+        acc.setterCode = code.size() == 1 ? code[0] : 0;
+    }
 
-    std::unique_lock lock(m_cacheLock);
-    auto [it, inserted] = m_cache.try_emplace(key, std::move(acc));
-    return *it->second;
+    const bool resolvesNothing = !acc.getter && !acc.setter && !acc.countOf && !acc.objectAt &&
+                                 !acc.atIndexes && !acc.insertMany && !acc.insertOne && !acc.removeMany &&
+                                 !acc.removeOne && !acc.replaceMany && !acc.replaceOne &&
+                                 acc.affectingKeyPaths.isEmpty();
+    if (resolvesNothing)
+        return noAccessors();
+    auto record = std::unique_ptr<KeyCache::Record>(
+        new KeyCache::Record{hash, QString(key.constData(), key.size()), std::move(acc)});
+    const KeyCache::Record *r = record.get();
+    m_keys->insert(std::move(record));
+    return r->accessors;
 }
 
 Ref<Object> ClassInfo::createInstance() const

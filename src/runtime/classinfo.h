@@ -20,10 +20,9 @@
 #include <QStringList>
 #include <functional>
 #include <memory>
-#include <shared_mutex>
-#include <string_view>
 #include <tuple>
 #include <unordered_map>
+#include <vector>
 
 namespace zt {
 
@@ -57,6 +56,9 @@ struct KeyAccessors
     const MethodEntry *replaceMany = nullptr; // replaceKeyAtIndexes:withKey:
     const MethodEntry *replaceOne = nullptr;  // replaceObjectInKeyAtIndex:withObject:
     QStringList affectingKeyPaths;            // dependencies, the whole class chain
+    //! The setter's argument code when it is a single letter ('q', '@' …),
+    //! else 0: key-value coding converts a value to it before the call.
+    char setterCode = 0;
 };
 
 class ZT_EXPORT ClassInfo
@@ -103,29 +105,49 @@ public:
     }
 
 private:
-    // Selector names are short ASCII keys looked up on every message: the
-    // standard library's unseeded byte hash is several times cheaper here
-    // than Qt's seeded one.
+    struct MethodSlot
+    {
+        size_t hash = 0;
+        const MethodEntry *entry = nullptr;
+    };
+    struct KeyCache;
     struct SelectorHash
     {
-        size_t operator()(const Selector &s) const noexcept
-        {
-            return std::hash<std::string_view>{}(std::string_view(s.constData(), size_t(s.size())));
-        }
+        size_t operator()(const Selector &s) const noexcept;
     };
+
+    const MethodEntry *findMethod(const char *name, qsizetype size) const;
+    // The look-ups past the per-thread caches, kept out of line so that a
+    // hit stays cheap.
+    [[gnu::noinline]] const MethodEntry *lookUpAndRemember(const Selector &selector) const;
+    [[gnu::noinline]] const KeyAccessors &lookUpAndRemember(const QString &key) const;
+    const KeyAccessors &resolveAccessors(const QString &key, size_t hash) const;
+
     QString m_name;
     const ClassInfo *m_superclass;
     Factory m_factory;
+    //! Never reused by another class, unlike the object's address: per-thread
+    //! look-up caches tell classes apart by it.
+    quint64 m_serial;
     std::unordered_map<Selector, MethodEntry, SelectorHash> m_methods;
-    //! Own and inherited methods, filled once the class has registered its
-    //! members, so that a look-up hashes the selector once.
-    std::unordered_map<Selector, const MethodEntry *, SelectorHash> m_allMethods;
+    //! Own and inherited methods, an open-addressing table made once the
+    //! class has registered its members and never changed after: look-ups
+    //! read it without a lock.
+    std::vector<MethodSlot> m_methodTable;
     QHash<QString, QStringList> m_dependencies;
-    mutable std::shared_mutex m_cacheLock;
-    mutable std::unordered_map<QString, std::unique_ptr<KeyAccessors>, std::hash<QString>> m_cache;
+    //! Accessors found so far, by key (classinfo.cpp).
+    std::unique_ptr<KeyCache> m_keys;
 };
 
 namespace detail {
+
+//! An unseeded hash of a key's characters for the runtime's own tables,
+//! several times cheaper than qHash() on the short keys they hold.
+ZT_EXPORT size_t hashKey(const QString &key) noexcept;
+struct KeyHash
+{
+    size_t operator()(const QString &key) const noexcept { return hashKey(key); }
+};
 
 template<typename F> struct MemberTraits;
 template<typename R, typename K, typename... A> struct MemberTraits<R (K::*)(A...)>

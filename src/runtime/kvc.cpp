@@ -14,11 +14,6 @@ QString undefinedKeyReason(const Object *o, const char *method, const QString &k
                   o->className(), static_cast<const void *>(o), method, key);
 }
 
-bool isScalarCode(const QByteArray &code)
-{
-    return code != "@";
-}
-
 } // namespace
 
 // ---- Object's key-value coding ----
@@ -53,9 +48,14 @@ void Object::setValueForKey(const QVariant &value, const QString &key)
         setValueForUndefinedKey(value, key);
         return;
     }
-    const QByteArray code = acc.setter->signature.argumentTypeAt(2);
-    if (isScalarCode(code) && isNilOrNull(value)) {
+    // Only an object argument takes nil; a qualified code ("r@") counts as a scalar.
+    const char code = acc.setterCode;
+    if (code != '@' && isNilOrNull(value)) {
         setNilValueForKey(key);
+        return;
+    }
+    if (code == 0 || isCoercedToTypeCode(value, code)) {
+        acc.setter->call(this, &value);
         return;
     }
     const QVariant arg = coerceToTypeCode(value, code);

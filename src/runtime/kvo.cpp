@@ -3,8 +3,10 @@
 #include "runtime/kvc.h"
 #include "runtime/logging.h"
 #include "runtime/observation_p.h"
+#include "runtime/variant_inplace_p.h"
 
 #include <QVarLengthArray>
+#include <algorithm>
 
 namespace zt {
 
@@ -23,6 +25,20 @@ QVariant readKey(Object *object, const QString &key)
     } catch (const Exception &) {
         return {}; // an announced key without a getter reads as nil
     }
+}
+
+// readKey() into a nil `out`, as a change record carries it. The getter's
+// result is built where it stays, not moved there.
+void readRecordInto(QVariant &out, Object *object, const QString &key)
+{
+    Q_ASSERT(!out.isValid());
+    try {
+        new (&out) QVariant(object->valueForKey(key));
+    } catch (const Exception &) {
+        new (&out) QVariant(); // whatever the getter left there is gone
+    }
+    if (!out.isValid())
+        new (&out) QVariant(nullValue());
 }
 
 QVariant readPath(Object *object, const QString &path)
@@ -79,6 +95,7 @@ std::shared_ptr<Trigger> ObservationInfo::attach(const std::shared_ptr<Observanc
     t->viaDependency = viaDependency;
     t->dependencyEdge = dependencyEdge;
     t->direct = !viaDependency && t->rest.isEmpty();
+    t->wantsWill = obs->options & (ObservingOption::Old | ObservingOption::Prior);
     if (!object)
         return t;
     of(object).triggers[t->key].push_back(t);
@@ -101,8 +118,8 @@ void ObservationInfo::detach(Trigger *t)
         auto &table = t->object->m_observation->triggers;
         auto it = table.find(t->key);
         if (it != table.end()) {
-            std::erase_if(*it, [t](const std::shared_ptr<Trigger> &p) { return p.get() == t; });
-            if (it->empty())
+            std::erase_if(it->second, [t](const std::shared_ptr<Trigger> &p) { return p.get() == t; });
+            if (it->second.empty())
                 table.erase(it);
         }
     }
@@ -125,11 +142,15 @@ void ObservationInfo::reattachChild(Trigger *t)
 
 void ObservationInfo::will(Object *self, const QString &key, KeyValueChange kind, const IndexSet *indexes)
 {
-    auto it = triggers.constFind(key);
-    if (it == triggers.cend())
+    auto it = triggers.find(key);
+    if (it == triggers.end())
+        return;
+    // Most observers want neither the old value nor a prior notification:
+    // then there is nothing to do before the change.
+    if (std::none_of(it->second.begin(), it->second.end(), [](const auto &t) { return t->wantsWill; }))
         return;
     // A key rarely has more than a few triggers: snapshot them without a heap allocation.
-    const QVarLengthArray<std::shared_ptr<Trigger>, 4> snapshot(it->begin(), it->end());
+    const QVarLengthArray<std::shared_ptr<Trigger>, 4> snapshot(it->second.begin(), it->second.end());
     for (const auto &t : snapshot) {
         if (t->dead)
             continue;
@@ -137,21 +158,27 @@ void ObservationInfo::will(Object *self, const QString &key, KeyValueChange kind
         if (!obs)
             continue;
         const bool wantOld = obs->options.testFlag(ObservingOption::Old);
-        QVariant old;
+        const bool prior = obs->options.testFlag(ObservingOption::Prior);
+        if (!wantOld && !prior)
+            continue;
+        // An observance's options never change: did() takes an old value
+        // exactly when this pushed one.
+        QVariant *old = nullptr;
         if (wantOld) {
+            old = &t->pendingOld.emplace_back();
             if (!t->direct)
-                old = recordValue(readPath(obs->observed, obs->keyPath));
+                new (old) QVariant(recordValue(readPath(obs->observed, obs->keyPath)));
             else if (kind == KeyValueChange::Setting)
-                old = recordValue(readKey(self, key));
+                readRecordInto(*old, self, key);
             else if (kind != KeyValueChange::Insertion && indexes)
-                old = elementsAt(self, key, *indexes);
+                new (old) QVariant(elementsAt(self, key, *indexes));
         }
-        t->pendingOld.push_back(old);
-        if (obs->options.testFlag(ObservingOption::Prior)) {
+        if (prior) {
             KVOChange change;
             change.kind = t->direct ? kind : KeyValueChange::Setting;
             change.isPrior = true;
-            change.oldValue = old;
+            if (old)
+                detail::copyInto(change.oldValue, *old);
             if (t->direct && indexes) {
                 change.indexes = *indexes;
                 change.hasIndexes = true;
@@ -163,22 +190,25 @@ void ObservationInfo::will(Object *self, const QString &key, KeyValueChange kind
 
 void ObservationInfo::did(Object *self, const QString &key, KeyValueChange kind, const IndexSet *indexes)
 {
-    auto it = triggers.constFind(key);
-    if (it == triggers.cend())
+    auto it = triggers.find(key);
+    if (it == triggers.end())
         return;
     // A key rarely has more than a few triggers: snapshot them without a heap allocation.
-    const QVarLengthArray<std::shared_ptr<Trigger>, 4> snapshot(it->begin(), it->end());
+    const QVarLengthArray<std::shared_ptr<Trigger>, 4> snapshot(it->second.begin(), it->second.end());
     for (const auto &t : snapshot) {
         if (t->dead)
             continue;
-        QVariant old;
+        auto obs = t->observance.lock();
+        if (!obs) {
+            if (!t->pendingOld.empty())
+                t->pendingOld.pop_back();
+            continue;
+        }
+        KVOChange change;
         if (!t->pendingOld.empty()) {
-            old = std::move(t->pendingOld.back());
+            change.oldValue.swap(t->pendingOld.back());
             t->pendingOld.pop_back();
         }
-        auto obs = t->observance.lock();
-        if (!obs)
-            continue;
         // The value under this key may be another object now: follow it. Up
         // the tree, a key that depends on this one may have changed too.
         reattachChild(t.get());
@@ -188,8 +218,6 @@ void ObservationInfo::did(Object *self, const QString &key, KeyValueChange kind,
         if (t->dead)
             continue;
 
-        KVOChange change;
-        change.oldValue = old;
         const bool wantNew = obs->options.testFlag(ObservingOption::New);
         if (t->direct) {
             change.kind = kind;
@@ -199,12 +227,12 @@ void ObservationInfo::did(Object *self, const QString &key, KeyValueChange kind,
             }
             if (wantNew) {
                 if (kind == KeyValueChange::Setting)
-                    change.newValue = recordValue(readKey(self, key));
+                    readRecordInto(change.newValue, self, key);
                 else if (kind != KeyValueChange::Removal && indexes)
-                    change.newValue = elementsAt(self, key, *indexes);
+                    new (&change.newValue) QVariant(elementsAt(self, key, *indexes));
             }
         } else if (wantNew) {
-            change.newValue = recordValue(readPath(obs->observed, obs->keyPath));
+            new (&change.newValue) QVariant(recordValue(readPath(obs->observed, obs->keyPath)));
         }
         deliver(obs, change);
     }
@@ -215,7 +243,7 @@ void ObservationInfo::objectDestroyed(Object *self)
     // Triggers of other objects' observances that watch this object.
     const auto tables = std::move(triggers);
     triggers.clear();
-    for (const auto &list : tables)
+    for (const auto &[key, list] : tables)
         for (const auto &t : list)
             t->object = nullptr;
     if (!observances.empty()) {

@@ -19,7 +19,7 @@
 
 #include "runtime/object.h"
 
-#include <QHash>
+#include <unordered_map>
 #include <vector>
 
 namespace zt {
@@ -48,9 +48,10 @@ struct Trigger
     bool viaDependency = false;  // reached through a declared dependency
     bool dependencyEdge = false; // watches a key that `parent`'s key depends on
     bool dead = false;
+    bool wantsWill = false; // its observance asked for the old value or a prior notification
     std::shared_ptr<Trigger> child;
     std::vector<std::shared_ptr<Trigger>> dependents;
-    std::vector<QVariant> pendingOld; // old values between will and did
+    std::vector<QVariant> pendingOld; // old values between will and did (only if asked for)
 };
 
 class ObservationInfo
@@ -59,7 +60,7 @@ public:
     static ObservationInfo &of(Object *object);
 
     std::vector<std::shared_ptr<Observance>> observances;
-    QHash<QString, std::vector<std::shared_ptr<Trigger>>> triggers;
+    std::unordered_map<QString, std::vector<std::shared_ptr<Trigger>>, detail::KeyHash> triggers;
 
     static std::shared_ptr<Trigger> attach(const std::shared_ptr<Observance> &obs, Trigger *parent,
                                            Object *object, const QString &path, bool viaDependency,

@@ -104,7 +104,12 @@ QVariant coerceToTypeCode(const QVariant &value, const QByteArray &code)
 {
     if (code.size() != 1)
         return value;
-    switch (code[0]) {
+    return coerceToTypeCode(value, code[0]);
+}
+
+QVariant coerceToTypeCode(const QVariant &value, char code)
+{
+    switch (code) {
     case 'c':
         return QVariant(toInt64(value) != 0 || value.toBool());
     case 'C':
@@ -134,21 +139,22 @@ namespace {
 // Whether coerceToTypeCode() would answer `value` itself.
 bool alreadyCoerced(const QVariant &value, char code)
 {
+    const int id = detail::typeIdOf(value);
     const auto signedFits = [&](auto narrow) {
-        if (value.typeId() != QMetaType::LongLong)
+        if (id != QMetaType::LongLong)
             return false;
         const qlonglong v = *static_cast<const qlonglong *>(value.constData());
         return v == qlonglong(decltype(narrow)(v));
     };
     const auto unsignedFits = [&](auto narrow) {
-        if (value.typeId() != QMetaType::ULongLong)
+        if (id != QMetaType::ULongLong)
             return false;
         const qulonglong v = *static_cast<const qulonglong *>(value.constData());
         return v == qulonglong(decltype(narrow)(v));
     };
     switch (code) {
     case 'c':
-        return value.typeId() == QMetaType::Bool;
+        return id == QMetaType::Bool;
     case 'C':
         return unsignedFits(quint8());
     case 's':
@@ -160,18 +166,23 @@ bool alreadyCoerced(const QVariant &value, char code)
     case 'I':
         return unsignedFits(quint32());
     case 'q':
-        return value.typeId() == QMetaType::LongLong;
+        return id == QMetaType::LongLong;
     case 'Q':
-        return value.typeId() == QMetaType::ULongLong;
+        return id == QMetaType::ULongLong;
     case 'f':
     case 'd':
-        return value.typeId() == QMetaType::Double;
+        return id == QMetaType::Double;
     default:
         return true;
     }
 }
 
 } // namespace
+
+bool isCoercedToTypeCode(const QVariant &value, char code)
+{
+    return alreadyCoerced(value, code);
+}
 
 void coerceToTypeCodeInPlace(QVariant &value, const QByteArray &code)
 {

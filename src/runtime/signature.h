@@ -88,6 +88,11 @@ ZT_EXPORT qsizetype typeCodeWidth(const QByteArray &code);
 //! Converts a value to the kind a type code holds ("c" a boolean, "i" a 32-bit
 //! signed integer …); "@" values pass unchanged.
 ZT_EXPORT QVariant coerceToTypeCode(const QVariant &value, const QByteArray &code);
+//! coerceToTypeCode() for a one-letter code.
+ZT_EXPORT QVariant coerceToTypeCode(const QVariant &value, char code);
+//! Whether coerceToTypeCode() answers `value` itself for a one-letter code:
+//! then a caller can use the value where it stands.
+ZT_EXPORT bool isCoercedToTypeCode(const QVariant &value, char code);
 //! coerceToTypeCode() applied to `value` where it stands; a value that is
 //! already what the code makes of it is left untouched.
 ZT_EXPORT void coerceToTypeCodeInPlace(QVariant &value, const QByteArray &code);

@@ -9,11 +9,38 @@
 
 namespace zt {
 
+namespace {
+
+using detail::typeIdOf;
+
+// The ids of the runtime's own value types, registered once.
+struct RuntimeTypeIds
+{
+    int objectRef = qMetaTypeId<ObjectRef>();
+    int nullMarker = qMetaTypeId<NullMarker>();
+    int indexSet = qMetaTypeId<IndexSet>();
+    int uid = qMetaTypeId<Uid>();
+    int dictionary = qMetaTypeId<Dictionary>();
+};
+const RuntimeTypeIds &runtimeTypeIds()
+{
+    static const RuntimeTypeIds ids;
+    return ids;
+}
+
+template<typename T> const T &storedAs(const QVariant &value)
+{
+    return *static_cast<const T *>(value.constData());
+}
+
+} // namespace
+
 ValueKind kindOf(const QVariant &value)
 {
-    if (!value.isValid())
+    const int id = typeIdOf(value);
+    switch (id) {
+    case QMetaType::UnknownType:
         return ValueKind::Nil;
-    switch (value.typeId()) {
     case QMetaType::QString:
         return ValueKind::String;
     case QMetaType::Bool:
@@ -46,23 +73,27 @@ ValueKind kindOf(const QVariant &value)
     default:
         break;
     }
-    const int id = value.typeId();
-    if (id == qMetaTypeId<ObjectRef>())
-        return value.value<ObjectRef>() ? ValueKind::Object : ValueKind::Nil;
-    if (id == qMetaTypeId<NullMarker>())
+    const RuntimeTypeIds &ids = runtimeTypeIds();
+    if (id == ids.objectRef)
+        return storedAs<ObjectRef>(value) ? ValueKind::Object : ValueKind::Nil;
+    if (id == ids.nullMarker)
         return ValueKind::Null;
-    if (id == qMetaTypeId<IndexSet>())
+    if (id == ids.indexSet)
         return ValueKind::IndexSet;
-    if (id == qMetaTypeId<Uid>())
+    if (id == ids.uid)
         return ValueKind::Uid;
-    if (id == qMetaTypeId<Dictionary>())
+    if (id == ids.dictionary)
         return ValueKind::Dictionary;
     return ValueKind::Other;
 }
 
 qint64 toInt64(const QVariant &value)
 {
-    if (kindOf(value) == ValueKind::Real) {
+    switch (typeIdOf(value)) {
+    case QMetaType::LongLong:
+        return storedAs<qlonglong>(value);
+    case QMetaType::Float:
+    case QMetaType::Double: {
         const double d = value.toDouble();
         if (!std::isfinite(d))
             return 0;
@@ -70,20 +101,25 @@ qint64 toInt64(const QVariant &value)
                : d >= 9.2233720368547758e18 ? std::numeric_limits<qint64>::max()
                                             : qint64(d);
     }
-    return value.toLongLong();
+    default:
+        return value.toLongLong();
+    }
 }
 
 quint64 toUInt64(const QVariant &value)
 {
-    if (kindOf(value) == ValueKind::Real) {
+    switch (kindOf(value)) {
+    case ValueKind::Real: {
         const double d = value.toDouble();
         if (!std::isfinite(d) || d <= 0)
             return d < 0 && d > -9.2233720368547758e18 ? quint64(qint64(d)) : 0;
         return d >= 1.8446744073709552e19 ? std::numeric_limits<quint64>::max() : quint64(d);
     }
-    if (kindOf(value) == ValueKind::Signed)
+    case ValueKind::Signed:
         return quint64(value.toLongLong());
-    return value.toULongLong();
+    default:
+        return value.toULongLong();
+    }
 }
 
 QVariant nullValue()
@@ -93,20 +129,27 @@ QVariant nullValue()
 
 bool isNullMarker(const QVariant &value)
 {
-    return value.typeId() == qMetaTypeId<NullMarker>();
+    const int id = typeIdOf(value);
+    return id >= QMetaType::User && id == runtimeTypeIds().nullMarker;
 }
 
 bool isNilOrNull(const QVariant &value)
 {
-    const ValueKind k = kindOf(value);
-    return k == ValueKind::Nil || k == ValueKind::Null;
+    const int id = typeIdOf(value);
+    if (id == QMetaType::UnknownType)
+        return true;
+    if (id < QMetaType::User)
+        return false;
+    const RuntimeTypeIds &ids = runtimeTypeIds();
+    return id == ids.nullMarker || (id == ids.objectRef && !storedAs<ObjectRef>(value));
 }
 
 Object *objectFrom(const QVariant &value)
 {
-    if (value.typeId() != qMetaTypeId<ObjectRef>())
+    const int id = typeIdOf(value);
+    if (id < QMetaType::User || id != runtimeTypeIds().objectRef)
         return nullptr;
-    return value.value<ObjectRef>().get();
+    return storedAs<ObjectRef>(value).get();
 }
 
 QVariant objectValue(Object *object)

@@ -64,6 +64,21 @@ enum class ValueKind
     Other,
 };
 
+namespace detail {
+//! The value's type id (QMetaType::UnknownType for nil). QVariant::typeId()
+//! goes through the out-of-line metaType(); every built-in type and every
+//! registered custom type keeps its id in its interface, read here inline.
+inline int typeIdOf(const QVariant &value)
+{
+    const QtPrivate::QMetaTypeInterface *iface = value.data_ptr().typeInterface();
+    if (!iface)
+        return QMetaType::UnknownType;
+    if (const int id = iface->typeId.loadRelaxed())
+        return id;
+    return value.typeId(); // registers the type
+}
+} // namespace detail
+
 ZT_EXPORT ValueKind kindOf(const QVariant &value);
 inline bool isNumber(ValueKind k)
 {

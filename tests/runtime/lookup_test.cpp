@@ -1,0 +1,207 @@
+// Method and accessor look-ups: they are cached per thread by the identity of
+// the name's characters and per class in tables that grow while in use. These
+// check that no cached answer outlives what it was made from.
+
+#include "sample.h"
+
+#include <QThread>
+#include <atomic>
+#include <cstring>
+
+using namespace zt;
+
+namespace {
+
+MethodEntry entry(const char *selector)
+{
+    return MethodEntry{Selector(selector), MethodSignature::of<void>(),
+                       [](Object *, const QVariant *) { return QVariant(); }};
+}
+
+void registerPing(ClassInfo &c)
+{
+    c.addMethod(entry("ping"));
+}
+
+void registerPong(ClassInfo &c)
+{
+    c.addMethod(entry("pong"));
+}
+
+// "k0" … "k63", each a getter: enough keys to make the accessor table grow.
+constexpr int KeyCount = 64;
+void registerManyKeys(ClassInfo &c)
+{
+    for (int i = 0; i < KeyCount; ++i)
+        c.addMethod(entry(QByteArray("k" + QByteArray::number(i)).constData()));
+}
+
+QByteArray getterOf(const ClassInfo &c, const QString &key)
+{
+    const MethodEntry *getter = c.accessorsForKey(key).getter;
+    return getter ? getter->selector : QByteArray("(none)");
+}
+
+} // namespace
+
+TEST(MethodLookUp, ClassesMadeAfterALookUpAnswerFromTheirOwnTables)
+{
+    // Each class is made where the previous one was just freed, often at the
+    // same address; the same selector objects are asked every time.
+    const Selector ping("ping");
+    const Selector pong("pong");
+    for (int i = 0; i < 64; ++i) {
+        const bool odd = i % 2;
+        auto c = std::make_unique<ClassInfo>("LookUpProbe", &Object::staticClassInfo(), nullptr,
+                                             odd ? registerPong : registerPing);
+        SCOPED_TRACE(i);
+        EXPECT_EQ(c->instanceMethod(ping) != nullptr, !odd);
+        EXPECT_EQ(c->instanceMethod(pong) != nullptr, odd);
+        EXPECT_EQ(c->instanceMethod(ping) != nullptr, !odd);  // again, from the cache
+        EXPECT_NE(c->instanceMethod("description"), nullptr); // inherited
+    }
+}
+
+TEST(MethodLookUp, NamesAreMatchedByTheirTextWhateverHoldsIt)
+{
+    ClassInfo c("LookUpText", &Object::staticClassInfo(), nullptr, registerPing);
+    char buffer[] = "pong";
+    const QByteArray raw = QByteArray::fromRawData(buffer, 4);
+    EXPECT_EQ(c.instanceMethod(raw), nullptr);
+    std::memcpy(buffer, "ping", 4); // same object, same address, other text
+    ASSERT_NE(c.instanceMethod(raw), nullptr);
+    EXPECT_EQ(c.instanceMethod(raw)->selector, "ping");
+
+    struct Row
+    {
+        const char *name;
+        Selector selector;
+        bool found;
+    } rows[] = {
+        {"owning", Selector("ping"), true},
+        {"literal", QByteArrayLiteral("ping"), true},
+        {"longer", Selector("pings"), false},
+        {"prefix", Selector("pin"), false},
+        {"empty", Selector(), false},
+        {"long, differing in the last byte", Selector("description:"), false},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(c.instanceMethod(row.selector) != nullptr, row.found);
+    }
+}
+
+TEST(AccessorLookUp, AKeyFreedAndAnotherMadeInItsPlaceFindsItsOwnAccessors)
+{
+    // "name" and "tags" have the same length: a freed key's block is the
+    // likeliest place for the next one.
+    const ClassInfo &c = Sample::staticClassInfo();
+    for (int i = 0; i < 256; ++i) {
+        const char *text = i % 2 ? "tags" : "name";
+        const QString key = QString::fromLatin1(text);
+        ASSERT_EQ(getterOf(c, key), text) << i;
+    }
+
+    char16_t buffer[] = u"name";
+    const QString raw = QString::fromRawData(reinterpret_cast<const QChar *>(buffer), 4);
+    EXPECT_EQ(getterOf(c, raw), "name");
+    std::memcpy(buffer, u"tags", sizeof buffer - sizeof(char16_t));
+    EXPECT_EQ(getterOf(c, raw), "tags");
+}
+
+TEST(AccessorLookUp, UnknownKeysResolveToNothingAndStayUnknown)
+{
+    const ClassInfo &c = Sample::staticClassInfo();
+    for (const char *key : {"nothing", "nothing", "nam", ""}) {
+        SCOPED_TRACE(key);
+        const KeyAccessors &acc = c.accessorsForKey(QString::fromLatin1(key));
+        EXPECT_EQ(acc.getter, nullptr);
+        EXPECT_EQ(acc.setter, nullptr);
+        EXPECT_TRUE(acc.affectingKeyPaths.isEmpty());
+    }
+    // A key with only dependencies is still found.
+    EXPECT_FALSE(c.accessorsForKey(QStringLiteral("title")).affectingKeyPaths.isEmpty());
+}
+
+TEST(AccessorLookUp, ThreadsResolvingKeysWhileTheTableGrowsAllSeeTheRightAccessors)
+{
+    ClassInfo c("LookUpMany", &Object::staticClassInfo(), nullptr, registerManyKeys);
+    std::atomic<int> wrong{0};
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.push_back(std::unique_ptr<QThread>(QThread::create([&c, &wrong, t] {
+            for (int round = 0; round < 4; ++round)
+                for (int i = 0; i < KeyCount; ++i) {
+                    const int k = (i * (2 * t + 1) + round) % KeyCount; // each thread its own order
+                    const QByteArray name = "k" + QByteArray::number(k);
+                    if (getterOf(c, QString::fromLatin1(name)) != name)
+                        ++wrong;
+                }
+        })));
+        threads.back()->start();
+    }
+    for (auto &thread : threads)
+        thread->wait();
+    EXPECT_EQ(wrong.load(), 0);
+}
+
+TEST(KeyValueObserving, RegistrationsMadeAndDroppedBetweenChangesGetExactlyTheirs)
+{
+    auto s = make<Sample>();
+    auto plain = make<Recorder>();
+    auto before = make<Recorder>();
+    auto late = make<Recorder>();
+    const QString count = QStringLiteral("count");
+
+    s->setCount(1); // nobody watching
+    s->addObserver(plain.get(), count, ObservingOption::New);
+    s->setCount(2);
+    s->addObserver(before.get(), count, ObservingOption::Old | ObservingOption::Prior);
+    // Registered while `before` is told of the coming change: it sees only
+    // the change itself, without an old value it never asked to be kept.
+    before->onNote = [&] {
+        if (before->notes.size() == 1)
+            s->addObserver(late.get(), count, ObservingOption::Old | ObservingOption::New);
+    };
+    s->setCount(3);
+    before->onNote = nullptr;
+    s->removeObserver(plain.get(), count);
+    s->setCount(4);
+    s->removeObserver(before.get(), count);
+    s->removeObserver(late.get(), count);
+    s->setCount(5);
+
+    struct Expected
+    {
+        bool prior;
+        QVariant oldValue;
+        QVariant newValue;
+    };
+    struct Row
+    {
+        const char *name;
+        Recorder *recorder;
+        std::vector<Expected> notes;
+    } rows[] = {
+        {"new only, until removed", plain.get(), {{false, {}, qint64(2)}, {false, {}, qint64(3)}}},
+        {"old and prior, from the change after registering",
+         before.get(),
+         {{true, qint64(2), {}}, {false, qint64(2), {}}, {true, qint64(3), {}}, {false, qint64(3), {}}}},
+        {"registered between will and did",
+         late.get(),
+         {{false, {}, qint64(3)}, {false, qint64(3), qint64(4)}}},
+    };
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_EQ(row.recorder->notes.size(), qsizetype(row.notes.size()));
+        for (size_t i = 0; i < row.notes.size(); ++i) {
+            SCOPED_TRACE(i);
+            const KVOChange &got = row.recorder->notes[qsizetype(i)].change;
+            EXPECT_EQ(got.isPrior, row.notes[i].prior);
+            EXPECT_TRUE(valuesEqual(got.oldValue, row.notes[i].oldValue))
+                << qPrintable(describe(got.oldValue));
+            EXPECT_TRUE(valuesEqual(got.newValue, row.notes[i].newValue))
+                << qPrintable(describe(got.newValue));
+        }
+    }
+}
