@@ -26,7 +26,8 @@ void Invocation::setArgumentAtIndex(const QVariant &value, qsizetype index)
                                index, m_signature.numberOfArguments() - 1));
     QVariant &slot = m_arguments[index - 2];
     detail::replaceWith(slot, value);
-    coerceToTypeCodeInPlace(slot, m_signature.argumentTypeAt(index));
+    if (m_signature.argumentCodeAt(index) != '@') // objects pass unchanged
+        coerceToTypeCodeInPlace(slot, m_signature.argumentTypeAt(index));
 }
 
 QVariant &Invocation::argumentSlotAtIndex(qsizetype index)

@@ -68,6 +68,19 @@ public:
     qsizetype numberOfArguments() const { return m_arguments.size() + 2; }
     //! The code at a position; "@" at 0 and ":" at 1.
     QByteArray argumentTypeAt(qsizetype index) const;
+    //! The code at a position when it is one letter, else '\0' (qualified
+    //! codes, positions past the end): no copy of the code is made.
+    char argumentCodeAt(qsizetype index) const
+    {
+        if (index == 0)
+            return '@';
+        if (index == 1)
+            return ':';
+        if (index < 2 || index - 2 >= m_arguments.size())
+            return '\0';
+        const QByteArray &code = m_arguments.at(index - 2);
+        return code.size() == 1 ? code.front() : '\0';
+    }
     const QByteArray &methodReturnType() const { return m_return; }
     //! Width in bytes of the return value (0 for void; 8 for objects).
     qsizetype methodReturnLength() const;

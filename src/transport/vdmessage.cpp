@@ -283,10 +283,10 @@ void appendGeneralRecord(MessageBuffer &out, const QVariant &boxed)
 }
 
 // The record of one argument, per its type code.
-void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &value, const QByteArray &code,
-                    const zt::Selector &selector)
+void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &value,
+                    const zt::MethodSignature &signature, qsizetype position, const zt::Selector &selector)
 {
-    if (code.size() == 1 && code.front() == '@') {
+    if (signature.argumentCodeAt(position) == '@') {
         // The kinds that are always wired first; the others are checked.
         switch (zt::kindOf(value)) {
         case zt::ValueKind::String:
@@ -310,6 +310,7 @@ void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &va
         }
         return appendGeneralRecord(out, value);
     }
+    const QByteArray code = signature.argumentTypeAt(position);
     if (!isScalarCode(code))
         unknownFormat(value, code, selector);
     const QVariant boxed = zt::coerceToTypeCode(value, code);
@@ -318,10 +319,12 @@ void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &va
 }
 
 // Brings a decoded argument to its type code where it stands.
-void convertForCode(QVariant &decoded, const QByteArray &code, const zt::Selector &selector)
+void convertForCode(QVariant &decoded, const zt::MethodSignature &signature, qsizetype position,
+                    const zt::Selector &selector)
 {
-    if (code.size() == 1 && code.front() == '@')
+    if (signature.argumentCodeAt(position) == '@')
         return;
+    const QByteArray code = signature.argumentTypeAt(position);
     if (isScalarCode(code))
         return zt::coerceToTypeCodeInPlace(decoded, code);
     unknownFormat(decoded, code, selector);
@@ -407,8 +410,7 @@ QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &h
     out.appendWord(quint64(k));
     RecentValues &recent = recentValues();
     for (qsizetype i = 0; i < k; ++i)
-        appendArgument(recent, out, invocation.argumentAtIndex(i + 2), signature.argumentTypeAt(i + 2),
-                       selector);
+        appendArgument(recent, out, invocation.argumentAtIndex(i + 2), signature, i + 2, selector);
     return out.take();
 }
 
@@ -467,7 +469,7 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
                 zt::log(ztTransport, u"Could not deserialize %@ (%@)", payload.toByteArray(),
                         QString::fromLatin1(selector));
         }
-        convertForCode(decoded, signature.argumentTypeAt(position), selector);
+        convertForCode(decoded, signature, position, selector);
     }
     return invocation;
 }
