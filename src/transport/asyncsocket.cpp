@@ -361,7 +361,8 @@ void AsyncSocket::readDataToLengthWithTimeoutTag(qsizetype length, double timeou
 {
     if (length < 0)
         zt::invalidArgument(QStringLiteral("AsyncSocket: negative read length"));
-    d->queueRead({AsyncReadPacket(nullptr, 0, 0, timeout, length, {}, tag), nullptr, length == 0});
+    d->queueRead({AsyncReadPacket(nullptr, 0, 0, timeout, length, {}, tag, std::move(d->spare)), nullptr,
+                  length == 0});
 }
 
 void AsyncSocket::readDataToLengthWithTimeoutBufferBufferOffsetTag(qsizetype length, double timeout,

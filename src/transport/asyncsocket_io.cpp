@@ -144,20 +144,23 @@ void AsyncSocketPrivate::pumpReads()
             return;
         }
         AsyncReadPacket &p = *item.packet;
-        if (!readClock.started)
-            startClock(readClock, p.timeout());
         qsizetype got = 0;
         const Fill result = item.zeroLength ? Fill::Complete : fill(p, got);
         if (result == Fill::Complete) {
-            AsyncReadPacket done = std::move(p);
+            // A read that completes in the pass that made it current never
+            // needed its clock: no timer can fire before it is done.
+            const long tag = p.tag();
+            QByteArray data = p.takeData();
             reads.pop_front();
             readClock.started = false;
-            const QByteArray data = done.takeData();
-            notify([&](AsyncSocketDelegate *del) { del->onSocketDidReadDataWithTag(q, data, done.tag()); });
+            notify([&](AsyncSocketDelegate *del) { del->onSocketDidReadDataWithTag(q, data, tag); });
             if (g != generation)
                 return;
+            keepSpare(std::move(data));
             continue;
         }
+        if (!readClock.started)
+            startClock(readClock, p.timeout());
         if (result == Fill::MaxedOut) {
             closeWithError(socketError(AsyncSocketReadMaxedOutError));
             return;
@@ -174,31 +177,40 @@ void AsyncSocketPrivate::pumpReads()
     armTimer(readTimer, readClock);
 }
 
+// A delivered read's buffer that the delegate kept no copy of serves the
+// next fixed-length read: a stream of small frames then allocates nothing.
+void AsyncSocketPrivate::keepSpare(QByteArray &&data)
+{
+    if (data.isDetached() && data.capacity() <= SpareLimit)
+        spare = std::move(data);
+}
+
 // ---- writes ----
 
 void AsyncSocketPrivate::pumpWrites()
 {
     const quint64 g = generation;
     // What the stream has taken completes the writes in order.
+    // A write that becomes current and completes within this pass needs no
+    // clock; the one left current at the end gets it below.
     while (!writes.empty() && writes.front().packet) {
-        AsyncWritePacket &p = *writes.front().packet;
-        if (!writeClock.started)
-            startClock(writeClock, p.timeout());
+        AsyncWritePacket *p = &*writes.front().packet;
         if (written > 0) {
-            const qsizetype mine = p.didWrite(written);
+            const qsizetype mine = p->didWrite(written);
             written -= mine;
-            if (mine > 0 && !p.isDone()) {
-                const long tag = p.tag();
+            if (mine > 0 && !p->isDone()) {
+                const long tag = p->tag();
                 notify([&](AsyncSocketDelegate *del) {
                     del->onSocketDidWritePartialDataOfLengthTag(q, mine, tag);
                 });
                 if (g != generation)
                     return;
+                break; // still not done; the delegate may have queued more (p may have moved)
             }
         }
-        if (!p.isDone())
+        if (!p->isDone())
             break;
-        const long tag = p.tag();
+        const long tag = p->tag();
         writes.pop_front();
         sendIndex = sendIndex > 0 ? sendIndex - 1 : 0;
         writeClock.started = false;

@@ -22,10 +22,60 @@
 #include <QObject>
 #include <QSslSocket>
 #include <QTcpServer>
-#include <deque>
 #include <optional>
+#include <vector>
 
 class AsyncSocketPrivate;
+
+//! A first-in first-out queue on a ring of slots: pushing reuses the slots
+//! that popping freed, so a queue that stays short never allocates. A popped
+//! slot is reset to T{} (its resources go at once). Pushing may move the
+//! items: references into the queue don't survive a push_back().
+template<typename T> class AsyncSocketQueue
+{
+public:
+    AsyncSocketQueue() : m_slots(16) {}
+
+    bool empty() const { return m_count == 0; }
+    size_t size() const { return m_count; }
+    T &front() { return m_slots[m_head]; }
+    const T &front() const { return m_slots[m_head]; }
+    T &operator[](size_t i) { return m_slots[(m_head + i) & (m_slots.size() - 1)]; }
+
+    void push_back(T &&item)
+    {
+        if (m_count == m_slots.size())
+            grow();
+        m_slots[(m_head + m_count) & (m_slots.size() - 1)] = std::move(item);
+        ++m_count;
+    }
+    void pop_front()
+    {
+        m_slots[m_head] = T{};
+        m_head = (m_head + 1) & (m_slots.size() - 1);
+        --m_count;
+    }
+    void clear()
+    {
+        while (m_count > 0)
+            pop_front();
+        m_head = 0;
+    }
+
+private:
+    void grow()
+    {
+        std::vector<T> larger(m_slots.size() * 2); // stays a power of two
+        for (size_t i = 0; i < m_count; ++i)
+            larger[i] = std::move((*this)[i]);
+        m_slots.swap(larger);
+        m_head = 0;
+    }
+
+    std::vector<T> m_slots;
+    size_t m_head = 0;
+    size_t m_count = 0;
+};
 
 //! The stream: a QSslSocket, plain until startTLS.
 class AsyncSocketStream : public QSslSocket
@@ -64,6 +114,9 @@ public:
     //! it has taken some: bounds the memory of a slow peer and keeps write
     //! timeouts meaningful, while letting many small writes share a syscall.
     static constexpr qint64 WriteHighWater = 256 * 1024;
+
+    //! The largest delivered buffer kept for reuse by the next read.
+    static constexpr qsizetype SpareLimit = 64 * 1024;
 
     explicit AsyncSocketPrivate(AsyncSocket *owner);
     ~AsyncSocketPrivate() override;
@@ -136,6 +189,7 @@ public:
     qsizetype available() const;
     qsizetype takeBytes(char *dst, qsizetype count);
     void keepBack(AsyncReadPacket &p, qsizetype count);
+    void keepSpare(QByteArray &&data);
     void maybeStartTLS();
     void startTLSNow(const QVariantMap &settings);
     void startClock(Clock &clock, double timeout);
@@ -182,13 +236,14 @@ public:
     AsyncSocketListener *listen6 = nullptr;
     QString connectHost; // the host name given to connect, for TLS
 
-    std::deque<ReadItem> reads;   // front: the current read
-    std::deque<WriteItem> writes; // front: the current write
-    size_t sendIndex = 0;         // the first write not wholly handed to the stream
-    qint64 written = 0;           // bytes the stream reported taken, not yet accounted
-    QByteArray partial;           // pre-buffered bytes, from partialPos on
+    AsyncSocketQueue<ReadItem> reads;   // front: the current read
+    AsyncSocketQueue<WriteItem> writes; // front: the current write
+    size_t sendIndex = 0;               // the first write not wholly handed to the stream
+    qint64 written = 0;                 // bytes the stream reported taken, not yet accounted
+    QByteArray partial;                 // pre-buffered bytes, from partialPos on
     qsizetype partialPos = 0;
     bool lastFromPartial = false;
+    QByteArray spare; // a delivered read's buffer, for the next fixed-length read
 
     Clock readClock, writeClock;
     QBasicTimer readTimer, writeTimer, connectTimer;

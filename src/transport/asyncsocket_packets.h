@@ -32,10 +32,13 @@ public:
     //! a fixed-length read, else empty) and starts at offset 0. `maxLength` 0
     //! is no limit; `readLength` 0 is not a fixed-length read; an empty
     //! `terminator` is not a terminator read; a negative `timeout` is none.
-    //! The terminator is copied (QByteArray is a value).
+    //! The terminator is copied (QByteArray is a value). `spare`: a finished
+    //! buffer whose allocation a fixed-length read into its own buffer takes
+    //! over when nobody else holds it (ignored otherwise).
     //! @sel initWithData:startOffset:maxLength:timeout:readLength:terminator:tag:
     AsyncReadPacket(std::shared_ptr<QByteArray> buffer, qsizetype startOffset, qsizetype maxLength,
-                    double timeout, qsizetype readLength, QByteArray terminator, long tag);
+                    double timeout, qsizetype readLength, QByteArray terminator, long tag,
+                    QByteArray spare = {});
 
     //! Bytes to ask for next in a fixed-length or read-available read.
     //! @sel readLengthForNonTerm

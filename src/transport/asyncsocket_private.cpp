@@ -330,6 +330,7 @@ void AsyncSocketPrivate::close(bool graceful)
     partial.clear();
     partial.reserve(AsyncReadPacket::ReadChunkSize);
     partialPos = 0;
+    spare = QByteArray();
     readClock = {};
     writeClock = {};
     connectHost.clear();

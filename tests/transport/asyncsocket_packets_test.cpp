@@ -150,4 +150,45 @@ TEST(AsyncReadPacket, CallerBufferIsFilledFromItsOffsetAndKeepsItsTail)
     EXPECT_EQ(p.takeData(), "abcdef\n");
 }
 
+struct SpareRow
+{
+    const char *name;
+    qsizetype spareLength;
+    qsizetype readLength;
+    bool shared; // a copy of the spare is held elsewhere
+    int reused; // the packet writes into the spare's allocation (1), not (0), either (-1: realloc may grow it
+                // in place)
+};
+
+class AsyncReadPacketSpare : public ::testing::TestWithParam<SpareRow>
+{
+};
+
+// A spare buffer is written into only when nobody else holds it; a copy held
+// elsewhere keeps its bytes, and the data handed out is exactly the read.
+TEST_P(AsyncReadPacketSpare, IsReusedOnlyWhenUnshared)
+{
+    const SpareRow &row = GetParam();
+    QByteArray spare(row.spareLength, 'x');
+    const QByteArray copy = row.shared ? spare : QByteArray();
+    const char *allocation = spare.constData();
+    AsyncReadPacket p(nullptr, 0, 0, -1, row.readLength, {}, 3, std::move(spare));
+    const QByteArray bytes = QByteArray(row.readLength, 'r');
+    std::memcpy(p.prepareWrite(row.readLength), bytes.constData(), size_t(row.readLength));
+    p.commit(row.readLength);
+    if (row.reused >= 0) {
+        EXPECT_EQ(p.buffer().constData() == allocation, row.reused == 1);
+    }
+    if (row.shared) {
+        EXPECT_EQ(copy, QByteArray(row.spareLength, 'x'));
+    }
+    EXPECT_EQ(p.takeData(), bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncReadPacketSpare,
+                         ::testing::Values(SpareRow{"UnsharedAndLargeEnough", 200, 8, false, 1},
+                                           SpareRow{"SharedIsLeftAlone", 200, 8, true, 0},
+                                           SpareRow{"UnsharedButShort", 8, 180, false, -1}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
 } // namespace
