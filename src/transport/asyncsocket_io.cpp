@@ -221,27 +221,68 @@ void AsyncSocketPrivate::pumpWrites()
     if (writes.empty() || writes.front().special)
         written = 0;
 
-    // Hand pieces to the stream ahead of the current write, so that small
-    // writes share a system call; completions above stay in queue order.
-    while (!tlsActive && sendIndex < writes.size() && socket->bytesToWrite() < WriteHighWater) {
-        WriteItem &item = writes[sendIndex];
-        if (item.special)
-            break;
-        AsyncWritePacket &p = *item.packet;
-        if (!p.isSent()) {
-            const qsizetype piece = p.nextPieceLength();
-            const qint64 n = socket->write(p.data().constData() + p.bytesSent(), piece);
-            if (n <= 0)
-                break;
-            p.didSend(qsizetype(n));
-        }
-        if (p.isSent())
-            ++sendIndex;
-    }
+    sendAhead();
     if (!writes.empty() && writes.front().packet && !writeClock.started)
         startClock(writeClock, writes.front().packet->timeout());
     armTimer(writeTimer, writeClock);
     maybeStartTLS();
+}
+
+// Hands pieces to the stream ahead of the current write while Qt's buffer
+// holds less than WriteHighWater; completions (above) stay in queue order.
+// Writes of at most one piece that follow each other go to the stream in one
+// call, gathered in `staging`: a burst of small messages costs one write call
+// per batch instead of one per message. A batch stops at the high-water mark,
+// at WriteBatchSize, at a TLS switch and at a write longer than a piece, so Qt
+// never holds more than WriteHighWater plus one piece.
+void AsyncSocketPrivate::sendAhead()
+{
+    if (tlsActive || sendIndex >= writes.size())
+        return;
+    qint64 room = WriteHighWater - socket->bytesToWrite();
+    while (room > 0 && sendIndex < writes.size()) {
+        if (writes[sendIndex].special)
+            break;
+        AsyncWritePacket &first = *writes[sendIndex].packet;
+        const qsizetype firstPiece = first.nextPieceLength();
+        const bool firstIsWhole = first.bytesSent() + firstPiece == first.data().size();
+        size_t end = sendIndex + 1;
+        qsizetype total = firstPiece;
+        while (firstIsWhole && end < writes.size() && total < room && total < WriteBatchSize) {
+            const WriteItem &next = writes[end];
+            if (next.special || next.packet->data().size() > AsyncWritePacket::MaxPieceSize)
+                break;
+            total += next.packet->data().size(); // not handed over yet: bytesSent() is 0
+            ++end;
+        }
+        const char *bytes = first.data().constData() + first.bytesSent();
+        if (end > sendIndex + 1) {
+            if (staging.capacity() < WriteBatchSize + AsyncWritePacket::MaxPieceSize)
+                staging.reserve(WriteBatchSize + AsyncWritePacket::MaxPieceSize);
+            staging.resize(0); // keeps the allocation
+            staging.append(QByteArrayView(bytes, firstPiece));
+            for (size_t i = sendIndex + 1; i < end; ++i)
+                staging.append(QByteArrayView(writes[i].packet->data()));
+            bytes = staging.constData();
+        }
+        const qint64 n = total > 0 ? socket->write(bytes, total) : 0;
+        if (n < 0 || (n == 0 && total > 0))
+            break;
+        room -= n;
+        // What the stream took is handed over in queue order.
+        qint64 left = n;
+        while (sendIndex < end) {
+            AsyncWritePacket &p = *writes[sendIndex].packet;
+            const qsizetype mine = qsizetype(qMin<qint64>(left, p.data().size() - p.bytesSent()));
+            p.didSend(mine);
+            left -= mine;
+            if (!p.isSent())
+                break;
+            ++sendIndex;
+        }
+        if (n < total)
+            break;
+    }
 }
 
 void AsyncSocketPrivate::checkAfterQueues()

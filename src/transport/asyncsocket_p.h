@@ -115,6 +115,8 @@ public:
     //! timeouts meaningful, while letting many small writes share a syscall.
     static constexpr qint64 WriteHighWater = 256 * 1024;
 
+    //! The most bytes of small writes gathered for one call to the stream.
+    static constexpr qsizetype WriteBatchSize = 64 * 1024;
     //! The largest delivered buffer kept for reuse by the next read.
     static constexpr qsizetype SpareLimit = 64 * 1024;
 
@@ -179,6 +181,7 @@ public:
     void pumpAll();
     void pumpReads();
     void pumpWrites();
+    void sendAhead();
     enum class Fill
     {
         Complete,
@@ -243,7 +246,8 @@ public:
     QByteArray partial;                 // pre-buffered bytes, from partialPos on
     qsizetype partialPos = 0;
     bool lastFromPartial = false;
-    QByteArray spare; // a delivered read's buffer, for the next fixed-length read
+    QByteArray spare;   // a delivered read's buffer, for the next fixed-length read
+    QByteArray staging; // small writes gathered for one call to the stream
 
     Clock readClock, writeClock;
     QBasicTimer readTimer, writeTimer, connectTimer;

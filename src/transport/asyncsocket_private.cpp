@@ -331,6 +331,7 @@ void AsyncSocketPrivate::close(bool graceful)
     partial.reserve(AsyncReadPacket::ReadChunkSize);
     partialPos = 0;
     spare = QByteArray();
+    staging = QByteArray();
     readClock = {};
     writeClock = {};
     connectHost.clear();

@@ -351,6 +351,54 @@ TEST(AsyncSocketRead, PeerCloseLeavesTheRestInUnreadData)
     EXPECT_EQ(pair.clientEvents.events.mid(2), words("write:1 did"));
 }
 
+// ---- writes ----
+
+struct BurstRow
+{
+    const char *name;
+    QList<qsizetype> sizes; // the writes, queued in one go with tags 1, 2, …
+    int repeat;             // the pattern, this many times
+};
+
+class AsyncSocketWriteBursts : public ::testing::TestWithParam<BurstRow>
+{
+};
+
+TEST_P(AsyncSocketWriteBursts, CompleteOneByOneInQueueOrder)
+{
+    const BurstRow &row = GetParam();
+    Pair pair;
+    ASSERT_TRUE(pair.open());
+    QByteArray expected;
+    QStringList expectedEvents;
+    long tag = 0;
+    for (int r = 0; r < row.repeat; ++r) {
+        for (qsizetype size : row.sizes) {
+            ++tag;
+            const QByteArray bytes = patternBytes(size, quint32(tag));
+            expected += bytes;
+            expectedEvents << u"write:%1"_s.arg(tag);
+            pair.client->writeDataWithTimeoutTag(bytes, 10, tag);
+        }
+    }
+    pair.server()->readDataToLengthWithTimeoutTag(expected.size(), 10, 1);
+    ASSERT_TRUE(waitUntil([&] {
+        return !pair.serverEvents.data.isEmpty() &&
+               pair.clientEvents.events.size() - 2 >= expectedEvents.size();
+    }));
+    EXPECT_EQ(pair.serverEvents.data.front(), expected);
+    EXPECT_EQ(pair.clientEvents.events.mid(2), expectedEvents);
+    EXPECT_TRUE(std::isnan(pair.client->progressOfWriteReturningTagBytesDoneTotal()));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, AsyncSocketWriteBursts,
+    ::testing::Values(BurstRow{"SmallOnes", {200, 1, 37, 4096, 150}, 200},
+                      BurstRow{"EmptyOnesAmongThem", {0, 5, 0, 0, 7, 0}, 3},
+                      BurstRow{"LargerThanAPieceBetween", {100, 10000, 50, 4096, 4097, 1, 70000, 2}, 2},
+                      BurstRow{"PastTheHighWaterMark", {200}, 3000}),
+    [](const auto &info) { return std::string(info.param.name); });
+
 // ---- timeouts ----
 
 struct TimeoutRow
@@ -463,6 +511,43 @@ TEST(AsyncSocketTimeout, WriteTimesOutWhenThePeerStopsReading)
         EXPECT_GT(listening.serverEvents.lastWriteDone, 0);
         EXPECT_LT(listening.serverEvents.lastWriteDone, big.size());
     }
+}
+
+// A burst of small writes is handed to the stream in batches that also hold
+// empty writes and stop at larger ones and at Qt's high-water mark; every
+// write still completes on its own, in queue order, and the bytes arrive in
+// that order.
+TEST(AsyncSocketTimeout, WriteTimesOutAmongBatchedSmallWrites)
+{
+    Server listening;
+    ASSERT_TRUE(listening.listen());
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int small = 4096;
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(listening.listener->localPort());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    const bool connected = waitUntil([&] { return listening.serverEvents.connected; });
+    const long count = 20000; // 20 MB: more than the kernel and Qt hold together
+    if (connected) {
+        for (long tag = 1; tag <= count; ++tag)
+            listening.server()->writeDataWithTimeoutTag(patternBytes(1000, quint32(tag)), 0.3, tag);
+    }
+    const bool closed = connected && waitUntil([&] { return listening.serverEvents.disconnects == 1; });
+    ::close(fd);
+    ASSERT_TRUE(closed);
+    // write:1 … write:k-1, then the timeout of write k, part-way or not begun.
+    const QStringList events = listening.serverEvents.events.mid(2);
+    ASSERT_GE(events.size(), 3);
+    const qsizetype completed = events.size() - 3;
+    for (qsizetype i = 0; i < completed; ++i)
+        ASSERT_EQ(events[i], u"write:%1"_s.arg(i + 1));
+    EXPECT_LT(completed, count);
+    EXPECT_EQ(events.mid(completed), (QStringList{u"writeTimeout:%1"_s.arg(completed + 1),
+                                                  u"will:AsyncSocketErrorDomain:5"_s, u"did"_s}));
+    EXPECT_LT(listening.serverEvents.lastWriteDone, 1000);
 }
 
 TEST(AsyncSocketTimeout, ConnectTimesOutWhenThePeerNeverAnswers)
