@@ -54,11 +54,24 @@ void AsyncSocketPrivate::pumpAll()
 
 // ---- reads ----
 
-qsizetype AsyncSocketPrivate::available() const
+qsizetype AsyncSocketPrivate::available()
 {
     if (partialPos < partial.size())
         return partial.size() - partialPos;
-    return socket ? qsizetype(socket->bytesAvailable()) : 0;
+    if (!socket)
+        return 0;
+    return readAhead ? readAheadFromStream() : qsizetype(socket->bytesAvailable());
+}
+
+// Called with the buffer spent: one call takes whatever the stream holds (up
+// to ReadAheadSize), and the reads are then served from the buffer.
+qsizetype AsyncSocketPrivate::readAheadFromStream()
+{
+    partial.resize(ReadAheadSize); // keeps the allocation once made
+    partialPos = 0;
+    const qint64 n = socket->take(partial.data(), ReadAheadSize);
+    partial.resize(qsizetype(qMax<qint64>(0, n)));
+    return partial.size();
 }
 
 qsizetype AsyncSocketPrivate::takeBytes(char *dst, qsizetype count)
@@ -98,12 +111,22 @@ void AsyncSocketPrivate::keepBack(AsyncReadPacket &p, qsizetype count)
 
 AsyncSocketPrivate::Fill AsyncSocketPrivate::fill(AsyncReadPacket &p, qsizetype &got)
 {
+    // The common case of a socket that reads ahead: a fixed-length read
+    // served by one copy from the buffer.
+    if (p.isFixedLength() && partialPos < partial.size()) {
+        const qsizetype count = qMin(p.readLength() - p.bytesDone(), partial.size() - partialPos);
+        std::memcpy(p.prepareWrite(count), partial.constData() + partialPos, size_t(count));
+        p.commit(count);
+        partialPos += count;
+        lastFromPartial = true;
+        got += count;
+    }
     for (;;) {
         if (p.isFixedLength() && p.bytesDone() == p.readLength())
             return Fill::Complete;
-        const qsizetype wanted = !p.isTerminatorRead() ? p.readLengthForNonTerm()
-                                 : preBuffering        ? p.prebufferReadLengthForTerm()
-                                                       : p.readLengthForTerm();
+        const qsizetype wanted = !p.isTerminatorRead()       ? p.readLengthForNonTerm()
+                                 : preBuffering || readAhead ? p.prebufferReadLengthForTerm()
+                                                             : p.readLengthForTerm();
         if (wanted <= 0)
             return p.isTerminatorRead() ? Fill::MaxedOut : Fill::Complete;
         const qsizetype avail = available();
@@ -116,7 +139,7 @@ AsyncSocketPrivate::Fill AsyncSocketPrivate::fill(AsyncReadPacket &p, qsizetype 
             break;
         got += n;
         if (p.isTerminatorRead()) {
-            if (preBuffering) {
+            if (preBuffering || readAhead) {
                 const qsizetype beyond = p.searchForTermAfterPreBuffering(n);
                 if (beyond >= 0) {
                     keepBack(p, beyond);
@@ -230,11 +253,11 @@ void AsyncSocketPrivate::pumpWrites()
 
 // Hands pieces to the stream ahead of the current write while Qt's buffer
 // holds less than WriteHighWater; completions (above) stay in queue order.
-// Writes of at most one piece that follow each other go to the stream in one
-// call, gathered in `staging`: a burst of small messages costs one write call
-// per batch instead of one per message. A batch stops at the high-water mark,
-// at WriteBatchSize, at a TLS switch and at a write longer than a piece, so Qt
-// never holds more than WriteHighWater plus one piece.
+// Small writes that follow each other go to the stream in one call, gathered
+// in `staging`: a burst of small messages costs one write call per batch
+// instead of one per message. A batch is at most WriteBatchSize bytes (or the
+// current write's next piece alone) and stops at the high-water mark and at a
+// TLS switch, so Qt never holds more than WriteHighWater plus one piece.
 void AsyncSocketPrivate::sendAhead()
 {
     if (tlsActive || sendIndex >= writes.size())
@@ -248,21 +271,26 @@ void AsyncSocketPrivate::sendAhead()
         const bool firstIsWhole = first.bytesSent() + firstPiece == first.data().size();
         size_t end = sendIndex + 1;
         qsizetype total = firstPiece;
-        while (firstIsWhole && end < writes.size() && total < room && total < WriteBatchSize) {
+        while (firstIsWhole && end < writes.size() && total < room) {
             const WriteItem &next = writes[end];
-            if (next.special || next.packet->data().size() > AsyncWritePacket::MaxPieceSize)
+            if (next.special || total + next.packet->data().size() > WriteBatchSize)
                 break;
             total += next.packet->data().size(); // not handed over yet: bytesSent() is 0
             ++end;
         }
         const char *bytes = first.data().constData() + first.bytesSent();
         if (end > sendIndex + 1) {
-            if (staging.capacity() < WriteBatchSize + AsyncWritePacket::MaxPieceSize)
-                staging.reserve(WriteBatchSize + AsyncWritePacket::MaxPieceSize);
-            staging.resize(0); // keeps the allocation
-            staging.append(QByteArrayView(bytes, firstPiece));
-            for (size_t i = sendIndex + 1; i < end; ++i)
-                staging.append(QByteArrayView(writes[i].packet->data()));
+            if (staging.capacity() < WriteBatchSize)
+                staging.reserve(WriteBatchSize); // kept from batch to batch
+            staging.resize(total);
+            char *out = staging.data();
+            std::memcpy(out, bytes, size_t(firstPiece));
+            out += firstPiece;
+            for (size_t i = sendIndex + 1; i < end; ++i) {
+                const QByteArray &data = writes[i].packet->data();
+                std::memcpy(out, data.constData(), size_t(data.size()));
+                out += data.size();
+            }
             bytes = staging.constData();
         }
         const qint64 n = total > 0 ? socket->write(bytes, total) : 0;
@@ -294,6 +322,17 @@ void AsyncSocketPrivate::checkAfterQueues()
 }
 
 // ---- TLS ----
+
+bool AsyncSocketPrivate::tlsQueuedOrActive() const
+{
+    if (tlsActive)
+        return true;
+    for (size_t i = 0; i < reads.size(); ++i) {
+        if (reads[i].special)
+            return true;
+    }
+    return false;
+}
 
 void AsyncSocketPrivate::maybeStartTLS()
 {

@@ -131,7 +131,8 @@ QByteArray AsyncReadPacket::takeData()
 {
     if (m_caller)
         return m_caller->mid(m_startOffset, m_bytesDone);
-    m_own.resize(m_bytesDone);
+    if (m_own.size() != m_bytesDone)
+        m_own.resize(m_bytesDone);
     return std::move(m_own);
 }
 
