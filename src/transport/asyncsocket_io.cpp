@@ -115,8 +115,7 @@ AsyncSocketPrivate::Fill AsyncSocketPrivate::fill(AsyncReadPacket &p, qsizetype 
     // served by one copy from the buffer.
     if (p.isFixedLength() && partialPos < partial.size()) {
         const qsizetype count = qMin(p.readLength() - p.bytesDone(), partial.size() - partialPos);
-        std::memcpy(p.prepareWrite(count), partial.constData() + partialPos, size_t(count));
-        p.commit(count);
+        p.append(partial.constData() + partialPos, count);
         partialPos += count;
         lastFromPartial = true;
         got += count;
@@ -268,30 +267,26 @@ void AsyncSocketPrivate::sendAhead()
             break;
         AsyncWritePacket &first = *writes[sendIndex].packet;
         const qsizetype firstPiece = first.nextPieceLength();
-        const bool firstIsWhole = first.bytesSent() + firstPiece == first.data().size();
+        const char *bytes = first.data().constData() + first.bytesSent();
         size_t end = sendIndex + 1;
         qsizetype total = firstPiece;
-        while (firstIsWhole && end < writes.size() && total < room) {
-            const WriteItem &next = writes[end];
-            if (next.special || total + next.packet->data().size() > WriteBatchSize)
-                break;
-            total += next.packet->data().size(); // not handed over yet: bytesSent() is 0
-            ++end;
-        }
-        const char *bytes = first.data().constData() + first.bytesSent();
-        if (end > sendIndex + 1) {
-            if (staging.capacity() < WriteBatchSize)
-                staging.reserve(WriteBatchSize); // kept from batch to batch
-            staging.resize(total);
-            char *out = staging.data();
-            std::memcpy(out, bytes, size_t(firstPiece));
-            out += firstPiece;
-            for (size_t i = sendIndex + 1; i < end; ++i) {
-                const QByteArray &data = writes[i].packet->data();
-                std::memcpy(out, data.constData(), size_t(data.size()));
-                out += data.size();
+        if (first.bytesSent() + firstPiece == first.data().size()) {
+            for (; end < writes.size() && total < room; ++end) {
+                const WriteItem &next = writes[end];
+                if (next.special || total + next.packet->data().size() > WriteBatchSize)
+                    break;
+                if (end == sendIndex + 1) {
+                    if (staging.size() != WriteBatchSize)
+                        staging.resize(WriteBatchSize); // kept from batch to batch
+                    std::memcpy(staging.data(), bytes, size_t(firstPiece));
+                }
+                // Not handed over yet: the whole write goes in.
+                const QByteArray &data = next.packet->data();
+                std::memcpy(staging.data() + total, data.constData(), size_t(data.size()));
+                total += data.size();
             }
-            bytes = staging.constData();
+            if (end > sendIndex + 1)
+                bytes = staging.constData();
         }
         const qint64 n = total > 0 ? socket->write(bytes, total) : 0;
         if (n < 0 || (n == 0 && total > 0))

@@ -35,28 +35,28 @@ class AsyncSocketPrivate;
 template<typename T> class AsyncSocketQueue
 {
 public:
-    AsyncSocketQueue() : m_slots(16) {}
+    AsyncSocketQueue() : m_slots(16), m_mask(15) {}
 
     bool empty() const { return m_count == 0; }
     size_t size() const { return m_count; }
     T &front() { return m_slots[m_head]; }
     const T &front() const { return m_slots[m_head]; }
-    T &operator[](size_t i) { return m_slots[(m_head + i) & (m_slots.size() - 1)]; }
-    const T &operator[](size_t i) const { return m_slots[(m_head + i) & (m_slots.size() - 1)]; }
+    T &operator[](size_t i) { return m_slots[(m_head + i) & m_mask]; }
+    const T &operator[](size_t i) const { return m_slots[(m_head + i) & m_mask]; }
 
     //! The new last item, empty, to be filled in place.
     T &emplace_back()
     {
-        if (m_count == m_slots.size())
+        if (m_count > m_mask)
             grow();
-        T &slot = m_slots[(m_head + m_count) & (m_slots.size() - 1)];
+        T &slot = m_slots[(m_head + m_count) & m_mask];
         ++m_count;
         return slot;
     }
     void pop_front()
     {
         m_slots[m_head].clear();
-        m_head = (m_head + 1) & (m_slots.size() - 1);
+        m_head = (m_head + 1) & m_mask;
         --m_count;
     }
     void clear()
@@ -73,10 +73,12 @@ private:
         for (size_t i = 0; i < m_count; ++i)
             larger[i] = std::move((*this)[i]);
         m_slots.swap(larger);
+        m_mask = m_slots.size() - 1;
         m_head = 0;
     }
 
     std::vector<T> m_slots;
+    size_t m_mask; // m_slots.size() - 1
     size_t m_head = 0;
     size_t m_count = 0;
 };

@@ -20,7 +20,8 @@ AsyncReadPacket::AsyncReadPacket(std::shared_ptr<QByteArray> buffer, qsizetype s
     // must not see the bytes change.
     if (spare.isDetached()) {
         m_own = std::move(spare);
-        m_own.resize(m_readLength);
+        if (m_own.size() != m_readLength)
+            m_own.resize(m_readLength);
     } else {
         m_own = QByteArray(m_readLength, Qt::Uninitialized);
     }
