@@ -2,7 +2,8 @@
 // 8-byte big-endian length, then the body), read the way the remote-
 // invocation connection reads them: the length with tag 0 and no timeout,
 // then the body with tag 1 and a 60-second timeout; each frame written as
-// one write with a 60-second timeout.
+// one write with a 60-second timeout. The ReadAhead variant's reading socket
+// reads ahead (AsyncSocket::enableReadAhead), as the connection's does.
 
 #include "transport/asyncsocket.h"
 
@@ -17,9 +18,15 @@ class Reader : public AsyncSocketDelegate
 public:
     qint64 frames = 0;
     qint64 bytes = 0;
+    bool readAhead = false;
     zt::Ref<AsyncSocket> accepted;
 
-    void onSocketDidAcceptNewSocket(AsyncSocket *, AsyncSocket *newSocket) override { accepted = newSocket; }
+    void onSocketDidAcceptNewSocket(AsyncSocket *, AsyncSocket *newSocket) override
+    {
+        accepted = newSocket;
+        if (readAhead)
+            newSocket->enableReadAhead();
+    }
     void onSocketDidConnectToHostPort(AsyncSocket *sock, const QString &, quint16) override
     {
         if (sock == accepted.get())
@@ -52,8 +59,9 @@ struct Link
     Writer writer;
     zt::Ref<AsyncSocket> listener, client;
 
-    Link()
+    explicit Link(bool readAhead)
     {
+        reader.readAhead = readAhead;
         listener = AsyncSocket::createWithDelegate(&reader);
         listener->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0);
         client = AsyncSocket::createWithDelegate(&writer);
@@ -70,9 +78,8 @@ struct Link
     }
 };
 
-void BM_LengthPrefixedFrames(benchmark::State &state)
+void runFrames(benchmark::State &state, Link *link)
 {
-    static Link *link = new Link; // one connection for every run
     const qsizetype bodySize = state.range(0);
     constexpr int batch = 20000;
     QByteArray frame(8 + bodySize, 'x');
@@ -97,7 +104,20 @@ void BM_LengthPrefixedFrames(benchmark::State &state)
     state.counters["frames/s"] = benchmark::Counter(double(frames), benchmark::Counter::kIsRate);
 }
 
+void BM_LengthPrefixedFrames(benchmark::State &state)
+{
+    static Link *link = new Link(false); // one connection for every run
+    runFrames(state, link);
+}
+
+void BM_LengthPrefixedFramesReadAhead(benchmark::State &state)
+{
+    static Link *link = new Link(true);
+    runFrames(state, link);
+}
+
 BENCHMARK(BM_LengthPrefixedFrames)->Arg(16)->Arg(64)->Arg(256)->Arg(4096)->Arg(65536)->UseRealTime();
+BENCHMARK(BM_LengthPrefixedFramesReadAhead)->Arg(16)->Arg(64)->Arg(256)->Arg(4096)->Arg(65536)->UseRealTime();
 
 } // namespace
 

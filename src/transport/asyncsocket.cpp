@@ -180,6 +180,20 @@ void AsyncSocket::enablePreBuffering()
     d->preBuffering = true;
 }
 
+void AsyncSocket::enableReadAhead()
+{
+    if (d->tlsQueuedOrActive())
+        raiseMisuse(
+            QStringLiteral("Attempting to read ahead while a switch to TLS is queued. Bytes read "
+                           "ahead would be lost to the handshake; read ahead after onSocketDidSecure."));
+    d->readAhead = true;
+}
+
+bool AsyncSocket::readsAhead() const
+{
+    return d->readAhead;
+}
+
 void AsyncSocket::setIsTerminating(bool terminating)
 {
     g_terminating.store(terminating, std::memory_order_relaxed);
@@ -339,7 +353,7 @@ void checkTerminator(const QByteArray &terminator, qsizetype maxLength)
 
 void AsyncSocket::readDataWithTimeoutTag(double timeout, long tag)
 {
-    d->queueRead({AsyncReadPacket(nullptr, 0, 0, timeout, 0, {}, tag), nullptr});
+    d->queueRead(false, nullptr, 0, 0, timeout, 0, QByteArray(), tag);
 }
 
 void AsyncSocket::readDataWithTimeoutBufferBufferOffsetTag(double timeout, std::shared_ptr<QByteArray> buffer,
@@ -354,14 +368,14 @@ void AsyncSocket::readDataWithTimeoutBufferBufferOffsetMaxLengthTag(double timeo
                                                                     long tag)
 {
     checkBuffer(buffer, offset);
-    d->queueRead({AsyncReadPacket(std::move(buffer), offset, maxLength, timeout, 0, {}, tag), nullptr});
+    d->queueRead(false, std::move(buffer), offset, maxLength, timeout, 0, QByteArray(), tag);
 }
 
 void AsyncSocket::readDataToLengthWithTimeoutTag(qsizetype length, double timeout, long tag)
 {
     if (length < 0)
         zt::invalidArgument(QStringLiteral("AsyncSocket: negative read length"));
-    d->queueRead({AsyncReadPacket(nullptr, 0, 0, timeout, length, {}, tag), nullptr, length == 0});
+    d->queueRead(length == 0, nullptr, 0, 0, timeout, length, QByteArray(), tag, std::move(d->spare));
 }
 
 void AsyncSocket::readDataToLengthWithTimeoutBufferBufferOffsetTag(qsizetype length, double timeout,
@@ -371,8 +385,7 @@ void AsyncSocket::readDataToLengthWithTimeoutBufferBufferOffsetTag(qsizetype len
     if (length < 0)
         zt::invalidArgument(QStringLiteral("AsyncSocket: negative read length"));
     checkBuffer(buffer, offset);
-    d->queueRead(
-        {AsyncReadPacket(std::move(buffer), offset, 0, timeout, length, {}, tag), nullptr, length == 0});
+    d->queueRead(length == 0, std::move(buffer), offset, 0, timeout, length, QByteArray(), tag);
 }
 
 void AsyncSocket::readDataToDataWithTimeoutTag(const QByteArray &terminator, double timeout, long tag)
@@ -384,7 +397,7 @@ void AsyncSocket::readDataToDataWithTimeoutMaxLengthTag(const QByteArray &termin
                                                         qsizetype maxLength, long tag)
 {
     checkTerminator(terminator, maxLength);
-    d->queueRead({AsyncReadPacket(nullptr, 0, maxLength, timeout, 0, terminator, tag), nullptr});
+    d->queueRead(false, nullptr, 0, maxLength, timeout, 0, terminator, tag);
 }
 
 void AsyncSocket::readDataToDataWithTimeoutBufferBufferOffsetTag(const QByteArray &terminator, double timeout,
@@ -403,19 +416,21 @@ void AsyncSocket::readDataToDataWithTimeoutBufferBufferOffsetMaxLengthTag(const 
 {
     checkTerminator(terminator, maxLength);
     checkBuffer(buffer, offset);
-    d->queueRead(
-        {AsyncReadPacket(std::move(buffer), offset, maxLength, timeout, 0, terminator, tag), nullptr});
+    d->queueRead(false, std::move(buffer), offset, maxLength, timeout, 0, terminator, tag);
 }
 
 // ---- writes and TLS ----
 
 void AsyncSocket::writeDataWithTimeoutTag(const QByteArray &data, double timeout, long tag)
 {
-    d->queueWrite(AsyncWritePacket(data, timeout, tag));
+    d->queueWrite(data, timeout, tag);
 }
 
 void AsyncSocket::startTLS(const QVariantMap &tlsSettings)
 {
+    if (d->readAhead)
+        raiseMisuse(QStringLiteral("Attempting to start TLS on a socket that reads ahead. Bytes read ahead "
+                                   "would be lost to the handshake; don't enable read-ahead on it."));
     d->queueTLS(tlsSettings);
 }
 

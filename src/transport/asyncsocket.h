@@ -171,6 +171,17 @@ public:
     //! back what follows the terminator; fewer steps, but the bytes taken in
     //! advance are no longer in the stream (don't switch to TLS after them).
     void enablePreBuffering();
+    //! Reads are then served from a buffer of the socket's own, which takes
+    //! everything the stream holds in one call whenever it runs dry, instead
+    //! of one call to the stream per read: a stream of small frames costs a
+    //! memory copy per read. Terminator reads take their bytes in chunks as
+    //! with pre-buffering. The bytes read ahead are part of unreadData().
+    //! They are no longer in the stream, so a TLS handshake behind them would
+    //! be lost: a socket that reads ahead refuses startTLS() (it raises
+    //! AsyncSocketException), and this call raises while a switch to TLS is
+    //! queued or under way. After the switch (onSocketDidSecure) it is safe.
+    void enableReadAhead();
+    bool readsAhead() const;
 
     //! Process-wide: the application is terminating. Closing sockets then
     //! tell their delegates nothing, and the disconnectAfter... variants close
@@ -252,6 +263,7 @@ public:
     void writeDataWithTimeoutTag(const QByteArray &data, double timeout, long tag);
     //! Switches to TLS once the reads and writes queued before have completed;
     //! later ones wait for the handshake (onSocketDidSecure). Keys: AsyncSocketTLS.
+    //! Raises AsyncSocketException on a socket that reads ahead.
     //! @sel startTLS:
     void startTLS(const QVariantMap &tlsSettings);
 
@@ -265,7 +277,7 @@ public:
     void disconnectAfterWriting();
     void disconnectAfterReadingAndWriting();
     //! The bytes taken from the stream but not handed out: the current read's
-    //! bytes done and the pre-buffered bytes. When an error closes the socket,
+    //! bytes done and the pre-buffered or read-ahead bytes. When an error closes the socket,
     //! everything the stream still holds is taken in first.
     QByteArray unreadData() const;
 

@@ -54,11 +54,24 @@ void AsyncSocketPrivate::pumpAll()
 
 // ---- reads ----
 
-qsizetype AsyncSocketPrivate::available() const
+qsizetype AsyncSocketPrivate::available()
 {
     if (partialPos < partial.size())
         return partial.size() - partialPos;
-    return socket ? qsizetype(socket->bytesAvailable()) : 0;
+    if (!socket)
+        return 0;
+    return readAhead ? readAheadFromStream() : qsizetype(socket->bytesAvailable());
+}
+
+// Called with the buffer spent: one call takes whatever the stream holds (up
+// to ReadAheadSize), and the reads are then served from the buffer.
+qsizetype AsyncSocketPrivate::readAheadFromStream()
+{
+    partial.resize(ReadAheadSize); // keeps the allocation once made
+    partialPos = 0;
+    const qint64 n = socket->take(partial.data(), ReadAheadSize);
+    partial.resize(qsizetype(qMax<qint64>(0, n)));
+    return partial.size();
 }
 
 qsizetype AsyncSocketPrivate::takeBytes(char *dst, qsizetype count)
@@ -98,12 +111,21 @@ void AsyncSocketPrivate::keepBack(AsyncReadPacket &p, qsizetype count)
 
 AsyncSocketPrivate::Fill AsyncSocketPrivate::fill(AsyncReadPacket &p, qsizetype &got)
 {
+    // The common case of a socket that reads ahead: a fixed-length read
+    // served by one copy from the buffer.
+    if (p.isFixedLength() && partialPos < partial.size()) {
+        const qsizetype count = qMin(p.readLength() - p.bytesDone(), partial.size() - partialPos);
+        p.append(partial.constData() + partialPos, count);
+        partialPos += count;
+        lastFromPartial = true;
+        got += count;
+    }
     for (;;) {
         if (p.isFixedLength() && p.bytesDone() == p.readLength())
             return Fill::Complete;
-        const qsizetype wanted = !p.isTerminatorRead() ? p.readLengthForNonTerm()
-                                 : preBuffering        ? p.prebufferReadLengthForTerm()
-                                                       : p.readLengthForTerm();
+        const qsizetype wanted = !p.isTerminatorRead()       ? p.readLengthForNonTerm()
+                                 : preBuffering || readAhead ? p.prebufferReadLengthForTerm()
+                                                             : p.readLengthForTerm();
         if (wanted <= 0)
             return p.isTerminatorRead() ? Fill::MaxedOut : Fill::Complete;
         const qsizetype avail = available();
@@ -116,7 +138,7 @@ AsyncSocketPrivate::Fill AsyncSocketPrivate::fill(AsyncReadPacket &p, qsizetype 
             break;
         got += n;
         if (p.isTerminatorRead()) {
-            if (preBuffering) {
+            if (preBuffering || readAhead) {
                 const qsizetype beyond = p.searchForTermAfterPreBuffering(n);
                 if (beyond >= 0) {
                     keepBack(p, beyond);
@@ -144,20 +166,23 @@ void AsyncSocketPrivate::pumpReads()
             return;
         }
         AsyncReadPacket &p = *item.packet;
-        if (!readClock.started)
-            startClock(readClock, p.timeout());
         qsizetype got = 0;
         const Fill result = item.zeroLength ? Fill::Complete : fill(p, got);
         if (result == Fill::Complete) {
-            AsyncReadPacket done = std::move(p);
+            // A read that completes in the pass that made it current never
+            // needed its clock: no timer can fire before it is done.
+            const long tag = p.tag();
+            QByteArray data = p.takeData();
             reads.pop_front();
             readClock.started = false;
-            const QByteArray data = done.takeData();
-            notify([&](AsyncSocketDelegate *del) { del->onSocketDidReadDataWithTag(q, data, done.tag()); });
+            notify([&](AsyncSocketDelegate *del) { del->onSocketDidReadDataWithTag(q, data, tag); });
             if (g != generation)
                 return;
+            keepSpare(std::move(data));
             continue;
         }
+        if (!readClock.started)
+            startClock(readClock, p.timeout());
         if (result == Fill::MaxedOut) {
             closeWithError(socketError(AsyncSocketReadMaxedOutError));
             return;
@@ -174,31 +199,40 @@ void AsyncSocketPrivate::pumpReads()
     armTimer(readTimer, readClock);
 }
 
+// A delivered read's buffer that the delegate kept no copy of serves the
+// next fixed-length read: a stream of small frames then allocates nothing.
+void AsyncSocketPrivate::keepSpare(QByteArray &&data)
+{
+    if (data.isDetached() && data.capacity() <= SpareLimit)
+        spare = std::move(data);
+}
+
 // ---- writes ----
 
 void AsyncSocketPrivate::pumpWrites()
 {
     const quint64 g = generation;
     // What the stream has taken completes the writes in order.
+    // A write that becomes current and completes within this pass needs no
+    // clock; the one left current at the end gets it below.
     while (!writes.empty() && writes.front().packet) {
-        AsyncWritePacket &p = *writes.front().packet;
-        if (!writeClock.started)
-            startClock(writeClock, p.timeout());
+        AsyncWritePacket *p = &*writes.front().packet;
         if (written > 0) {
-            const qsizetype mine = p.didWrite(written);
+            const qsizetype mine = p->didWrite(written);
             written -= mine;
-            if (mine > 0 && !p.isDone()) {
-                const long tag = p.tag();
+            if (mine > 0 && !p->isDone()) {
+                const long tag = p->tag();
                 notify([&](AsyncSocketDelegate *del) {
                     del->onSocketDidWritePartialDataOfLengthTag(q, mine, tag);
                 });
                 if (g != generation)
                     return;
+                break; // still not done; the delegate may have queued more (p may have moved)
             }
         }
-        if (!p.isDone())
+        if (!p->isDone())
             break;
-        const long tag = p.tag();
+        const long tag = p->tag();
         writes.pop_front();
         sendIndex = sendIndex > 0 ? sendIndex - 1 : 0;
         writeClock.started = false;
@@ -209,27 +243,69 @@ void AsyncSocketPrivate::pumpWrites()
     if (writes.empty() || writes.front().special)
         written = 0;
 
-    // Hand pieces to the stream ahead of the current write, so that small
-    // writes share a system call; completions above stay in queue order.
-    while (!tlsActive && sendIndex < writes.size() && socket->bytesToWrite() < WriteHighWater) {
-        WriteItem &item = writes[sendIndex];
-        if (item.special)
-            break;
-        AsyncWritePacket &p = *item.packet;
-        if (!p.isSent()) {
-            const qsizetype piece = p.nextPieceLength();
-            const qint64 n = socket->write(p.data().constData() + p.bytesSent(), piece);
-            if (n <= 0)
-                break;
-            p.didSend(qsizetype(n));
-        }
-        if (p.isSent())
-            ++sendIndex;
-    }
+    sendAhead();
     if (!writes.empty() && writes.front().packet && !writeClock.started)
         startClock(writeClock, writes.front().packet->timeout());
     armTimer(writeTimer, writeClock);
     maybeStartTLS();
+}
+
+// Hands pieces to the stream ahead of the current write while Qt's buffer
+// holds less than WriteHighWater; completions (above) stay in queue order.
+// Small writes that follow each other go to the stream in one call, gathered
+// in `staging`: a burst of small messages costs one write call per batch
+// instead of one per message. A batch is at most WriteBatchSize bytes (or the
+// current write's next piece alone) and stops at the high-water mark and at a
+// TLS switch, so Qt never holds more than WriteHighWater plus one piece.
+void AsyncSocketPrivate::sendAhead()
+{
+    if (tlsActive || sendIndex >= writes.size())
+        return;
+    qint64 room = WriteHighWater - socket->bytesToWrite();
+    while (room > 0 && sendIndex < writes.size()) {
+        if (writes[sendIndex].special)
+            break;
+        AsyncWritePacket &first = *writes[sendIndex].packet;
+        const qsizetype firstPiece = first.nextPieceLength();
+        const char *bytes = first.data().constData() + first.bytesSent();
+        size_t end = sendIndex + 1;
+        qsizetype total = firstPiece;
+        if (first.bytesSent() + firstPiece == first.data().size()) {
+            for (; end < writes.size() && total < room; ++end) {
+                const WriteItem &next = writes[end];
+                if (next.special || total + next.packet->data().size() > WriteBatchSize)
+                    break;
+                if (end == sendIndex + 1) {
+                    if (staging.size() != WriteBatchSize)
+                        staging.resize(WriteBatchSize); // kept from batch to batch
+                    std::memcpy(staging.data(), bytes, size_t(firstPiece));
+                }
+                // Not handed over yet: the whole write goes in.
+                const QByteArray &data = next.packet->data();
+                std::memcpy(staging.data() + total, data.constData(), size_t(data.size()));
+                total += data.size();
+            }
+            if (end > sendIndex + 1)
+                bytes = staging.constData();
+        }
+        const qint64 n = total > 0 ? socket->write(bytes, total) : 0;
+        if (n < 0 || (n == 0 && total > 0))
+            break;
+        room -= n;
+        // What the stream took is handed over in queue order.
+        qint64 left = n;
+        while (sendIndex < end) {
+            AsyncWritePacket &p = *writes[sendIndex].packet;
+            const qsizetype mine = qsizetype(qMin<qint64>(left, p.data().size() - p.bytesSent()));
+            p.didSend(mine);
+            left -= mine;
+            if (!p.isSent())
+                break;
+            ++sendIndex;
+        }
+        if (n < total)
+            break;
+    }
 }
 
 void AsyncSocketPrivate::checkAfterQueues()
@@ -241,6 +317,17 @@ void AsyncSocketPrivate::checkAfterQueues()
 }
 
 // ---- TLS ----
+
+bool AsyncSocketPrivate::tlsQueuedOrActive() const
+{
+    if (tlsActive)
+        return true;
+    for (size_t i = 0; i < reads.size(); ++i) {
+        if (reads[i].special)
+            return true;
+    }
+    return false;
+}
 
 void AsyncSocketPrivate::maybeStartTLS()
 {

@@ -22,10 +22,66 @@
 #include <QObject>
 #include <QSslSocket>
 #include <QTcpServer>
-#include <deque>
 #include <optional>
+#include <vector>
 
 class AsyncSocketPrivate;
+
+//! A first-in first-out queue on a ring of slots: pushing reuses the slots
+//! that popping freed, so a queue that stays short never allocates. A popped
+//! slot is emptied with T::clear() (its resources go at once) and filled in
+//! place by the next emplace_back(). Pushing may move the items: references
+//! into the queue don't survive an emplace_back().
+template<typename T> class AsyncSocketQueue
+{
+public:
+    AsyncSocketQueue() : m_slots(16), m_mask(15) {}
+
+    bool empty() const { return m_count == 0; }
+    size_t size() const { return m_count; }
+    T &front() { return m_slots[m_head]; }
+    const T &front() const { return m_slots[m_head]; }
+    T &operator[](size_t i) { return m_slots[(m_head + i) & m_mask]; }
+    const T &operator[](size_t i) const { return m_slots[(m_head + i) & m_mask]; }
+
+    //! The new last item, empty, to be filled in place.
+    T &emplace_back()
+    {
+        if (m_count > m_mask)
+            grow();
+        T &slot = m_slots[(m_head + m_count) & m_mask];
+        ++m_count;
+        return slot;
+    }
+    void pop_front()
+    {
+        m_slots[m_head].clear();
+        m_head = (m_head + 1) & m_mask;
+        --m_count;
+    }
+    void clear()
+    {
+        while (m_count > 0)
+            pop_front();
+        m_head = 0;
+    }
+
+private:
+    void grow()
+    {
+        std::vector<T> larger(m_slots.size() * 2); // stays a power of two
+        for (size_t i = 0; i < m_count; ++i)
+            larger[i] = std::move((*this)[i]);
+        m_slots.swap(larger);
+        m_mask = m_slots.size() - 1;
+        m_head = 0;
+    }
+
+    std::vector<T> m_slots;
+    size_t m_mask; // m_slots.size() - 1
+    size_t m_head = 0;
+    size_t m_count = 0;
+};
 
 //! The stream: a QSslSocket, plain until startTLS.
 class AsyncSocketStream : public QSslSocket
@@ -65,6 +121,14 @@ public:
     //! timeouts meaningful, while letting many small writes share a syscall.
     static constexpr qint64 WriteHighWater = 256 * 1024;
 
+    //! The most bytes of small writes gathered for one call to the stream.
+    //! Small batches cost little more in calls and keep each copy short.
+    static constexpr qsizetype WriteBatchSize = 4 * 1024;
+    //! The most bytes a socket that reads ahead takes from the stream in one call.
+    static constexpr qsizetype ReadAheadSize = 4 * 1024;
+    //! The largest delivered buffer kept for reuse by the next read.
+    static constexpr qsizetype SpareLimit = 64 * 1024;
+
     explicit AsyncSocketPrivate(AsyncSocket *owner);
     ~AsyncSocketPrivate() override;
 
@@ -73,11 +137,13 @@ public:
         std::optional<AsyncReadPacket> packet;
         std::shared_ptr<AsyncSpecialPacket> special;
         bool zeroLength = false; // a fixed-length read of 0 bytes
+        void clear() { packet.reset(), special.reset(), zeroLength = false; }
     };
     struct WriteItem
     {
         std::optional<AsyncWritePacket> packet;
         std::shared_ptr<AsyncSpecialPacket> special;
+        void clear() { packet.reset(), special.reset(); }
     };
     //! When the current read or write started and when it expires (steady
     //! clock, ns; -1: no timeout).
@@ -106,11 +172,35 @@ public:
     };
 
     // ---- requests (from AsyncSocket's public calls) ----
-    void queueRead(ReadItem item);
-    void queueWrite(AsyncWritePacket packet);
+    //! Queues a read whose packet is made in place from `args`; the
+    //! arguments are not touched when the socket refuses requests.
+    template<typename... Args> void queueRead(bool zeroLength, Args &&...args)
+    {
+        if (refusesRequests())
+            return;
+        ReadItem &item = reads.emplace_back();
+        item.packet.emplace(std::forward<Args>(args)...);
+        item.zeroLength = zeroLength;
+        scheduleWork();
+    }
+    void queueWrite(const QByteArray &data, double timeout, long tag)
+    {
+        if (refusesRequests())
+            return;
+        writes.emplace_back().packet.emplace(data, timeout, tag);
+        scheduleWork();
+    }
     void queueTLS(const QVariantMap &settings);
-    void scheduleWork();
+    void scheduleWork()
+    {
+        workPending = true;
+        if (!announced || depth > 0 || kickPosted)
+            return;
+        postKick();
+    }
+    void postKick();
     bool refusesRequests() const { return disconnectAfterReads || disconnectAfterWrites; }
+    bool tlsQueuedOrActive() const;
 
     // ---- opening ----
     AsyncSocketStream *makeSocket();
@@ -126,6 +216,7 @@ public:
     void pumpAll();
     void pumpReads();
     void pumpWrites();
+    void sendAhead();
     enum class Fill
     {
         Complete,
@@ -133,9 +224,11 @@ public:
         MaxedOut
     };
     Fill fill(AsyncReadPacket &p, qsizetype &got);
-    qsizetype available() const;
+    qsizetype available();
+    qsizetype readAheadFromStream();
     qsizetype takeBytes(char *dst, qsizetype count);
     void keepBack(AsyncReadPacket &p, qsizetype count);
+    void keepSpare(QByteArray &&data);
     void maybeStartTLS();
     void startTLSNow(const QVariantMap &settings);
     void startClock(Clock &clock, double timeout);
@@ -182,13 +275,15 @@ public:
     AsyncSocketListener *listen6 = nullptr;
     QString connectHost; // the host name given to connect, for TLS
 
-    std::deque<ReadItem> reads;   // front: the current read
-    std::deque<WriteItem> writes; // front: the current write
-    size_t sendIndex = 0;         // the first write not wholly handed to the stream
-    qint64 written = 0;           // bytes the stream reported taken, not yet accounted
-    QByteArray partial;           // pre-buffered bytes, from partialPos on
+    AsyncSocketQueue<ReadItem> reads;   // front: the current read
+    AsyncSocketQueue<WriteItem> writes; // front: the current write
+    size_t sendIndex = 0;               // the first write not wholly handed to the stream
+    qint64 written = 0;                 // bytes the stream reported taken, not yet accounted
+    QByteArray partial;                 // pre-buffered or read-ahead bytes, from partialPos on
     qsizetype partialPos = 0;
     bool lastFromPartial = false;
+    QByteArray spare;   // a delivered read's buffer, for the next fixed-length read
+    QByteArray staging; // small writes gathered for one call to the stream
 
     Clock readClock, writeClock;
     QBasicTimer readTimer, writeTimer, connectTimer;
@@ -198,6 +293,7 @@ public:
     bool accepted = false;
     bool announced = false;
     bool preBuffering = false;
+    bool readAhead = false;
     bool closing = false;
     bool tlsActive = false;
     bool disconnectAfterReads = false;

@@ -5,14 +5,24 @@
 
 AsyncReadPacket::AsyncReadPacket(std::shared_ptr<QByteArray> buffer, qsizetype startOffset,
                                  qsizetype maxLength, double timeout, qsizetype readLength,
-                                 QByteArray terminator, long tag)
+                                 QByteArray terminator, long tag, QByteArray spare)
     : m_caller(std::move(buffer)), m_maxLength(qMax<qsizetype>(0, maxLength)), m_timeout(timeout),
       m_readLength(qMax<qsizetype>(0, readLength)), m_term(std::move(terminator)), m_tag(tag)
 {
     if (m_caller) {
         m_originalBufferLength = m_caller->size();
         m_startOffset = qBound<qsizetype>(0, startOffset, m_originalBufferLength);
-    } else if (m_readLength > 0) {
+        return;
+    }
+    if (m_readLength == 0)
+        return;
+    // Only an unshared buffer may be written into: a copy held elsewhere
+    // must not see the bytes change.
+    if (spare.isDetached()) {
+        m_own = std::move(spare);
+        if (m_own.size() != m_readLength)
+            m_own.resize(m_readLength);
+    } else {
         m_own = QByteArray(m_readLength, Qt::Uninitialized);
     }
 }
@@ -122,7 +132,8 @@ QByteArray AsyncReadPacket::takeData()
 {
     if (m_caller)
         return m_caller->mid(m_startOffset, m_bytesDone);
-    m_own.resize(m_bytesDone);
+    if (m_own.size() != m_bytesDone)
+        m_own.resize(m_bytesDone);
     return std::move(m_own);
 }
 

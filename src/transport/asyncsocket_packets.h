@@ -20,6 +20,7 @@
 
 #include <QByteArray>
 #include <QVariantMap>
+#include <cstring>
 #include <memory>
 
 class ZT_EXPORT AsyncReadPacket
@@ -32,10 +33,13 @@ public:
     //! a fixed-length read, else empty) and starts at offset 0. `maxLength` 0
     //! is no limit; `readLength` 0 is not a fixed-length read; an empty
     //! `terminator` is not a terminator read; a negative `timeout` is none.
-    //! The terminator is copied (QByteArray is a value).
+    //! The terminator is copied (QByteArray is a value). `spare`: a finished
+    //! buffer whose allocation a fixed-length read into its own buffer takes
+    //! over when nobody else holds it (ignored otherwise).
     //! @sel initWithData:startOffset:maxLength:timeout:readLength:terminator:tag:
     AsyncReadPacket(std::shared_ptr<QByteArray> buffer, qsizetype startOffset, qsizetype maxLength,
-                    double timeout, qsizetype readLength, QByteArray terminator, long tag);
+                    double timeout, qsizetype readLength, QByteArray terminator, long tag,
+                    QByteArray spare = {});
 
     //! Bytes to ask for next in a fixed-length or read-available read.
     //! @sel readLengthForNonTerm
@@ -77,6 +81,20 @@ public:
     //! Accounts for `count` bytes written after prepareWrite(); a buffer that
     //! prepareWrite() lengthened more than needed is cut back.
     void commit(qsizetype count);
+    //! Copies `count` bytes in after the bytes done: prepareWrite() and
+    //! commit() in one, without their bookkeeping when the buffer has room.
+    void append(const char *bytes, qsizetype count)
+    {
+        QByteArray &b = buf();
+        const qsizetype at = m_startOffset + m_bytesDone;
+        if (at + count <= b.size()) {
+            std::memcpy(b.data() + at, bytes, size_t(count));
+            m_bytesDone += count;
+            return;
+        }
+        std::memcpy(prepareWrite(count), bytes, size_t(count));
+        commit(count);
+    }
     //! Gives back the last `count` bytes done (they were read past the
     //! terminator); the buffer is cut back if the packet had lengthened it.
     void unwind(qsizetype count);
@@ -116,8 +134,11 @@ public:
     static constexpr qsizetype MaxPieceSize = 4096;
 
     //! @sel initWithData:timeout:tag:
-    AsyncWritePacket(QByteArray data, double timeout, long tag)
+    AsyncWritePacket(QByteArray &&data, double timeout, long tag)
         : m_data(std::move(data)), m_timeout(timeout), m_tag(tag)
+    {}
+    AsyncWritePacket(const QByteArray &data, double timeout, long tag)
+        : m_data(data), m_timeout(timeout), m_tag(tag)
     {}
 
     const QByteArray &data() const { return m_data; }

@@ -57,37 +57,19 @@ void AsyncSocketPrivate::disposeLater(QObject *object)
 
 // ---- requests ----
 
-void AsyncSocketPrivate::queueRead(ReadItem item)
-{
-    if (refusesRequests())
-        return;
-    reads.push_back(std::move(item));
-    scheduleWork();
-}
-
-void AsyncSocketPrivate::queueWrite(AsyncWritePacket packet)
-{
-    if (refusesRequests())
-        return;
-    writes.push_back({std::move(packet), nullptr});
-    scheduleWork();
-}
-
 void AsyncSocketPrivate::queueTLS(const QVariantMap &settings)
 {
     if (refusesRequests())
         return;
     auto special = std::make_shared<AsyncSpecialPacket>(settings);
-    reads.push_back({std::nullopt, special});
-    writes.push_back({std::nullopt, special});
+    reads.emplace_back().special = special;
+    writes.emplace_back().special = special;
     scheduleWork();
 }
 
-void AsyncSocketPrivate::scheduleWork()
+// Requests made outside an entry are served by one call posted to the loop.
+void AsyncSocketPrivate::postKick()
 {
-    workPending = true;
-    if (!announced || depth > 0 || kickPosted)
-        return;
     kickPosted = true;
     QMetaObject::invokeMethod(
         this,
@@ -330,6 +312,8 @@ void AsyncSocketPrivate::close(bool graceful)
     partial.clear();
     partial.reserve(AsyncReadPacket::ReadChunkSize);
     partialPos = 0;
+    spare = QByteArray();
+    staging = QByteArray();
     readClock = {};
     writeClock = {};
     connectHost.clear();

@@ -84,6 +84,7 @@ void VDConnection::initWithInnerSocketDelegate(zt::Ref<AsyncSocket> socket, VDSo
     m_delegate = delegate;
     m_socket = socket ? std::move(socket) : AsyncSocket::create();
     m_socket->setDelegate(this);
+    m_socket->enableReadAhead(); // never switches to TLS; a frame costs a copy, not a stream call
     issueLengthRead();
 }
 

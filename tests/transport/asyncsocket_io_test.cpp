@@ -8,7 +8,9 @@
 
 #include <QHostAddress>
 #include <QTcpServer>
+#include <QtEndian>
 #include <cmath>
+#include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -168,6 +170,21 @@ TEST(AsyncSocketMisuse, RaisesTheNamedException)
              [](AsyncSocket *listening, AsyncSocket *) {
                  listening->connectToHostOnPortError(u"127.0.0.1"_s, 9);
              }},
+            {"StartTLSOnASocketThatReadsAhead",
+             u"Attempting to start TLS on a socket that reads ahead. Bytes read ahead would be lost to the "
+             u"handshake; don't enable read-ahead on it."_s,
+             [](AsyncSocket *, AsyncSocket *fresh) {
+                 fresh->enableReadAhead();
+                 fresh->startTLS({});
+             }},
+            {"ReadAheadWithATLSSwitchQueued",
+             u"Attempting to read ahead while a switch to TLS is queued. Bytes read ahead would be lost to "
+             u"the "
+             u"handshake; read ahead after onSocketDidSecure."_s,
+             [](AsyncSocket *, AsyncSocket *fresh) {
+                 fresh->startTLS({});
+                 fresh->enableReadAhead();
+             }},
         };
     Server listening;
     ASSERT_TRUE(listening.listen(u"localhost"_s));
@@ -221,10 +238,48 @@ TEST(AsyncSocketThreads, AcceptedSocketRunsOnTheThreadTheDelegateGives)
 
 // ---- reads ----
 
+// How a socket takes bytes from its stream.
+enum class Taking
+{
+    Exactly,      // no more than each step needs
+    PreBuffering, // enablePreBuffering(): terminator reads in chunks
+    ReadingAhead, // enableReadAhead(): everything the stream holds
+};
+
+void takeBy(AsyncSocket *socket, Taking taking)
+{
+    if (taking == Taking::PreBuffering)
+        socket->enablePreBuffering();
+    else if (taking == Taking::ReadingAhead)
+        socket->enableReadAhead();
+}
+
+const char *takingName(Taking taking)
+{
+    return taking == Taking::Exactly        ? "exactly"
+           : taking == Taking::PreBuffering ? "pre-buffering"
+                                            : "read-ahead";
+}
+
+//! Sends `stream` from `writer` in writes of `chunk` bytes, each issued when
+//! the previous one has completed, so the reader wakes up on every chunk.
+void feedInChunks(Recorder &events, AsyncSocket *writer, const QByteArray &stream, qsizetype chunk)
+{
+    auto sent = std::make_shared<qsizetype>(0);
+    events.onWrite = [=](AsyncSocket *s, long) {
+        if (*sent < stream.size()) {
+            const QByteArray piece = stream.mid(*sent, chunk);
+            *sent += piece.size();
+            s->writeDataWithTimeoutTag(piece, 10, 0);
+        }
+    };
+    events.onWrite(writer, 0);
+}
+
 struct FeedRow
 {
     const char *name;
-    bool prebuffer;
+    Taking taking;
     int chunk; // bytes per write; each write waits for the previous one
 };
 
@@ -238,22 +293,12 @@ TEST_P(AsyncSocketTerminatorReads, SplitTheStreamAtEachTerminatorAndLoseNothing)
     Pair pair;
     ASSERT_TRUE(pair.open());
     AsyncSocket *server = pair.server();
-    if (row.prebuffer)
-        server->enablePreBuffering();
+    takeBy(server, row.taking);
     const QByteArray stream = "alpha\r\nbe\rta\r\n\r\ngamma\r\r\n" + QByteArray("TAIL:") + patternBytes(300);
     for (long tag = 1; tag <= 4; ++tag)
         server->readDataToDataWithTimeoutTag("\r\n", 10, tag);
     server->readDataToLengthWithTimeoutTag(305, 10, 5);
-
-    qsizetype sent = 0;
-    pair.clientEvents.onWrite = [&](AsyncSocket *s, long) {
-        if (sent < stream.size()) {
-            const QByteArray piece = stream.mid(sent, row.chunk);
-            sent += piece.size();
-            s->writeDataWithTimeoutTag(piece, 10, 0);
-        }
-    };
-    pair.clientEvents.onWrite(pair.client.get(), 0);
+    feedInChunks(pair.clientEvents, pair.client.get(), stream, row.chunk);
     ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 5; }));
     EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"alpha\r\n", "be\rta\r\n", "\r\n", "gamma\r\r\n",
                                                          "TAIL:" + patternBytes(300)}));
@@ -261,22 +306,25 @@ TEST_P(AsyncSocketTerminatorReads, SplitTheStreamAtEachTerminatorAndLoseNothing)
 }
 
 INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketTerminatorReads,
-                         ::testing::Values(FeedRow{"ByteByByte", false, 1}, FeedRow{"ThreeBytes", false, 3},
-                                           FeedRow{"AllAtOnce", false, 4096},
-                                           FeedRow{"PreBufferedByteByByte", true, 1},
-                                           FeedRow{"PreBufferedThreeBytes", true, 3},
-                                           FeedRow{"PreBufferedAllAtOnce", true, 4096}),
+                         ::testing::Values(FeedRow{"ByteByByte", Taking::Exactly, 1},
+                                           FeedRow{"ThreeBytes", Taking::Exactly, 3},
+                                           FeedRow{"AllAtOnce", Taking::Exactly, 4096},
+                                           FeedRow{"PreBufferedByteByByte", Taking::PreBuffering, 1},
+                                           FeedRow{"PreBufferedThreeBytes", Taking::PreBuffering, 3},
+                                           FeedRow{"PreBufferedAllAtOnce", Taking::PreBuffering, 4096},
+                                           FeedRow{"ReadAheadByteByByte", Taking::ReadingAhead, 1},
+                                           FeedRow{"ReadAheadThreeBytes", Taking::ReadingAhead, 3},
+                                           FeedRow{"ReadAheadAllAtOnce", Taking::ReadingAhead, 4096}),
                          [](const auto &info) { return std::string(info.param.name); });
 
 TEST(AsyncSocketRead, MaximumLengthOverflowFailsInOrder)
 {
-    for (bool prebuffer : {false, true}) {
-        SCOPED_TRACE(prebuffer ? "pre-buffered" : "plain");
+    for (Taking taking : {Taking::Exactly, Taking::PreBuffering, Taking::ReadingAhead}) {
+        SCOPED_TRACE(takingName(taking));
         Pair pair;
         ASSERT_TRUE(pair.open());
         AsyncSocket *server = pair.server();
-        if (prebuffer)
-            server->enablePreBuffering();
+        takeBy(server, taking);
         server->readDataToDataWithTimeoutMaxLengthTag("\n", 10, 8, 5);
         server->readDataToLengthWithTimeoutTag(1, 10, 6);
         const QByteArray sent = "0123456789AB";
@@ -338,18 +386,166 @@ TEST(AsyncSocketRead, ZeroLengthReadsCompleteInQueueOrder)
 
 TEST(AsyncSocketRead, PeerCloseLeavesTheRestInUnreadData)
 {
+    for (Taking taking : {Taking::Exactly, Taking::ReadingAhead}) {
+        SCOPED_TRACE(takingName(taking));
+        Pair pair;
+        ASSERT_TRUE(pair.open());
+        AsyncSocket *server = pair.server();
+        takeBy(server, taking);
+        server->readDataToLengthWithTimeoutTag(2, 10, 1);
+        server->readDataToLengthWithTimeoutTag(10, 10, 2);
+        pair.client->writeDataWithTimeoutTag("hello", 10, 1);
+        pair.client->disconnectAfterWriting();
+        ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.disconnects == 1; }));
+        EXPECT_EQ(pair.serverEvents.events.mid(2), words("read:1 will:closed did"));
+        EXPECT_EQ(pair.serverEvents.unreadAtWill, "llo");
+        EXPECT_EQ(pair.clientEvents.events.mid(2), words("write:1 did"));
+    }
+}
+
+// unreadData() outside the error path: bytes still in Qt's buffer are not
+// the socket's, bytes it read ahead are; the next read gets them either way.
+TEST(AsyncSocketRead, UnreadDataHoldsTheBytesReadAhead)
+{
+    const std::tuple<Taking, QByteArray> rows[] = {{Taking::Exactly, ""}, {Taking::ReadingAhead, "llo"}};
+    for (const auto &[taking, unread] : rows) {
+        SCOPED_TRACE(takingName(taking));
+        Pair pair;
+        ASSERT_TRUE(pair.open());
+        AsyncSocket *server = pair.server();
+        takeBy(server, taking);
+        server->readDataToLengthWithTimeoutTag(2, 10, 1);
+        pair.client->writeDataWithTimeoutTag("hello", 10, 1);
+        ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 1; }));
+        EXPECT_EQ(server->unreadData(), unread);
+        server->readDataToLengthWithTimeoutTag(3, 10, 2);
+        ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 2; }));
+        EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"he", "llo"}));
+        EXPECT_TRUE(server->unreadData().isEmpty());
+    }
+}
+
+// Length-prefixed frames, each followed by a text line, read the way a
+// message connection reads them: the length, then the body, then the line,
+// each queued from the callback of the one before. The stream arrives split
+// at every kind of place; both ways of taking bytes hand out the same reads.
+struct FrameRow
+{
+    const char *name;
+    Taking taking;
+    int chunk;
+};
+
+class AsyncSocketFrames : public ::testing::TestWithParam<FrameRow>
+{
+};
+
+TEST_P(AsyncSocketFrames, SplitAnywhereStillReadInOrder)
+{
+    const FrameRow &row = GetParam();
+    enum : long
+    {
+        LengthTag = 1,
+        BodyTag,
+        LineTag
+    };
+    const int frames = 120;
+    QByteArray stream;
+    QList<QByteArray> expected;
+    for (int i = 0; i < frames; ++i) {
+        const QByteArray body = patternBytes((i * 37) % 260, quint32(i + 1)); // some are empty
+        const quint64 be = qToBigEndian(quint64(body.size()));
+        const QByteArray length(reinterpret_cast<const char *>(&be), 8);
+        const QByteArray line = "frame " + QByteArray::number(i) + "\r\n";
+        stream += length + body + line;
+        expected << length << body << line;
+    }
     Pair pair;
     ASSERT_TRUE(pair.open());
     AsyncSocket *server = pair.server();
-    server->readDataToLengthWithTimeoutTag(2, 10, 1);
-    server->readDataToLengthWithTimeoutTag(10, 10, 2);
-    pair.client->writeDataWithTimeoutTag("hello", 10, 1);
-    pair.client->disconnectAfterWriting();
-    ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.disconnects == 1; }));
-    EXPECT_EQ(pair.serverEvents.events.mid(2), words("read:1 will:closed did"));
-    EXPECT_EQ(pair.serverEvents.unreadAtWill, "llo");
-    EXPECT_EQ(pair.clientEvents.events.mid(2), words("write:1 did"));
+    takeBy(server, row.taking);
+    pair.serverEvents.onRead = [](AsyncSocket *s, const QByteArray &data, long tag) {
+        if (tag == LengthTag) {
+            quint64 be = 0;
+            std::memcpy(&be, data.constData(), 8);
+            s->readDataToLengthWithTimeoutTag(qsizetype(qFromBigEndian(be)), 10, BodyTag);
+        } else if (tag == BodyTag) {
+            s->readDataToDataWithTimeoutTag("\r\n", 10, LineTag);
+        } else {
+            s->readDataToLengthWithTimeoutTag(8, -1, LengthTag);
+        }
+    };
+    server->readDataToLengthWithTimeoutTag(8, -1, LengthTag);
+    feedInChunks(pair.clientEvents, pair.client.get(), stream, row.chunk);
+    ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() >= expected.size(); }));
+    EXPECT_EQ(pair.serverEvents.data, expected);
+    EXPECT_TRUE(server->unreadData().isEmpty());
+    long tag;
+    qsizetype done = -1;
+    server->progressOfReadReturningTagBytesDoneTotal(&tag, &done);
+    EXPECT_EQ(tag, LengthTag);
+    EXPECT_EQ(done, 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketFrames,
+                         ::testing::Values(FrameRow{"ByteByByte", Taking::Exactly, 1},
+                                           FrameRow{"ThirteenBytes", Taking::Exactly, 13},
+                                           FrameRow{"AllAtOnce", Taking::Exactly, 1 << 20},
+                                           FrameRow{"ReadAheadByteByByte", Taking::ReadingAhead, 1},
+                                           FrameRow{"ReadAheadFiveBytes", Taking::ReadingAhead, 5},
+                                           FrameRow{"ReadAheadThirteenBytes", Taking::ReadingAhead, 13},
+                                           FrameRow{"ReadAheadThreeHundredBytes", Taking::ReadingAhead, 300},
+                                           FrameRow{"ReadAheadPastItsBuffer", Taking::ReadingAhead, 9000},
+                                           FrameRow{"ReadAheadAllAtOnce", Taking::ReadingAhead, 1 << 20}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// ---- writes ----
+
+struct BurstRow
+{
+    const char *name;
+    QList<qsizetype> sizes; // the writes, queued in one go with tags 1, 2, …
+    int repeat;             // the pattern, this many times
+};
+
+class AsyncSocketWriteBursts : public ::testing::TestWithParam<BurstRow>
+{
+};
+
+TEST_P(AsyncSocketWriteBursts, CompleteOneByOneInQueueOrder)
+{
+    const BurstRow &row = GetParam();
+    Pair pair;
+    ASSERT_TRUE(pair.open());
+    QByteArray expected;
+    QStringList expectedEvents;
+    long tag = 0;
+    for (int r = 0; r < row.repeat; ++r) {
+        for (qsizetype size : row.sizes) {
+            ++tag;
+            const QByteArray bytes = patternBytes(size, quint32(tag));
+            expected += bytes;
+            expectedEvents << u"write:%1"_s.arg(tag);
+            pair.client->writeDataWithTimeoutTag(bytes, 10, tag);
+        }
+    }
+    pair.server()->readDataToLengthWithTimeoutTag(expected.size(), 10, 1);
+    ASSERT_TRUE(waitUntil([&] {
+        return !pair.serverEvents.data.isEmpty() &&
+               pair.clientEvents.events.size() - 2 >= expectedEvents.size();
+    }));
+    EXPECT_EQ(pair.serverEvents.data.front(), expected);
+    EXPECT_EQ(pair.clientEvents.events.mid(2), expectedEvents);
+    EXPECT_TRUE(std::isnan(pair.client->progressOfWriteReturningTagBytesDoneTotal()));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, AsyncSocketWriteBursts,
+    ::testing::Values(BurstRow{"SmallOnes", {200, 1, 37, 4096, 150}, 200},
+                      BurstRow{"EmptyOnesAmongThem", {0, 5, 0, 0, 7, 0}, 3},
+                      BurstRow{"LargerThanAPieceBetween", {100, 10000, 50, 4096, 4097, 1, 70000, 2}, 2},
+                      BurstRow{"PastTheHighWaterMark", {200}, 3000}),
+    [](const auto &info) { return std::string(info.param.name); });
 
 // ---- timeouts ----
 
@@ -463,6 +659,43 @@ TEST(AsyncSocketTimeout, WriteTimesOutWhenThePeerStopsReading)
         EXPECT_GT(listening.serverEvents.lastWriteDone, 0);
         EXPECT_LT(listening.serverEvents.lastWriteDone, big.size());
     }
+}
+
+// A burst of small writes is handed to the stream in batches that also hold
+// empty writes and stop at larger ones and at Qt's high-water mark; every
+// write still completes on its own, in queue order, and the bytes arrive in
+// that order.
+TEST(AsyncSocketTimeout, WriteTimesOutAmongBatchedSmallWrites)
+{
+    Server listening;
+    ASSERT_TRUE(listening.listen());
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int small = 4096;
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(listening.listener->localPort());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    const bool connected = waitUntil([&] { return listening.serverEvents.connected; });
+    const long count = 20000; // 20 MB: more than the kernel and Qt hold together
+    if (connected) {
+        for (long tag = 1; tag <= count; ++tag)
+            listening.server()->writeDataWithTimeoutTag(patternBytes(1000, quint32(tag)), 0.3, tag);
+    }
+    const bool closed = connected && waitUntil([&] { return listening.serverEvents.disconnects == 1; });
+    ::close(fd);
+    ASSERT_TRUE(closed);
+    // write:1 … write:k-1, then the timeout of write k, part-way or not begun.
+    const QStringList events = listening.serverEvents.events.mid(2);
+    ASSERT_GE(events.size(), 3);
+    const qsizetype completed = events.size() - 3;
+    for (qsizetype i = 0; i < completed; ++i)
+        ASSERT_EQ(events[i], u"write:%1"_s.arg(i + 1));
+    EXPECT_LT(completed, count);
+    EXPECT_EQ(events.mid(completed), (QStringList{u"writeTimeout:%1"_s.arg(completed + 1),
+                                                  u"will:AsyncSocketErrorDomain:5"_s, u"did"_s}));
+    EXPECT_LT(listening.serverEvents.lastWriteDone, 1000);
 }
 
 TEST(AsyncSocketTimeout, ConnectTimesOutWhenThePeerNeverAnswers)

@@ -1,5 +1,6 @@
 // The read packets' length rules, checked without a socket.
 
+#include "transport/asyncsocket_p.h"
 #include "transport/asyncsocket_packets.h"
 
 #include <QRandomGenerator>
@@ -148,6 +149,84 @@ TEST(AsyncReadPacket, CallerBufferIsFilledFromItsOffsetAndKeepsItsTail)
     p.unwind(1); // "Z" went past the terminator
     EXPECT_EQ(*buffer, "0123abcdef\n");
     EXPECT_EQ(p.takeData(), "abcdef\n");
+}
+
+struct SpareRow
+{
+    const char *name;
+    qsizetype spareLength;
+    qsizetype readLength;
+    bool shared; // a copy of the spare is held elsewhere
+    int reused; // the packet writes into the spare's allocation (1), not (0), either (-1: realloc may grow it
+                // in place)
+};
+
+class AsyncReadPacketSpare : public ::testing::TestWithParam<SpareRow>
+{
+};
+
+// A spare buffer is written into only when nobody else holds it; a copy held
+// elsewhere keeps its bytes, and the data handed out is exactly the read.
+TEST_P(AsyncReadPacketSpare, IsReusedOnlyWhenUnshared)
+{
+    const SpareRow &row = GetParam();
+    QByteArray spare(row.spareLength, 'x');
+    const QByteArray copy = row.shared ? spare : QByteArray();
+    const char *allocation = spare.constData();
+    AsyncReadPacket p(nullptr, 0, 0, -1, row.readLength, {}, 3, std::move(spare));
+    const QByteArray bytes = QByteArray(row.readLength, 'r');
+    std::memcpy(p.prepareWrite(row.readLength), bytes.constData(), size_t(row.readLength));
+    p.commit(row.readLength);
+    if (row.reused >= 0) {
+        EXPECT_EQ(p.buffer().constData() == allocation, row.reused == 1);
+    }
+    if (row.shared) {
+        EXPECT_EQ(copy, QByteArray(row.spareLength, 'x'));
+    }
+    EXPECT_EQ(p.takeData(), bytes);
+}
+
+INSTANTIATE_TEST_SUITE_P(Rows, AsyncReadPacketSpare,
+                         ::testing::Values(SpareRow{"UnsharedAndLargeEnough", 200, 8, false, 1},
+                                           SpareRow{"SharedIsLeftAlone", 200, 8, true, 0},
+                                           SpareRow{"UnsharedButShort", 8, 180, false, -1}),
+                         [](const auto &info) { return std::string(info.param.name); });
+
+// The socket's request queues: first in, first out across the wrap of the
+// ring and across growing while wrapped; popped slots are emptied at once.
+TEST(AsyncSocketQueue, KeepsOrderAcrossWrapAndGrowth)
+{
+    struct Item
+    {
+        std::shared_ptr<int> value;
+        void clear() { value.reset(); }
+    };
+    AsyncSocketQueue<Item> queue;
+    int next = 0, expected = 0;
+    std::weak_ptr<int> firstPopped;
+    // Pushes outrun pops: the ring wraps while it fills, then grows twice.
+    for (int round = 0; round < 40; ++round) {
+        for (int i = 0; i < 3; ++i)
+            queue.emplace_back().value = std::make_shared<int>(next++);
+        ASSERT_EQ(*queue.front().value, expected);
+        if (round == 0)
+            firstPopped = queue.front().value;
+        queue.pop_front();
+        ++expected;
+        if (round == 0) {
+            EXPECT_TRUE(firstPopped.expired());
+        }
+        for (size_t i = 0; i < queue.size(); ++i)
+            ASSERT_EQ(*queue[i].value, expected + int(i)) << "round " << round;
+    }
+    while (!queue.empty()) {
+        ASSERT_EQ(*queue.front().value, expected++);
+        queue.pop_front();
+    }
+    EXPECT_EQ(expected, next);
+    queue.emplace_back().value = std::make_shared<int>(7);
+    queue.clear();
+    EXPECT_TRUE(queue.empty());
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 // self-signed certificate made by the openssl command for this run.
 
 #include "asyncsocket_support.h"
+#include "runtime/exception.h"
 
 #include <QProcess>
 #include <QTemporaryDir>
@@ -134,6 +135,37 @@ TEST(AsyncSocketStartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLe
     server->readDataToDataWithTimeoutTag("\n", 10, 3);
     ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 3; }));
     EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"HELLO", "line one\n", "line two\n"}));
+}
+
+// Once the handshake is done nothing plain can follow, so the socket may read
+// ahead of the decrypted bytes; a switch queued before refuses it.
+TEST(AsyncSocketStartTLSOnAccept, ReadsAheadOnlyAfterTheSwitch)
+{
+    ASSERT_TRUE(credentials().problem.isEmpty());
+    Pair pair;
+    ASSERT_TRUE(pair.open(u"127.0.0.1"_s));
+    AsyncSocket *server = pair.server();
+    server->readDataToLengthWithTimeoutTag(5, 10, 1);
+    server->startTLS(serverSettings());
+    EXPECT_THROW(server->enableReadAhead(), zt::Exception);
+    EXPECT_FALSE(server->readsAhead());
+    pair.client->writeDataWithTimeoutTag("HELLO", 10, 1);
+    pair.client->startTLS({{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}});
+    QByteArray lines;
+    QList<QByteArray> expected{"HELLO"};
+    for (int i = 0; i < 50; ++i) {
+        expected << "line " + QByteArray::number(i) + "\n";
+        lines += expected.last();
+    }
+    pair.client->writeDataWithTimeoutTag(lines.left(100), 10, 2);
+    pair.client->writeDataWithTimeoutTag(lines.mid(100), 10, 3);
+    ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.secured == 1; }));
+    server->enableReadAhead();
+    EXPECT_TRUE(server->readsAhead());
+    for (long tag = 10; tag < 60; ++tag)
+        server->readDataToDataWithTimeoutTag("\n", 10, tag);
+    ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 51; }));
+    EXPECT_EQ(pair.serverEvents.data, expected);
 }
 
 // A TLS client that sends "STARTTLS\r\n" and its ClientHello in a single
