@@ -251,6 +251,7 @@ public:
     //! `graceful` lets the stream flush and end with a FIN (or TLS close).
     void close(bool graceful);
     void releaseNative(bool graceful);
+    static void lingerAndClose(QSslSocket *s);
     void drainNative();
     //! The socket is going away: close without telling anyone.
     void detach();
@@ -299,6 +300,7 @@ public:
     bool disconnectAfterReads = false;
     bool disconnectAfterWrites = false;
     bool pumping = false;
+    bool insideBytesWritten = false; // the stream's bytesWritten signal is on the stack
     bool workPending = false;
     bool kickPosted = false;
     zt::Ref<AsyncSocket> keepAlive; // held while a disconnect-after waits

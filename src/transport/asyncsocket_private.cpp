@@ -4,6 +4,9 @@
 #include "runtime/logging.h"
 #include "transport/asyncsocket_p.h"
 
+#include <QTimer>
+#include <sys/socket.h>
+
 #include <QThread>
 #include <unistd.h>
 
@@ -105,7 +108,13 @@ void AsyncSocketPrivate::attach(AsyncSocketStream *s)
         if (!entry.alive())
             return;
         written += count;
+        // Qt does not report bytes flushed from inside this signal: no
+        // flushing until it returns (Qt goes on writing by itself).
+        const bool outer = !insideBytesWritten;
+        insideBytesWritten = true;
         pumpAll();
+        if (outer)
+            insideBytesWritten = false;
     });
     connect(s, &QAbstractSocket::connected, this, [this] {
         Entry entry(this);
@@ -272,12 +281,47 @@ void AsyncSocketPrivate::closeWithError(const zt::Error &error)
     close(false);
 }
 
+// Ends a plain stream without costing the peer what it has not read yet. A
+// descriptor closed with unread bytes (or closed before the peer's last bytes
+// arrive) makes the kernel reset the connection, and a reset makes the peer
+// drop whatever it had not read. So the write side is shut once the stream has
+// handed everything to the kernel (the peer reads it all, then the end), what
+// the peer still sends is read and dropped, and the descriptor is closed when
+// the peer closes too, or after a grace period. The stream lives on its own
+// meanwhile: it no longer belongs to this socket.
+void AsyncSocketPrivate::lingerAndClose(QSslSocket *s)
+{
+    constexpr int GraceMs = 5000;
+    s->setParent(nullptr);
+    auto finish = [s] {
+        s->abort();
+        s->deleteLater();
+    };
+    auto shutWriteWhenFlushed = [s] {
+        if (s->bytesToWrite() == 0 && s->socketDescriptor() >= 0)
+            ::shutdown(int(s->socketDescriptor()), SHUT_WR);
+    };
+    connect(s, &QIODevice::readyRead, s, [s] { s->readAll(); });
+    connect(s, &QIODevice::bytesWritten, s, shutWriteWhenFlushed);
+    connect(s, &QAbstractSocket::disconnected, s, finish);
+    connect(s, &QAbstractSocket::errorOccurred, s, finish);
+    QTimer::singleShot(GraceMs, s, finish);
+    s->readAll();
+    s->flush();
+    shutWriteWhenFlushed();
+}
+
 void AsyncSocketPrivate::releaseNative(bool graceful)
 {
     if (!socket)
         return;
     QSslSocket *s = std::exchange(socket, nullptr);
     QObject::disconnect(s, nullptr, this, nullptr);
+    if (graceful && s->state() == QAbstractSocket::ConnectedState &&
+        s->mode() == QSslSocket::UnencryptedMode) {
+        lingerAndClose(s);
+        return;
+    }
     if (graceful && s->state() == QAbstractSocket::ConnectedState) {
         s->disconnectFromHost();
         if (s->state() != QAbstractSocket::UnconnectedState) {
