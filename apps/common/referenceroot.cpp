@@ -141,17 +141,45 @@ void ReferenceRoot::clientDidReplaceValuesAtIndexesWithValuesForKeyObjectID(cons
     agentDidReplaceValuesAtIndexesWithValuesForKeyObjectID(indexes, values, key, objectID);
 }
 
-zt::Ref<ZTAbstractIPC> ReferenceRoot::forwardedTarget(const zt::Selector &selector, zt::Selector *real) const
+ReferenceRoot::ForwardedName ReferenceRoot::splitForwarded(const zt::Selector &selector, bool agentRole)
 {
-    const QByteArray prefix = ZTIPCProxy::autoprefix().toLatin1() + '_';
+    ForwardedName name;
+    name.selector = selector;
+    name.agentRole = agentRole;
+    const QByteArray prefix = agentRole ? QByteArrayLiteral("toAgent_") : QByteArrayLiteral("toClient_");
     if (!selector.startsWith(prefix))
-        return {};
+        return name;
     const QList<QByteArray> parts = selector.split('_');
     if (parts.size() != 4)
+        return name;
+    name.forwarded = true;
+    name.objectID = QString::fromLatin1(parts[2]);
+    name.real = parts[3];
+    return name;
+}
+
+zt::Ref<ZTAbstractIPC> ReferenceRoot::forwardedTarget(const zt::Selector &selector, zt::Selector *real) const
+{
+    // The prefix this process answers to: "toAgent" in the agent.
+    const bool agentRole = ZTIPCProxy::isAgent();
+    ForwardedName *slot = nullptr;
+    if (const_cast<zt::Selector &>(selector).data_ptr().d_ptr()) // no detach: only reads
+        slot = &m_forwardedNames[(quintptr(selector.constData()) >> 4) % m_forwardedNames.size()];
+    ForwardedName parsed;
+    const ForwardedName *name = slot;
+    if (!slot || slot->selector.constData() != selector.constData() ||
+        slot->selector.size() != selector.size() || slot->agentRole != agentRole) {
+        parsed = splitForwarded(selector, agentRole);
+        if (slot)
+            *slot = std::move(parsed);
+        else
+            name = &parsed;
+    }
+    if (!name->forwarded)
         return {};
     if (real)
-        *real = parts[3];
-    return ZTDirectory::sharedInstance()->objectWithID(QString::fromLatin1(parts[2]));
+        *real = name->real;
+    return ZTDirectory::sharedInstance()->objectWithID(name->objectID);
 }
 
 bool ReferenceRoot::acceptsSelector(const zt::Selector &selector) const
@@ -177,5 +205,7 @@ void ReferenceRoot::forwardInvocation(zt::Invocation &invocation)
         Object::forwardInvocation(invocation);
         return;
     }
-    invocation.setReturnValue(target->perform(real, invocation.arguments()));
+    const auto count = size_t(invocation.methodSignature().numberOfArguments() - 2);
+    invocation.setReturnValue(
+        target->perform(real, std::span<const QVariant>(invocation.argumentData(), count)));
 }

@@ -19,6 +19,8 @@
 #include "core/ztapplication.h"
 #include "transport/vdconnection.h"
 
+#include <array>
+
 class ReferenceRoot : public zt::Object, public ZTApplicationDelegate, public VDAcceptingObject
 {
     ZT_OBJECT(ReferenceRoot, zt::Object)
@@ -75,6 +77,20 @@ protected:
 
 private:
     void apply(const QString &objectID, const std::function<void(ZTAbstractIPC *)> &change);
+
+    // A selector split into the object ID and the real selector, kept by the
+    // identity of the selector's characters: the decoder hands a repeated
+    // selector over as one string, and a slot keeps the characters alive.
+    struct ForwardedName
+    {
+        zt::Selector selector;
+        bool agentRole = false; // the process role it was split for
+        bool forwarded = false;
+        QString objectID;
+        zt::Selector real;
+    };
+    static ForwardedName splitForwarded(const zt::Selector &selector, bool agentRole);
+    mutable std::array<ForwardedName, 16> m_forwardedNames;
 
     zt::Ref<VDConnection> m_connection;
     QVariant m_clientID;
