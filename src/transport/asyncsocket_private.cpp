@@ -4,6 +4,7 @@
 #include "runtime/logging.h"
 #include "transport/asyncsocket_p.h"
 
+#include <QCoreApplication>
 #include <QTimer>
 #include <sys/socket.h>
 
@@ -292,7 +293,10 @@ void AsyncSocketPrivate::closeWithError(const zt::Error &error)
 void AsyncSocketPrivate::lingerAndClose(QSslSocket *s)
 {
     constexpr int GraceMs = 5000;
-    s->setParent(nullptr);
+    // Owned by the application object where it can be, so that a process
+    // leaving within the grace period still frees it.
+    QObject *app = QCoreApplication::instance();
+    s->setParent(app && app->thread() == s->thread() ? app : nullptr);
     auto finish = [s] {
         s->abort();
         s->deleteLater();
