@@ -194,6 +194,17 @@ bool AsyncSocket::readsAhead() const
     return d->readAhead;
 }
 
+void AsyncSocket::setSendBufferSize(qint64 bytes)
+{
+    d->sendBufferSize = qMax<qint64>(0, bytes);
+    d->applySocketOptions();
+}
+
+qint64 AsyncSocket::sendBufferSize() const
+{
+    return d->sendBufferSize;
+}
+
 void AsyncSocket::setIsTerminating(bool terminating)
 {
     g_terminating.store(terminating, std::memory_order_relaxed);
@@ -516,6 +527,11 @@ QString AsyncSocket::localHost() const
     if (AsyncSocketListener *l = d->listen4 ? d->listen4 : d->listen6)
         return addressText(l->serverAddress());
     return {};
+}
+
+qintptr AsyncSocket::nativeSocket() const
+{
+    return d->socket ? d->socket->socketDescriptor() : -1;
 }
 
 quint16 AsyncSocket::localPort() const

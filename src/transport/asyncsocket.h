@@ -182,6 +182,14 @@ public:
     //! queued or under way. After the switch (onSocketDidSecure) it is safe.
     void enableReadAhead();
     bool readsAhead() const;
+    //! Asks the kernel for a send buffer of `bytes` on the stream, now if it
+    //! is open and on every stream the socket opens later (0, the start: the
+    //! system's own, sized as it sees fit). A burst of writes made between two
+    //! turns of the event loop then goes to the kernel at once instead of
+    //! waiting in the write queue for the peer to read. The kernel keeps the
+    //! memory only while it holds unsent bytes.
+    void setSendBufferSize(qint64 bytes);
+    qint64 sendBufferSize() const;
 
     //! Process-wide: the application is terminating. Closing sockets then
     //! tell their delegates nothing, and the disconnectAfter... variants close
@@ -293,6 +301,8 @@ public:
     //! The local address; for a listener, its IPv4 address if any, else IPv6.
     QString localHost() const;
     quint16 localPort() const;
+    //! The stream's descriptor, -1 when there is none (listeners included).
+    qintptr nativeSocket() const;
     //! sockaddr bytes (see SockAddr); empty when unknown.
     QByteArray connectedAddress() const;
     QByteArray localAddress() const;

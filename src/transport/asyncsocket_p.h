@@ -88,6 +88,9 @@ class AsyncSocketStream : public QSslSocket
 {
 public:
     using QSslSocket::QSslSocket;
+    //! Qt's socket destructor closes the connection and signals it; by then
+    //! this object is half gone, so nothing may still listen.
+    ~AsyncSocketStream() override { QObject::disconnect(this, nullptr, nullptr, nullptr); }
 
     //! Takes up to `count` bytes. While the stream is plain, QIODevice::read()
     //! would read ahead into the device's own buffer, out of reach of a later
@@ -211,6 +214,8 @@ public:
     bool listenOn(const QList<QHostAddress> &v4, const QList<QHostAddress> &v6, quint16 port,
                   zt::Error *error);
     void announceConnected();
+    //! The stream's options: no Nagle delay, the send buffer asked for.
+    void applySocketOptions();
 
     // ---- serving ----
     void pumpAll();
@@ -295,6 +300,7 @@ public:
     bool announced = false;
     bool preBuffering = false;
     bool readAhead = false;
+    qint64 sendBufferSize = 0; // 0: the system's
     bool closing = false;
     bool tlsActive = false;
     bool disconnectAfterReads = false;

@@ -148,10 +148,20 @@ bool AsyncSocketPrivate::adoptDescriptor(qintptr descriptor)
         delete s;
         return false;
     }
-    s->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     accepted = true;
     attach(s);
+    applySocketOptions();
     return true;
+}
+
+void AsyncSocketPrivate::applySocketOptions()
+{
+    if (!socket || socket->socketDescriptor() < 0)
+        return; // applied once the stream has a descriptor
+    // Nagle's algorithm would hold small messages back for the peer's ack.
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    if (sendBufferSize > 0)
+        socket->setSocketOption(QAbstractSocket::SendBufferSizeSocketOption, sendBufferSize);
 }
 
 void AsyncSocketPrivate::acceptDescriptor(qintptr descriptor)
@@ -203,6 +213,7 @@ void AsyncSocketPrivate::announceConnected()
         return;
     connectTimer.stop();
     announced = true;
+    applySocketOptions();
     const QString host = q->connectedHost();
     const quint16 port = q->connectedPort();
     const quint64 g = generation;

@@ -19,6 +19,7 @@ constexpr long LengthTag = 0;
 constexpr long BodyTag = 1;
 constexpr double BodyTimeout = 60.0;
 constexpr double WriteTimeout = 60.0;
+constexpr qint64 SendBufferSize = qint64(4) << 20;
 
 bool isHandshake(const zt::Selector &selector)
 {
@@ -85,6 +86,10 @@ void VDConnection::initWithInnerSocketDelegate(zt::Ref<AsyncSocket> socket, VDSo
     m_socket = socket ? std::move(socket) : AsyncSocket::create();
     m_socket->setDelegate(this);
     m_socket->enableReadAhead(); // never switches to TLS; a frame costs a copy, not a stream call
+    // A model changes in bursts between turns of the event loop (a thousand
+    // changes is a few hundred kilobytes): room in the kernel for a whole
+    // burst lets it leave at once instead of waiting in the write queue.
+    m_socket->setSendBufferSize(SendBufferSize);
     issueLengthRead();
 }
 

@@ -877,6 +877,38 @@ TEST(AsyncSocketDelegateCalls, ExceptionsAreLoggedAndTheSocketGoesOn)
 
 // ---- progress ----
 
+// The send buffer asked for reaches the kernel whether it is asked before the
+// stream opens (connecting, accepted) or after; 0 leaves the system's.
+TEST(AsyncSocketOptions, TheSendBufferAskedForReachesTheKernel)
+{
+    constexpr qint64 asked = qint64(3) << 20;
+    auto kernelSendBuffer = [](const zt::Ref<AsyncSocket> &s) {
+        int size = 0;
+        socklen_t length = sizeof size;
+        if (s->nativeSocket() < 0 ||
+            ::getsockopt(int(s->nativeSocket()), SOL_SOCKET, SO_SNDBUF, &size, &length) != 0)
+            return qint64(-1);
+        return qint64(size); // Linux reports twice what was asked, for its bookkeeping
+    };
+    Pair pair;
+    ASSERT_TRUE(pair.listen());
+    pair.client = AsyncSocket::createWithDelegate(&pair.clientEvents);
+    EXPECT_EQ(pair.client->nativeSocket(), -1);
+    pair.client->setSendBufferSize(asked); // before connecting
+    ASSERT_TRUE(pair.client->connectToHostOnPortError(u"127.0.0.1"_s, pair.listener->localPort()));
+    ASSERT_TRUE(waitUntil([&] { return pair.clientEvents.connected && pair.serverEvents.connected; }));
+    EXPECT_GE(kernelSendBuffer(pair.client), asked);
+    EXPECT_EQ(pair.listener->nativeSocket(), -1);
+
+    zt::Ref<AsyncSocket> server = pair.server();
+    const qint64 systems = kernelSendBuffer(server); // the system's own, until asked
+    EXPECT_GT(systems, 0);
+    server->setSendBufferSize(asked); // on an open stream
+    EXPECT_EQ(server->sendBufferSize(), asked);
+    EXPECT_GE(kernelSendBuffer(server), asked);
+    EXPECT_NE(kernelSendBuffer(server), systems);
+}
+
 TEST(AsyncSocketProgress, ReadProgressFollowsTheCurrentRead)
 {
     Pair pair;
