@@ -46,10 +46,10 @@ function(zt_add_fuzzer name harness)
   zt_set_warnings(${name})
   if(ZT_BUILD_TESTS)
     set(corpus ${CMAKE_CURRENT_BINARY_DIR}/${name}-corpus)
-    set(seedsrc ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
+    set(initialsrc ${PROJECT_SOURCE_DIR}/fuzz/corpus/${name})
     add_test(NAME fuzz.${name}
       COMMAND ${CMAKE_COMMAND} -E env ASAN_OPTIONS=detect_leaks=1
-              ${CMAKE_COMMAND} -DFUZZER=$<TARGET_FILE:${name}> -DCORPUS=${corpus} -DINITIAL=${seedsrc}
+              ${CMAKE_COMMAND} -DFUZZER=$<TARGET_FILE:${name}> -DCORPUS=${corpus} -DINITIAL=${initialsrc}
               -DSECONDS=${ARG_SECONDS} -P ${PROJECT_SOURCE_DIR}/cmake/RunFuzzer.cmake)
     set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT 600 LABELS fuzz)
   endif()

@@ -32,7 +32,7 @@ QByteArray capitalized(const QString &key)
 std::atomic<quint64> nextClassSerial{1};
 
 // ---- hashing and comparing short names ----
-// Selectors and keys are short; Qt's seeded hash and the standard library's
+// Selectors and keys are short; Qt's randomised hash and the standard library's
 // byte hash both cost several times what the look-up around them does. These
 // read eight bytes at a time (the last word overlapping the one before).
 

@@ -141,7 +141,7 @@ private:
 
 namespace detail {
 
-//! An unseeded hash of a key's characters for the runtime's own tables,
+//! A fixed (unkeyed) hash of a key's characters for the runtime's own tables,
 //! several times cheaper than qHash() on the short keys they hold.
 ZT_EXPORT size_t hashKey(const QString &key) noexcept;
 struct KeyHash

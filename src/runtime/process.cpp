@@ -30,10 +30,14 @@ void setApplicationIdentifier(const QString &id)
 QString globallyUniqueString()
 {
     // A random (version 4) UUID in upper case, 8-4-4-4-12. Each thread draws
-    // from its own generator, seeded once from the process-wide one (itself
-    // seeded from the system's entropy): no lock and no system call, which
+    // from its own generator, started once from the process-wide one (itself
+    // fed from the system's entropy): no lock and no system call, which
     // matters because every remote call that awaits a result takes one.
-    thread_local QRandomGenerator64 generator(QRandomGenerator::global()->generate64());
+    thread_local QRandomGenerator64 generator = [] {
+        quint32 start[8]; // the generator's whole starting state, not one word of it
+        QRandomGenerator::global()->fillRange(start);
+        return QRandomGenerator64(start);
+    }();
     quint64 words[2] = {generator.generate(), generator.generate()};
     auto *bytes = reinterpret_cast<uchar *>(words);
     bytes[6] = uchar((bytes[6] & 0x0F) | 0x40); // version 4
