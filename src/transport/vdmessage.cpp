@@ -89,7 +89,7 @@ public:
     {
         m_hash = hashBytes(bytes.data(), bytes.size());
         const Slot &slot = m_slots[m_hash & (Slots - 1)];
-        if (slot.hash == m_hash && slot.bytes.size() == bytes.size() &&
+        if (slot.filled && slot.hash == m_hash && slot.bytes.size() == bytes.size() &&
             std::memcmp(slot.bytes.constData(), bytes.data(), size_t(bytes.size())) == 0)
             return &slot.value;
         return nullptr;
@@ -98,6 +98,7 @@ public:
     const Value &store(QByteArrayView bytes, Value value)
     {
         Slot &slot = m_slots[m_hash & (Slots - 1)];
+        slot.filled = true;
         slot.hash = m_hash;
         slot.bytes = bytes.toByteArray();
         slot.value = std::move(value);
@@ -107,6 +108,7 @@ public:
 private:
     struct Slot
     {
+        bool filled = false; // an empty slot matches nothing, not even no bytes
         quint64 hash = 0;
         QByteArray bytes;
         Value value;

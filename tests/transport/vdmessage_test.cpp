@@ -10,6 +10,7 @@
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTemporaryDir>
+#include <QThread>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -249,6 +250,29 @@ TEST_P(VDMessageExact, EncodesTheseBytesAndDecodesBack)
 
 INSTANTIATE_TEST_SUITE_P(Rows, VDMessageExact, testing::ValuesIn(exactRows()),
                          [](const testing::TestParamInfo<ExactRow> &info) { return info.param.name; });
+
+// The per-thread tables of recent strings and selectors start empty: on a
+// fresh thread the empty string is not mistaken for an empty slot, and a
+// string travels as itself the first time and every time after.
+TEST(VDMessageRecent, FreshThreadsSendEmptyAndRepeatedStringsAsThemselves)
+{
+    QStringList seen;
+    QThread *thread = QThread::create([&] {
+        auto target = zt::make<CodecTarget>();
+        for (const QString &s : {QString(u""_s), u"value"_s, QString(u""_s), u"value"_s}) {
+            const QByteArray bytes = vd::dataFromInvocation(call("take:", {s}), {});
+            const auto decoded =
+                vd::invocationFromData(QByteArrayView(bytes).sliced(8), target.get(), nullptr);
+            const QVariant arrived = decoded ? decoded->argumentAtIndex(2) : QVariant();
+            seen.append(zt::kindOf(arrived) == zt::ValueKind::String ? u"'"_s + arrived.toString() + u"'"_s
+                                                                     : render(arrived));
+        }
+    });
+    thread->start();
+    thread->wait();
+    delete thread;
+    EXPECT_EQ(seen, (QStringList{u"''"_s, u"'value'"_s, u"''"_s, u"'value'"_s}));
+}
 
 // Python's plistlib and a decoder written from the byte layout read the same
 // stream of messages and must see the same calls.
