@@ -2,6 +2,10 @@
 
 #include "core/ztabstractipc.h"
 #include "runtime/exception.h"
+#include "runtime/fastpath_p.h"
+
+struct ZTDirectory::LastHit : zt::fastpath::AddressKeyedCache<QString, ZTAbstractIPC *, 1>
+{};
 
 ZT_DEFINE_CLASS(ZTDirectory)
 
@@ -16,6 +20,10 @@ void ZTDirectory::registerMembers(zt::ClassBuilder<ZTDirectory> &b)
     b.method("unregisterObjectWithID:", &ZTDirectory::unregisterObjectWithID);
 }
 
+ZTDirectory::ZTDirectory() : m_lastHit(std::make_unique<LastHit>()) {}
+
+ZTDirectory::~ZTDirectory() = default;
+
 ZTDirectory *ZTDirectory::sharedInstance()
 {
     static ZTDirectory *const instance = QKSharedObject::sharedInstance<ZTDirectory>();
@@ -27,22 +35,25 @@ zt::Ref<ZTAbstractIPC> ZTDirectory::objectWithID(const QString &uuid) const
     if (uuid.isEmpty())
         return {};
     QMutexLocker locker(&m_lock);
-    if (m_lastObject && m_lastID.constData() == uuid.constData() && m_lastID.size() == uuid.size())
-        return zt::Ref<ZTAbstractIPC>(m_lastObject);
-    auto it = m_objects.constFind(uuid);
-    if (it == m_objects.cend())
-        return {};
-    if (const_cast<QString &>(uuid).data_ptr().d_ptr()) { // no detach: only reads
-        m_lastID = uuid;
-        m_lastObject = it->object;
+    ZTAbstractIPC *object = nullptr;
+    if (ZTAbstractIPC *const *hit = m_lastHit->find(uuid)) {
+        object = *hit;
+    } else {
+        auto it = m_objects.constFind(uuid);
+        if (it == m_objects.cend())
+            return {};
+        object = it->object;
+        m_lastHit->store(uuid, object);
     }
-    return zt::Ref<ZTAbstractIPC>(it->object);
+    // The entry is a plain pointer: the object may already be on its way out
+    // on another thread (its last reference gone, its teardown about to take
+    // the entry out). Such an object is answered as absent.
+    return zt::Ref<ZTAbstractIPC>::tryRetain(object);
 }
 
 void ZTDirectory::forgetLastHit()
 {
-    m_lastID.clear();
-    m_lastObject = nullptr;
+    m_lastHit->clear();
 }
 
 void ZTDirectory::registerObject(ZTAbstractIPC *object)
@@ -92,12 +103,6 @@ void ZTDirectory::removeEntryIfHolding(const QString &uuid, const ZTAbstractIPC 
     }
     // An object being torn down was never held (the hold would have kept it
     // alive), so dropping `removed` frees nothing.
-}
-
-qsizetype ZTDirectory::count() const
-{
-    QMutexLocker locker(&m_lock);
-    return m_objects.size();
 }
 
 namespace {

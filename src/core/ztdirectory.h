@@ -17,6 +17,7 @@
 
 #include <QHash>
 #include <QMutex>
+#include <memory>
 
 class ZTAbstractIPC;
 
@@ -52,13 +53,14 @@ public:
     //! @sel unregisterObjectWithID:
     void unregisterObjectWithID(const QString &uuid);
 
+    ZTDirectory();
+    ~ZTDirectory() override;
+
+private:
+    friend class ZTAbstractIPC;
     //! Removes the entry under `uuid` only if it holds `object`; used when an
     //! object is torn down while still registered.
     void removeEntryIfHolding(const QString &uuid, const ZTAbstractIPC *object);
-
-    qsizetype count() const;
-
-private:
     void forgetLastHit(); // under m_lock
     struct Entry
     {
@@ -67,12 +69,11 @@ private:
     };
     mutable QMutex m_lock;
     QHash<QString, Entry> m_objects;
-    // The last object found, by the identity of its ID's characters: decoded
-    // messages name the same object with the same string over and over. The
-    // kept string holds its characters, so their address names one ID; any
-    // removal forgets the hit.
-    mutable QString m_lastID;
-    mutable ZTAbstractIPC *m_lastObject = nullptr;
+    // The last object found, by the address of its ID's characters: decoded
+    // messages name the same object with the same string over and over. Any
+    // removal forgets it.
+    struct LastHit;
+    const std::unique_ptr<LastHit> m_lastHit;
 };
 
 //! ZTCoreBridge: the process-wide reference to the agent application object,

@@ -3,6 +3,7 @@
 #include "rules/koregex_p.h"
 #include "rules/koregexmatch.h"
 #include "runtime/exception.h"
+#include "runtime/fastpath_p.h"
 #include "runtime/format.h"
 
 #include <algorithm>
@@ -37,7 +38,6 @@ struct ThreadSubjectBuffer
     bool inUse = false;
 };
 
-thread_local ThreadSubjectBuffer threadSubjectBuffer;
 
 class SubjectBytes
 {
@@ -70,7 +70,7 @@ private:
 
 void SubjectBytes::useThreadBuffer(qsizetype size)
 {
-    ThreadSubjectBuffer &buffer = threadSubjectBuffer;
+    ThreadSubjectBuffer &buffer = fastpath::perThread<ThreadSubjectBuffer>();
     if (buffer.inUse) {
         m_own.reset(new char[size_t(size)]);
         m_data = m_own.get();
@@ -321,26 +321,32 @@ namespace {
 constexpr int JitStackStart = 32 * 1024;
 constexpr int JitStackLimit = 16 * 1024 * 1024;
 
-struct JitStackOwner
+// Each thread's JIT stack, made at its first JIT search; null when there was
+// no memory for one.
+struct ThreadJitStack
 {
-    pcre_jit_stack *stack = nullptr;
-    ~JitStackOwner()
+    pcre_jit_stack *stack = pcre_jit_stack_alloc(JitStackStart, JitStackLimit);
+    ~ThreadJitStack()
     {
         if (stack)
             pcre_jit_stack_free(stack);
     }
 };
 
-thread_local pcre_jit_stack *threadJitStack = nullptr;
-
-pcre_jit_stack *allocateThreadJitStack()
+// The lowest address of the calling thread's stack, or null when unknown.
+struct ThreadStackLow
 {
-    thread_local JitStackOwner owner;
-    if (!owner.stack)
-        owner.stack = pcre_jit_stack_alloc(JitStackStart, JitStackLimit);
-    threadJitStack = owner.stack;
-    return owner.stack;
-}
+    const char *address = [] {
+        pthread_attr_t attributes;
+        void *low = nullptr;
+        size_t size = 0;
+        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
+            pthread_attr_getstack(&attributes, &low, &size);
+            pthread_attr_destroy(&attributes);
+        }
+        return static_cast<const char *>(low);
+    }();
+};
 
 // The interpreter recurses on the machine stack, one frame per nested
 // backtracking point; unbounded, a long subject overflows the stack and the
@@ -357,16 +363,7 @@ unsigned long interpreterRecursionLimit()
         return 10000000;
     static const long frameSize =
         std::max(64, -pcre_exec(nullptr, nullptr, nullptr, -999, -999, 0, nullptr, 0));
-    thread_local const char *const stackLow = [] {
-        pthread_attr_t attributes;
-        void *address = nullptr;
-        size_t size = 0;
-        if (pthread_getattr_np(pthread_self(), &attributes) == 0) {
-            pthread_attr_getstack(&attributes, &address, &size);
-            pthread_attr_destroy(&attributes);
-        }
-        return static_cast<const char *>(address);
-    }();
+    const char *const stackLow = fastpath::perThread<ThreadStackLow>().address;
     if (!stackLow)
         return 1000;
     const long left = long(static_cast<const char *>(__builtin_frame_address(0)) - stackLow) - 128 * 1024;
@@ -394,10 +391,7 @@ int execute(const KORegex &regex, const char *subject, int length, int start, in
     const auto *compiled = static_cast<const ::pcre *>(regex.regex());
     const auto *extra = static_cast<const pcre_extra *>(regex.extra());
     if (extra && (extra->flags & PCRE_EXTRA_EXECUTABLE_JIT)) [[likely]] {
-        pcre_jit_stack *stack = threadJitStack;
-        if (!stack) [[unlikely]]
-            stack = allocateThreadJitStack();
-        if (stack) [[likely]] {
+        if (pcre_jit_stack *stack = fastpath::perThread<ThreadJitStack>().stack) [[likely]] {
             const int rc =
                 pcre_jit_exec(compiled, extra, subject, length, start, options, ovector, ovectorSize, stack);
             if (rc != PCRE_ERROR_JIT_BADOPTION) [[likely]]

@@ -1,5 +1,6 @@
 #include "runtime/classinfo.h"
 
+#include "runtime/fastpath_p.h"
 #include "runtime/object.h"
 
 #include <QMutex>
@@ -29,64 +30,8 @@ QByteArray capitalized(const QString &key)
     return k;
 }
 
-std::atomic<quint64> nextClassSerial{1};
-
-// ---- hashing and comparing short names ----
-// Selectors and keys are short; Qt's randomised hash and the standard library's
-// byte hash both cost several times what the look-up around them does. These
-// read eight bytes at a time (the last word overlapping the one before).
-
-inline quint64 load64(const char *p)
-{
-    quint64 v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-inline quint32 load32(const char *p)
-{
-    quint32 v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-inline quint64 mixWord(quint64 h, quint64 w)
-{
-    h = (h ^ w) * 0xbf58476d1ce4e5b9ull;
-    return h ^ (h >> 31);
-}
-
-inline size_t hashBytes(const char *p, size_t n)
-{
-    quint64 h = 0x9e3779b97f4a7c15ull ^ n;
-    if (n >= 8) {
-        const char *last = p + n - 8;
-        for (; p < last; p += 8)
-            h = mixWord(h, load64(p));
-        h = mixWord(h, load64(last));
-    } else if (n >= 4) {
-        h = mixWord(h, load32(p) | quint64(load32(p + n - 4)) << 32);
-    } else if (n > 0) {
-        h = mixWord(h, quint64(uchar(p[0])) | quint64(uchar(p[n / 2])) << 8 | quint64(uchar(p[n - 1])) << 16);
-    }
-    return size_t(h * 0x94d049bb133111ebull);
-}
-
-inline bool equalBytes(const char *a, const char *b, size_t n)
-{
-    if (n >= 8) {
-        for (size_t i = 0; i + 8 < n; i += 8)
-            if (load64(a + i) != load64(b + i))
-                return false;
-        return load64(a + n - 8) == load64(b + n - 8);
-    }
-    if (n >= 4)
-        return load32(a) == load32(b) && load32(a + n - 4) == load32(b + n - 4);
-    for (size_t i = 0; i < n; ++i)
-        if (a[i] != b[i])
-            return false;
-    return true;
-}
+using fastpath::equalBytes;
+using fastpath::hashBytes;
 
 inline const char *bytesOf(const QString &s)
 {
@@ -98,79 +43,14 @@ inline size_t byteSizeOf(const QString &s)
     return size_t(s.size()) * sizeof(QChar);
 }
 
-// Whether a string holds a reference to its characters: only then can a
-// cache keep a copy that pins the address. Literals and fromRawData() strings
-// point at memory whose owner may free it and put other text there.
-inline bool ownsData(const QString &s)
-{
-    return s.data_ptr().isMutable();
-}
-
-inline bool ownsData(const QByteArray &b)
-{
-    return const_cast<QByteArray &>(b).data_ptr().isMutable();
-}
-
-// ---- per-thread caches by identity ----
 // Callers mostly pass the same string object again and again (a selector
 // decoded once and looked up three times, a key the decoder hands out for
-// every message). While a cache slot keeps a copy of that string, the
-// characters cannot be freed, so no other string can turn up at the same
-// address: equal address and size mean equal text, without hashing. Only
-// strings that own their characters enter the caches.
-
-template<typename Key, typename Value> struct IdentitySlot
-{
-    quint64 serial = 0;
-    Key key;
-    const Value *value = nullptr;
-};
-
-template<typename Key, typename Value, size_t N> struct IdentityCache
-{
-    static_assert((N & (N - 1)) == 0, "a power of two");
-    IdentitySlot<Key, Value> slots[N];
-
-    IdentitySlot<Key, Value> &slotFor(quint64 serial, const void *data)
-    {
-        return slots[(quintptr(data) >> 4 ^ serial) & (N - 1)];
-    }
-    //! The cached value, or null (not cached is not "no method").
-    bool find(quint64 serial, const Key &key, const Value *&out)
-    {
-        const IdentitySlot<Key, Value> &s = slotFor(serial, key.constData());
-        if (s.serial != serial || s.key.constData() != key.constData() || s.key.size() != key.size())
-            return false;
-        out = s.value;
-        return true;
-    }
-    void store(quint64 serial, const Key &key, const Value *value)
-    {
-        if (!ownsData(key))
-            return;
-        IdentitySlot<Key, Value> &s = slotFor(serial, key.constData());
-        Key pinned(key);
-        s.key.swap(pinned); // what the slot held goes with `pinned`
-        s.serial = serial;
-        s.value = value;
-    }
-};
-
-// The library is linked, not loaded later: its thread-local data can live in
-// the static block, reached without a call to __tls_get_addr.
-#define ZT_STATIC_TLS __attribute__((tls_model("initial-exec")))
-
-IdentityCache<Selector, MethodEntry, 8> &methodCache()
-{
-    static thread_local IdentityCache<Selector, MethodEntry, 8> cache ZT_STATIC_TLS;
-    return cache;
-}
-
-IdentityCache<QString, KeyAccessors, 8> &accessorCache()
-{
-    static thread_local IdentityCache<QString, KeyAccessors, 8> cache ZT_STATIC_TLS;
-    return cache;
-}
+// every message): each thread remembers its last look-ups by the address of
+// the name's characters and the class's serial (fastpath_p.h).
+struct MethodCache : fastpath::AddressKeyedCache<Selector, const MethodEntry *, 8>
+{};
+struct AccessorCache : fastpath::AddressKeyedCache<QString, const KeyAccessors *, 8>
+{};
 
 // Answered for keys that resolve to nothing: no accessor, no dependency.
 const KeyAccessors &noAccessors()
@@ -193,7 +73,7 @@ struct ClassInfo::KeyCache
     struct Record
     {
         size_t hash;
-        QString key; // a copy that owns its characters
+        QString key; // interned, or a copy that owns its characters
         KeyAccessors accessors;
     };
     struct Table
@@ -256,11 +136,6 @@ struct ClassInfo::KeyCache
 };
 
 namespace detail {
-size_t hashKey(const QString &key) noexcept
-{
-    return hashBytes(bytesOf(key), byteSizeOf(key));
-}
-
 void checkSelectorArity(const char *className, const char *selector, size_t arity)
 {
     if (size_t(selectorArgumentCount(QByteArray(selector))) != arity)
@@ -275,10 +150,11 @@ size_t ClassInfo::SelectorHash::operator()(const Selector &s) const noexcept
 
 ClassInfo::ClassInfo(const char *name, const ClassInfo *superclass, Factory factory, Registrar registrar)
     : m_name(QString::fromLatin1(name)), m_superclass(superclass), m_factory(factory),
-      m_serial(nextClassSerial.fetch_add(1, std::memory_order_relaxed)), m_keys(std::make_unique<KeyCache>())
+      m_serial(fastpath::newSerial()), m_keys(std::make_unique<KeyCache>())
 {
     if (registrar)
         registrar(*this);
+    internKnownKeys();
     // Own methods override inherited ones of the same selector.
     std::unordered_map<Selector, const MethodEntry *, SelectorHash> all;
     for (const ClassInfo *c = this; c; c = c->m_superclass)
@@ -302,6 +178,26 @@ ClassInfo::~ClassInfo()
 {
     QMutexLocker locker(&registry().lock);
     registry().classes.remove(m_name);
+}
+
+void ClassInfo::internKnownKeys() const
+{
+    for (const auto &[sel, entry] : m_methods) {
+        const qsizetype colon = sel.indexOf(':');
+        if (colon < 0) {
+            fastpath::internKey(QString::fromLatin1(sel));
+        } else if (colon == sel.size() - 1 && sel.startsWith("set") && sel.size() > 4) {
+            QString key = QString::fromLatin1(sel.mid(3, sel.size() - 4));
+            key[0] = key[0].toLower();
+            fastpath::internKey(key);
+        }
+    }
+    for (auto it = m_dependencies.cbegin(); it != m_dependencies.cend(); ++it) {
+        fastpath::internKey(it.key());
+        for (const QString &path : it.value())
+            for (const QString &part : path.split(u'.'))
+                fastpath::internKey(part);
+    }
 }
 
 bool ClassInfo::isSubclassOf(const ClassInfo &other) const
@@ -334,16 +230,15 @@ const MethodEntry *ClassInfo::findMethod(const char *name, qsizetype size) const
 
 const MethodEntry *ClassInfo::instanceMethod(const Selector &selector) const
 {
-    const MethodEntry *entry;
-    if (methodCache().find(m_serial, selector, entry))
-        return entry;
+    if (const MethodEntry *const *entry = fastpath::perThread<MethodCache>().find(selector, m_serial))
+        return *entry;
     return lookUpAndRemember(selector);
 }
 
 const MethodEntry *ClassInfo::lookUpAndRemember(const Selector &selector) const
 {
     const MethodEntry *entry = findMethod(selector.constData(), selector.size());
-    methodCache().store(m_serial, selector, entry);
+    fastpath::perThread<MethodCache>().store(selector, entry, m_serial);
     return entry;
 }
 
@@ -367,23 +262,22 @@ QStringList ClassInfo::keyPathsForValuesAffectingValueForKey(const QString &key)
 
 const KeyAccessors &ClassInfo::accessorsForKey(const QString &key) const
 {
-    const KeyAccessors *found;
-    if (accessorCache().find(m_serial, key, found))
-        return *found;
+    if (const KeyAccessors *const *found = fastpath::perThread<AccessorCache>().find(key, m_serial))
+        return **found;
     return lookUpAndRemember(key);
 }
 
 const KeyAccessors &ClassInfo::lookUpAndRemember(const QString &key) const
 {
-    auto &cache = accessorCache();
+    auto &cache = fastpath::perThread<AccessorCache>();
     const size_t hash = hashBytes(bytesOf(key), byteSizeOf(key));
     if (const KeyCache::Table *t = m_keys->table.load(std::memory_order_acquire))
         if (const KeyCache::Record *r = KeyCache::probe(t, key, hash)) {
-            cache.store(m_serial, key, &r->accessors);
+            cache.store(key, &r->accessors, m_serial);
             return r->accessors;
         }
     const KeyAccessors &resolved = resolveAccessors(key, hash);
-    cache.store(m_serial, key, &resolved);
+    cache.store(key, &resolved, m_serial);
     return resolved;
 }
 
@@ -429,7 +323,7 @@ const KeyAccessors &ClassInfo::resolveAccessors(const QString &key, size_t hash)
     if (resolvesNothing)
         return noAccessors();
     auto record = std::unique_ptr<KeyCache::Record>(
-        new KeyCache::Record{hash, QString(key.constData(), key.size()), std::move(acc)});
+        new KeyCache::Record{hash, fastpath::internKey(QString(key.constData(), key.size())), std::move(acc)});
     const KeyCache::Record *r = record.get();
     m_keys->insert(std::move(record));
     return r->accessors;

@@ -122,6 +122,9 @@ private:
     [[gnu::noinline]] const MethodEntry *lookUpAndRemember(const Selector &selector) const;
     [[gnu::noinline]] const KeyAccessors &lookUpAndRemember(const QString &key) const;
     const KeyAccessors &resolveAccessors(const QString &key, size_t hash) const;
+    //! Interns the keys this class names (getters, setters, dependencies),
+    //! so that decoded dictionaries share their characters.
+    void internKnownKeys() const;
 
     QString m_name;
     const ClassInfo *m_superclass;
@@ -140,14 +143,6 @@ private:
 };
 
 namespace detail {
-
-//! A fixed (unkeyed) hash of a key's characters for the runtime's own tables,
-//! several times cheaper than qHash() on the short keys they hold.
-ZT_EXPORT size_t hashKey(const QString &key) noexcept;
-struct KeyHash
-{
-    size_t operator()(const QString &key) const noexcept { return hashKey(key); }
-};
 
 template<typename F> struct MemberTraits;
 template<typename R, typename K, typename... A> struct MemberTraits<R (K::*)(A...)>

@@ -36,6 +36,11 @@ void releaseObject(const Object *object) noexcept
     object->release();
 }
 
+bool tryRetainObject(const Object *object) noexcept
+{
+    return object->tryRetain();
+}
+
 Object::Object() = default;
 
 Object::~Object()

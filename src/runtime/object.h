@@ -45,6 +45,20 @@ public:
     // ---- reference counting ----
     void retain() const noexcept { m_refs.fetch_add(1, std::memory_order_relaxed); }
     void release() const noexcept;
+    //! Takes a reference unless the count has reached zero, that is unless the
+    //! object is already being released or torn down by another thread. For
+    //! tables that hold plain pointers to objects they do not own: a table
+    //! found the object under its lock, but only a successful try-retain
+    //! makes it safe to use.
+    bool tryRetain() const noexcept
+    {
+        int count = m_refs.load(std::memory_order_relaxed);
+        do {
+            if (count <= 0)
+                return false;
+        } while (!m_refs.compare_exchange_weak(count, count + 1, std::memory_order_relaxed));
+        return true;
+    }
     int retainCount() const noexcept { return m_refs.load(std::memory_order_relaxed); }
 
     // ---- class metadata ----

@@ -17,6 +17,7 @@
 // observer may remove registrations (its own or others') while being told of
 // a change: removed triggers are marked dead and skipped.
 
+#include "runtime/fastpath_p.h"
 #include "runtime/object.h"
 
 #include <unordered_map>
@@ -60,7 +61,7 @@ public:
     static ObservationInfo &of(Object *object);
 
     std::vector<std::shared_ptr<Observance>> observances;
-    std::unordered_map<QString, std::vector<std::shared_ptr<Trigger>>, detail::KeyHash> triggers;
+    std::unordered_map<QString, std::vector<std::shared_ptr<Trigger>>, fastpath::StringHash> triggers;
 
     static std::shared_ptr<Trigger> attach(const std::shared_ptr<Observance> &obs, Trigger *parent,
                                            Object *object, const QString &path, bool viaDependency,

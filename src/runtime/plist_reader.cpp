@@ -11,6 +11,7 @@
 //  - depth and the size of the expanded result are bounded by ReadLimits.
 
 #include "runtime/dictionary_p.h"
+#include "runtime/fastpath_p.h"
 #include "runtime/plist.h"
 #include "runtime/plist_p.h"
 #include "runtime/value.h"
@@ -18,7 +19,6 @@
 
 #include "runtime/format.h"
 
-#include <QHash>
 #include <QVarLengthArray>
 #include <cstring>
 #ifdef __SSE2__
@@ -26,7 +26,6 @@
 #endif
 #include <algorithm>
 #include <memory>
-#include <mutex>
 #include <numeric>
 #include <string_view>
 #include <vector>
@@ -51,24 +50,6 @@ inline quint64 gatherShort(const uchar *p, qsizetype n)
         return (quint64(a) << 32) | b;
     }
     return n == 0 ? 0 : (quint64(p[0]) << 16) | (quint64(p[n / 2]) << 8) | p[n - 1];
-}
-
-// Equality of two runs of `n` bytes, inline: words, the last one overlapping,
-// or for short runs the gathered loads, which cover every byte.
-inline bool sameBytes(const uchar *a, const uchar *b, qsizetype n)
-{
-    if (n < 8)
-        return gatherShort(a, n) == gatherShort(b, n);
-    quint64 x, y;
-    for (qsizetype i = 0; i < n - 8; i += 8) {
-        std::memcpy(&x, a + i, 8);
-        std::memcpy(&y, b + i, 8);
-        if (x != y)
-            return false;
-    }
-    std::memcpy(&x, a + n - 8, 8);
-    std::memcpy(&y, b + n - 8, 8);
-    return x == y;
 }
 
 bool isAscii(const uchar *p, quint64 n)
@@ -115,100 +96,14 @@ bool widenAscii(const uchar *p, qsizetype n, char16_t *units)
     return !(high & 0x80);
 }
 
-// Dictionary keys come from a small vocabulary (property and field names), so
-// short ASCII keys are interned for the life of the process: an interned key
-// is a QString over immortal characters, which copies and destroys without
-// touching a reference count. The pool is bounded; keys met after it is full
-// are allocated as usual.
-class KeyPool
-{
-public:
-    static KeyPool &instance()
-    {
-        static KeyPool *pool = new KeyPool; // immortal: interned strings may outlive every static
-        return *pool;
-    }
-
-    QString intern(const char *chars, qsizetype n)
-    {
-        const QByteArray bytes(chars, n);
-        std::lock_guard lock(m_mutex);
-        if (const auto it = m_keys.constFind(bytes); it != m_keys.cend())
-            return it.value();
-        if (m_keys.size() >= MaxKeys)
-            return QString::fromLatin1(chars, n);
-        if (m_blocks.empty() || BlockSize - m_blockUsed < n) {
-            m_blocks.push_back(std::make_unique<char16_t[]>(BlockSize));
-            m_blockUsed = 0;
-        }
-        char16_t *units = m_blocks.back().get() + m_blockUsed;
-        for (qsizetype i = 0; i < n; ++i)
-            units[i] = char16_t(uchar(chars[i]));
-        m_blockUsed += n;
-        const QString key = QString::fromRawData(reinterpret_cast<const QChar *>(units), n);
-        m_keys.insert(bytes, key);
-        return key;
-    }
-
-private:
-    // At most 8,192 keys of at most 40 characters: under 2 MB with the table.
-    static constexpr qsizetype MaxKeys = 8192;
-    static constexpr qsizetype BlockSize = 16384; // characters
-
-    std::mutex m_mutex;
-    QHash<QByteArray, QString> m_keys;
-    std::vector<std::unique_ptr<char16_t[]>> m_blocks;
-    qsizetype m_blockUsed = 0;
-};
-
-// In front of the pool, a small direct-mapped cache per thread: a hit costs a
-// byte comparison, no lock and no reference count.
-class KeyCache
-{
-public:
-    static constexpr qsizetype MaxLength = 40;
-
-    //! The key for the `n` bytes at `p`, when they are cached.
-    const QString *find(const uchar *p, qsizetype n) const
-    {
-        const Entry &e = m_entries[slotFor(p, n)];
-        return e.length == n && sameBytes(reinterpret_cast<const uchar *>(e.bytes), p, n) ? &e.key : nullptr;
-    }
-
-    //! The key for `n` ASCII bytes at `p` (n at most MaxLength), now cached.
-    const QString &insert(const uchar *p, qsizetype n)
-    {
-        Entry &e = m_entries[slotFor(p, n)];
-        e.key = KeyPool::instance().intern(reinterpret_cast<const char *>(p), n);
-        std::memcpy(e.bytes, p, size_t(n));
-        e.length = n;
-        return e.key;
-    }
-
-private:
-    static constexpr quint64 Size = 256;
-
-    // Length and the first and last eight bytes pick the slot.
-    static quint64 slotFor(const uchar *p, qsizetype n)
-    {
-        quint64 head, tail = 0;
-        if (n >= 8) {
-            std::memcpy(&head, p, 8);
-            std::memcpy(&tail, p + n - 8, 8);
-        } else {
-            head = gatherShort(p, n);
-        }
-        return detail::mix(head ^ (tail * 0x9e3779b97f4a7c15ULL) ^ quint64(n)) & (Size - 1);
-    }
-
-    struct Entry
-    {
-        qsizetype length = -1;
-        char bytes[MaxLength];
-        QString key;
-    };
-    Entry m_entries[Size];
-};
+// Dictionary keys come from a small vocabulary (property and field names).
+// Each thread keeps the recent short keys in a direct-mapped table, so a
+// repeated key costs a hash and a byte comparison. A key the library knows is
+// the interned one (immortal characters: copies touch no reference count);
+// any other key is allocated once and shared from the table. Keys from the
+// input are never interned: the pool holds only what the library names.
+struct RecentKeys : fastpath::DirectMappedTable<QString, 256, fastpath::MaxInternedKeyLength>
+{};
 
 // QString's order (UTF-16 code units), inline: keys are short and differ early.
 inline bool keyLess(const QString &a, const QString &b)
@@ -223,12 +118,6 @@ inline bool keyLess(const QString &a, const QString &b)
 // list elements and dictionary entries, still nil): see variant_inplace_p.h.
 using zt::detail::copyInto;
 using zt::detail::emplaceIn;
-
-KeyCache &threadKeyCache()
-{
-    thread_local KeyCache cache;
-    return cache;
-}
 
 class Reader
 {
@@ -292,7 +181,7 @@ private:
 
     quint64 m_produced = 0;
     QVarLengthArray<Slot, 64> m_slots;
-    KeyCache &m_keys = threadKeyCache(); // looked up once: thread-local access is a call in a shared library
+    RecentKeys &m_keys = fastpath::perThread<RecentKeys>(); // looked up once per document
     QString m_failure;
 };
 
@@ -484,17 +373,18 @@ bool Reader::decodeString(quint64 pos, quint8 marker, QString &out, bool isKey)
             out = QStringLiteral("");
             return true;
         }
-        const bool cacheable = isKey && n <= quint64(KeyCache::MaxLength);
-        if (cacheable) {
-            if (const QString *cached = m_keys.find(p, qsizetype(n))) {
-                out = QString(*cached); // only ASCII is ever cached
+        if (isKey && RecentKeys::fits(qsizetype(n))) {
+            const QByteArrayView bytes(p, qsizetype(n));
+            if (const QString *cached = m_keys.find(bytes)) {
+                out = *cached; // only ASCII is ever cached
                 return true;
             }
-        }
-        if (cacheable) {
             if (!isAscii(p, n))
                 return failAt(start, QStringLiteral("ASCII string holds a byte above 0x7f"));
-            out = QString(m_keys.insert(p, qsizetype(n)));
+            QString key = fastpath::findInternedKey(reinterpret_cast<const char *>(p), qsizetype(n));
+            if (key.isNull())
+                key = QString::fromLatin1(reinterpret_cast<const char *>(p), qsizetype(n));
+            out = m_keys.store(bytes, std::move(key));
             return true;
         }
         QString s(qsizetype(n), Qt::Uninitialized);

@@ -9,6 +9,7 @@
 // values come out byte for byte as CF and plistlib write them.
 
 #include "runtime/dictionary.h"
+#include "runtime/fastpath_p.h"
 #include "runtime/plist.h"
 #include "runtime/plist_p.h"
 #include "runtime/value.h"
@@ -63,8 +64,13 @@ constexpr qsizetype countSize(qsizetype n)
     return n < ExtendedCount ? 0 : 1 + byteWidth(quint64(n));
 }
 
-using detail::hashBytes;
-using detail::mix;
+using fastpath::mix;
+
+// Uniquing tables are per document: an unkeyed hash is fine.
+inline quint64 hashBytes(const uchar *p, qsizetype n, quint64 salt)
+{
+    return fastpath::hashBytes(p, size_t(n), salt);
+}
 
 class Writer
 {

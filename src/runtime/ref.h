@@ -16,6 +16,7 @@ class Object;
 // is only declared (metatype registration instantiates copies early).
 ZT_EXPORT void retainObject(const Object *object) noexcept;
 ZT_EXPORT void releaseObject(const Object *object) noexcept;
+ZT_EXPORT bool tryRetainObject(const Object *object) noexcept;
 
 template<typename T> class Ref
 {
@@ -49,6 +50,15 @@ public:
     {
         Ref r;
         r.m_ptr = p;
+        return r;
+    }
+    //! A reference to `p` unless it is already being released or torn down
+    //! (Object::tryRetain): then null.
+    static Ref tryRetain(T *p) noexcept
+    {
+        Ref r;
+        if (p && tryRetainObject(p))
+            r.m_ptr = p;
         return r;
     }
     //! Gives up ownership without releasing.

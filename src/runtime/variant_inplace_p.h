@@ -19,13 +19,21 @@ inline void copyInto(QVariant &out, const QVariant &value)
     new (&out) QVariant(value);
 }
 
-//! Replaces whatever `out` holds with a copy of `value`.
+//! Replaces whatever `out` holds with a copy of `value`. Copying a variant
+//! usually shares its data, but a value held inside the variant is copied by
+//! its type's copy constructor, which may throw (a type that owns heap
+//! memory). Then `out` is left nil, never destroyed a second time.
 inline void replaceWith(QVariant &out, const QVariant &value)
 {
     if (&out == &value)
         return;
     out.~QVariant();
-    new (&out) QVariant(value); // copying a variant never allocates: shared data is shared
+    try {
+        new (&out) QVariant(value);
+    } catch (...) {
+        new (&out) QVariant();
+        throw;
+    }
 }
 
 //! Makes the nil `out` hold a default T and answers it, to be filled in place.

@@ -1,5 +1,6 @@
 #include "text/encoding.h"
 
+#include "runtime/fastpath_p.h"
 #include "runtime/logging.h"
 
 #include <QStringDecoder>
@@ -325,10 +326,21 @@ QByteArray encodeUtf32(QStringView text, bool bigEndian, bool writeMark)
 // few nanoseconds; each thread keeps the last converter it used in each
 // direction. A converter that met an error is not reused: Qt keeps its error
 // flag across resetState().
+template<typename Converter> struct ConverterCache
+{
+    const char *charset = nullptr;
+    std::optional<Converter> converter;
+};
+struct DecoderCache : ConverterCache<QStringDecoder>
+{};
+struct EncoderCache : ConverterCache<QStringEncoder>
+{};
+
 QString decodeIcu(const char *charset, QByteArrayView bytes)
 {
-    thread_local const char *cachedCharset = nullptr;
-    thread_local std::optional<QStringDecoder> cached;
+    DecoderCache &cache = zt::fastpath::perThread<DecoderCache>();
+    const char *&cachedCharset = cache.charset;
+    std::optional<QStringDecoder> &cached = cache.converter;
     if (!cached || cachedCharset != charset) {
         cached.emplace(charset, QStringDecoder::Flag::Stateless);
         cachedCharset = charset;
@@ -344,8 +356,9 @@ QString decodeIcu(const char *charset, QByteArrayView bytes)
 
 QByteArray encodeIcu(const char *charset, QStringView text)
 {
-    thread_local const char *cachedCharset = nullptr;
-    thread_local std::optional<QStringEncoder> cached;
+    EncoderCache &cache = zt::fastpath::perThread<EncoderCache>();
+    const char *&cachedCharset = cache.charset;
+    std::optional<QStringEncoder> &cached = cache.converter;
     if (!cached || cachedCharset != charset) {
         cached.emplace(charset);
         cachedCharset = charset;

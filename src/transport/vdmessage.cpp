@@ -2,6 +2,7 @@
 
 #include "core/ztipcproxy.h"
 #include "runtime/exception.h"
+#include "runtime/fastpath_p.h"
 #include "runtime/format.h"
 #include "runtime/logging.h"
 #include "runtime/plist.h"
@@ -55,67 +56,8 @@ inline QByteArrayView readBytes(QByteArrayView body, quint64 &cursor, quint64 si
 // a miss replaces the slot's entry.
 constexpr qsizetype CachedBytesLimit = 160;
 
-// A quick hash: it only spreads entries over a table whose hits are checked
-// byte for byte.
-quint64 hashBytes(const char *p, qsizetype n)
-{
-    quint64 h = quint64(n) * 0x9E3779B97F4A7C15ull;
-    auto addWord = [&h](const char *at) {
-        quint64 w;
-        std::memcpy(&w, at, 8);
-        h = (h + w) * 0xFF51AFD7ED558CCDull;
-    };
-    if (n >= 8) {
-        // Whole words, then the last eight bytes (overlapping the words).
-        const char *last = p + n - 8;
-        for (; p < last; p += 8)
-            addWord(p);
-        addWord(last);
-    } else if (n > 0) {
-        char tail[8] = {};
-        std::memcpy(tail, p, size_t(n));
-        addWord(tail);
-    }
-    return h ^ (h >> 29);
-}
-
-template<typename Value, int Slots> class RecentBytes
-{
-public:
-    static_assert((Slots & (Slots - 1)) == 0);
-
-    //! The value stored for `bytes`, or null.
-    const Value *find(QByteArrayView bytes)
-    {
-        m_hash = hashBytes(bytes.data(), bytes.size());
-        const Slot &slot = m_slots[m_hash & (Slots - 1)];
-        if (slot.filled && slot.hash == m_hash && slot.bytes.size() == bytes.size() &&
-            std::memcmp(slot.bytes.constData(), bytes.data(), size_t(bytes.size())) == 0)
-            return &slot.value;
-        return nullptr;
-    }
-    //! Stores `value` for the bytes of the last find().
-    const Value &store(QByteArrayView bytes, Value value)
-    {
-        Slot &slot = m_slots[m_hash & (Slots - 1)];
-        slot.filled = true;
-        slot.hash = m_hash;
-        slot.bytes = bytes.toByteArray();
-        slot.value = std::move(value);
-        return slot.value;
-    }
-
-private:
-    struct Slot
-    {
-        bool filled = false; // an empty slot matches nothing, not even no bytes
-        quint64 hash = 0;
-        QByteArray bytes;
-        Value value;
-    };
-    std::array<Slot, Slots> m_slots;
-    quint64 m_hash = 0;
-};
+template<typename Value, size_t Slots>
+using RecentBytes = zt::fastpath::DirectMappedTable<Value, Slots, CachedBytesLimit>;
 
 // What a thread keeps between messages: one look-up of thread-local storage
 // per message instead of one per field.
@@ -127,12 +69,9 @@ struct RecentValues
     RecentBytes<QString, 256> parsedStrings; // property list -> its string
 };
 
-// Not inlined: the caller keeps the answer, instead of asking the thread's
-// storage again at every use.
-[[gnu::noinline]] RecentValues &recentValues()
+RecentValues &recentValues()
 {
-    thread_local RecentValues values;
-    return values;
+    return zt::fastpath::perThread<RecentValues>();
 }
 
 // The serialised form of a string, valid until the next call on this thread.
