@@ -134,3 +134,17 @@ TEST(Dictionary, KeysDecodeConcurrently)
 }
 
 } // namespace
+
+// Keys a class names share immortal characters; keys only the input names are
+// ordinary strings, so a peer cannot fill the pool with made-up keys.
+TEST(Dictionary, OnlyKnownKeysAreInterned)
+{
+    const QVariantMap map{{QStringLiteral("description"), 1}, {QStringLiteral("zqNoClassNamesThis"), 2}};
+    const Dictionary dict = dictionaryFrom(decoded(map));
+    ASSERT_EQ(dict.size(), 2);
+    for (const Dictionary::Entry &e : dict) {
+        SCOPED_TRACE(qPrintable(e.key));
+        const bool interned = !const_cast<QString &>(e.key).data_ptr().isMutable();
+        EXPECT_EQ(interned, e.key == u"description");
+    }
+}
