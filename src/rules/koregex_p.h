@@ -152,7 +152,6 @@ public:
     //! integers, groups that took no part set to -1).
     bool next();
     const int *ovector() const { return m_ovector.constData(); }
-    int *takeableOvector() { return m_ovector.data(); }
     const std::shared_ptr<const SubjectText> &subject() const { return m_subject; }
     //! The byte offset where the next search starts.
     qsizetype position() const { return m_position; }

@@ -59,7 +59,6 @@ public:
         } while (!m_refs.compare_exchange_weak(count, count + 1, std::memory_order_relaxed));
         return true;
     }
-    int retainCount() const noexcept { return m_refs.load(std::memory_order_relaxed); }
 
     // ---- class metadata ----
     static const ClassInfo &staticClassInfo();
@@ -137,6 +136,7 @@ protected:
 
 private:
     friend class ObservationInfo;
+    friend struct ObjectTestAccess; // defined by the tests only
     mutable std::atomic<int> m_refs{1};
     std::unique_ptr<ObservationInfo> m_observation;
 };

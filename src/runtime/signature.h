@@ -81,10 +81,8 @@ public:
         const QByteArray &code = m_arguments.at(index - 2);
         return code.size() == 1 ? code.front() : '\0';
     }
-    const QByteArray &methodReturnType() const { return m_return; }
     //! Width in bytes of the return value (0 for void; 8 for objects).
     qsizetype methodReturnLength() const;
-    bool isOneway() const { return false; }
     //! "v@:@q" form.
     QByteArray types() const;
 

@@ -80,10 +80,6 @@ inline int typeIdOf(const QVariant &value)
 } // namespace detail
 
 ZT_EXPORT ValueKind kindOf(const QVariant &value);
-inline bool isNumber(ValueKind k)
-{
-    return k == ValueKind::Bool || k == ValueKind::Signed || k == ValueKind::Unsigned || k == ValueKind::Real;
-}
 
 //! The null marker as a value.
 ZT_EXPORT QVariant nullValue();
