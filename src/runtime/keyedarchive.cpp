@@ -2,6 +2,7 @@
 
 #include "runtime/dictionary.h"
 #include "runtime/exception.h"
+#include "runtime/fastpath_p.h"
 #include "runtime/format.h"
 #include "runtime/plist.h"
 
@@ -11,12 +12,19 @@ namespace zt {
 
 namespace {
 
-const QString ClassKey = QStringLiteral("$class");
-const QString ClassNameKey = QStringLiteral("$classname");
-const QString ClassesKey = QStringLiteral("$classes");
-const QString ObjectsKey = QStringLiteral("NS.objects");
-const QString KeysKey = QStringLiteral("NS.keys");
-const QString RangesKey = QStringLiteral("NS.ranges");
+// The archive's own keys are interned, like the keys classes name, so that
+// decoded archives share their characters.
+const QString ClassKey = fastpath::internKey(QStringLiteral("$class"));
+const QString ClassNameKey = fastpath::internKey(QStringLiteral("$classname"));
+const QString ClassesKey = fastpath::internKey(QStringLiteral("$classes"));
+const QString ObjectsKey = fastpath::internKey(QStringLiteral("NS.objects"));
+const QString KeysKey = fastpath::internKey(QStringLiteral("NS.keys"));
+const QString RangesKey = fastpath::internKey(QStringLiteral("NS.ranges"));
+[[maybe_unused]] const bool topKeysInterned = [] {
+    for (const char16_t *key : {u"$archiver", u"$version", u"$top", u"$objects"})
+        fastpath::internKey(QString::fromUtf16(key));
+    return true;
+}();
 const QString NullEntry = QStringLiteral("$null");
 const QString ArchiverName = QStringLiteral("NSKeyedArchiver");
 constexpr qint64 ArchiveVersion = 100000;
