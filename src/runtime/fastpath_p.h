@@ -262,7 +262,11 @@ private:
     {
         char bytes[InlineBytes];
         const char *data() const noexcept { return bytes; }
-        void assign(QByteArrayView b) noexcept { std::memcpy(bytes, b.data(), size_t(b.size())); }
+        void assign(QByteArrayView b) noexcept
+        {
+            if (!b.isEmpty()) // an empty view may have no data at all
+                std::memcpy(bytes, b.data(), size_t(b.size()));
+        }
     };
     struct HeapKey
     {
