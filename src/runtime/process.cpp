@@ -1,5 +1,7 @@
 #include "runtime/process.h"
 
+#include "runtime/fastpath_p.h"
+
 #include <QMutex>
 #include <QRandomGenerator>
 #include <QUuid>
@@ -13,6 +15,15 @@ QString &identifier()
     static QString id;
     return id;
 }
+
+struct UniqueStringGenerator
+{
+    QRandomGenerator64 generator = [] {
+        quint32 start[8]; // the generator's whole starting state, not one word of it
+        QRandomGenerator::global()->fillRange(start);
+        return QRandomGenerator64(start);
+    }();
+};
 } // namespace
 
 QString applicationIdentifier()
@@ -33,11 +44,7 @@ QString globallyUniqueString()
     // from its own generator, started once from the process-wide one (itself
     // fed from the system's entropy): no lock and no system call, which
     // matters because every remote call that awaits a result takes one.
-    thread_local QRandomGenerator64 generator = [] {
-        quint32 start[8]; // the generator's whole starting state, not one word of it
-        QRandomGenerator::global()->fillRange(start);
-        return QRandomGenerator64(start);
-    }();
+    QRandomGenerator64 &generator = fastpath::perThread<UniqueStringGenerator>().generator;
     quint64 words[2] = {generator.generate(), generator.generate()};
     auto *bytes = reinterpret_cast<uchar *>(words);
     bytes[6] = uchar((bytes[6] & 0x0F) | 0x40); // version 4

@@ -10,7 +10,7 @@
 
 namespace {
 
-TEST(GloballyUniqueString, IsAnUpperCaseVersion4UuidNeverRepeated)
+TEST(GloballyUniqueString, IsAnUpperCaseVersion4UuidNeverRepeatedInAnyThread)
 {
     QSet<QString> seen;
     auto check = [&](const QString &s) {
