@@ -5,7 +5,8 @@
 #include "runtime/fastpath_p.h"
 
 struct ZTDirectory::LastHit : zt::fastpath::AddressKeyedCache<QString, ZTAbstractIPC *, 1>
-{};
+{
+};
 
 ZT_DEFINE_CLASS(ZTDirectory)
 

@@ -38,7 +38,6 @@ struct ThreadSubjectBuffer
     bool inUse = false;
 };
 
-
 class SubjectBytes
 {
 public:

@@ -48,9 +48,11 @@ inline size_t byteSizeOf(const QString &s)
 // every message): each thread remembers its last look-ups by the address of
 // the name's characters and the class's serial (fastpath_p.h).
 struct MethodCache : fastpath::AddressKeyedCache<Selector, const MethodEntry *, 8>
-{};
+{
+};
 struct AccessorCache : fastpath::AddressKeyedCache<QString, const KeyAccessors *, 8>
-{};
+{
+};
 
 // Answered for keys that resolve to nothing: no accessor, no dependency.
 const KeyAccessors &noAccessors()
@@ -322,8 +324,8 @@ const KeyAccessors &ClassInfo::resolveAccessors(const QString &key, size_t hash)
                                  acc.affectingKeyPaths.isEmpty();
     if (resolvesNothing)
         return noAccessors();
-    auto record = std::unique_ptr<KeyCache::Record>(
-        new KeyCache::Record{hash, fastpath::internKey(QString(key.constData(), key.size())), std::move(acc)});
+    auto record = std::unique_ptr<KeyCache::Record>(new KeyCache::Record{
+        hash, fastpath::internKey(QString(key.constData(), key.size())), std::move(acc)});
     const KeyCache::Record *r = record.get();
     m_keys->insert(std::move(record));
     return r->accessors;

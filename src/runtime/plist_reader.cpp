@@ -103,7 +103,8 @@ bool widenAscii(const uchar *p, qsizetype n, char16_t *units)
 // any other key is allocated once and shared from the table. Keys from the
 // input are never interned: the pool holds only what the library names.
 struct RecentKeys : fastpath::DirectMappedTable<QString, 256, fastpath::MaxInternedKeyLength>
-{};
+{
+};
 
 // QString's order (UTF-16 code units), inline: keys are short and differ early.
 inline bool keyLess(const QString &a, const QString &b)

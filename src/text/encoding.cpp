@@ -332,9 +332,11 @@ template<typename Converter> struct ConverterCache
     std::optional<Converter> converter;
 };
 struct DecoderCache : ConverterCache<QStringDecoder>
-{};
+{
+};
 struct EncoderCache : ConverterCache<QStringEncoder>
-{};
+{
+};
 
 QString decodeIcu(const char *charset, QByteArrayView bytes)
 {
