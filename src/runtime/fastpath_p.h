@@ -182,12 +182,13 @@ public:
         if (!ownsCharacters(key))
             return;
         Slot &s = m_slots[indexFor(key.constData(), tag)];
+        s.address = nullptr; // matches nothing until filled in
         Key pinned(key);
         s.key.swap(pinned); // what the slot held goes with `pinned`
-        s.address = s.key.constData();
+        s.value = std::move(value);
         s.size = s.key.size();
         s.tag = tag;
-        s.value = std::move(value);
+        s.address = s.key.constData();
     }
 
     //! Forgets every entry.
