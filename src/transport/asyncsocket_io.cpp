@@ -5,6 +5,8 @@
 #include "transport/asyncsocket_p.h"
 
 #include <QTimerEvent>
+#include <cerrno>
+#include <new>
 
 void AsyncSocketPrivate::pumpAll()
 {
@@ -13,19 +15,29 @@ void AsyncSocketPrivate::pumpAll()
         return;
     }
     pumping = true;
-    do {
-        workPending = false;
-        if (!socket || !announced)
-            break;
-        const quint64 g = generation;
-        pumpReads();
-        if (g != generation || !socket)
-            break;
-        pumpWrites();
-        if (g != generation || !socket)
-            break;
-        checkAfterQueues();
-    } while (workPending);
+    try {
+        do {
+            workPending = false;
+            if (!socket || !announced)
+                break;
+            const quint64 g = generation;
+            pumpReads();
+            if (g != generation || !socket)
+                break;
+            pumpWrites();
+            if (g != generation || !socket)
+                break;
+            checkAfterQueues();
+        } while (workPending);
+    } catch (const std::bad_alloc &) {
+        // A read buffer grows with what the peer sends: running out of
+        // memory ends this connection, not the event loop.
+        pumping = false;
+        logException("std::bad_alloc", {});
+        closeWithError(zt::Error(QStringLiteral("NSPOSIXErrorDomain"), ENOMEM,
+                                 QStringLiteral("Cannot allocate memory")));
+        return;
+    }
     pumping = false;
 }
 
