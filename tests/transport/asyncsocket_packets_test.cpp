@@ -216,8 +216,9 @@ TEST(AsyncReadPacket, FixedLengthBufferGrowsWithTheBytesNotTheClaim)
             ASSERT_LE(p.buffer().size(), claimed);
         }
         EXPECT_EQ(p.doneData(), sent);
-        if (p.bytesDone() == claimed)
+        if (p.bytesDone() == claimed) {
             EXPECT_EQ(p.takeData(), sent);
+        }
     }
 }
 
