@@ -594,6 +594,16 @@ double AsyncSocket::progressOfWriteReturningTagBytesDoneTotal(long *tag, qsizety
     return double(p->bytesDone()) / double(p->data().size());
 }
 
+qintptr AsyncSocketTestAccess::nativeSocket(const AsyncSocket *s)
+{
+    return s->d->socket ? s->d->socket->socketDescriptor() : -1;
+}
+
+bool AsyncSocketTestAccess::readsAhead(const AsyncSocket *s)
+{
+    return s->d->reads.readAhead;
+}
+
 QString AsyncSocket::description() const
 {
     QString state;

@@ -177,14 +177,11 @@ public:
 };
 
 //! What tests may look at beyond the public calls.
-struct AsyncSocketTestAccess
+struct ZT_EXPORT AsyncSocketTestAccess
 {
     //! The stream's descriptor, -1 when there is none (listeners included).
-    static qintptr nativeSocket(const AsyncSocket *s)
-    {
-        return s->d->socket ? s->d->socket->socketDescriptor() : -1;
-    }
-    static bool readsAhead(const AsyncSocket *s) { return s->d->reads.readAhead; }
+    static qintptr nativeSocket(const AsyncSocket *s);
+    static bool readsAhead(const AsyncSocket *s);
 };
 
 template<typename F> void AsyncSocketPrivate::notify(F &&call)
