@@ -101,7 +101,16 @@ bool AsyncSocketWriteQueue::send(AsyncSocketStream *stream)
     sendDirect(stream);
     if (m_sendIndex >= m_items.size())
         return false;
-    return sendToStream(stream);
+    if (stream->mode() == QSslSocket::UnencryptedMode && !m_directFailed) {
+        // The kernel is full. One batch in Qt's buffer is enough for Qt to
+        // tell when the descriptor takes bytes again (bytesWritten); the rest
+        // then goes straight to it. A fuller Qt buffer would keep the direct
+        // path shut while it drains, and cost a copy per byte.
+        if (stream->bytesToWrite() > 0)
+            return false;
+        return sendToStream(stream, WriteBatchSize);
+    }
+    return sendToStream(stream, WriteHighWater);
 }
 
 // Gathers the unsent writes into one sendmsg call at a time, over their own
@@ -154,14 +163,14 @@ void AsyncSocketWriteQueue::sendDirect(AsyncSocketStream *stream)
     account();
 }
 
-// Hands pieces to Qt's stream while its buffer holds less than
-// WriteHighWater. Small writes that follow each other go in one call,
+// Hands pieces to Qt's stream while its buffer holds less than `highWater`.
+// Small writes that follow each other go in one call,
 // gathered in m_staging; a batch is at most WriteBatchSize bytes (or the
 // current write's next piece alone) and stops at the high-water mark and at
-// a TLS switch, so Qt never holds more than WriteHighWater plus one piece.
-bool AsyncSocketWriteQueue::sendToStream(AsyncSocketStream *stream)
+// a TLS switch, so Qt never holds more than `highWater` plus one piece.
+bool AsyncSocketWriteQueue::sendToStream(AsyncSocketStream *stream, qint64 highWater)
 {
-    qint64 room = WriteHighWater - stream->bytesToWrite();
+    qint64 room = highWater - stream->bytesToWrite();
     bool handed = false;
     while (room > 0 && m_sendIndex < m_items.size()) {
         if (m_items[m_sendIndex].special)

@@ -8,9 +8,10 @@
 //    when the event loop serves the queue and, every DirectSendThreshold
 //    bytes, while requests are being made: a burst made in one turn of the
 //    event loop leaves as it is made instead of waiting for the turn to end;
-//  - through Qt's write buffer (up to WriteHighWater) when the kernel is full
-//    or the stream is encrypted; Qt then writes when the descriptor is
-//    writable and reports it (bytesWritten), which brings the socket back.
+//  - through Qt's write buffer when the stream is encrypted (up to
+//    WriteHighWater), or one batch when the kernel is full: Qt then writes
+//    when the descriptor is writable and reports it (bytesWritten), which
+//    brings the socket back, and the direct path goes on.
 //
 // Invariants:
 //  - The items before m_sendIndex are wholly handed over; none after it is.
@@ -110,7 +111,7 @@ public:
 
 private:
     void sendDirect(AsyncSocketStream *stream);
-    bool sendToStream(AsyncSocketStream *stream);
+    bool sendToStream(AsyncSocketStream *stream, qint64 highWater);
     //! Records that `count` bytes from m_sendIndex on were handed over.
     void handedOver(qint64 count);
     //! Applies the bytes taken to the writes in order; done writes leave.
