@@ -39,9 +39,10 @@ public:
     //! The most bytes of small writes gathered for one call to Qt's stream.
     static constexpr qsizetype WriteBatchSize = 4 * 1024;
     //! Bytes requested since the last try after which a new request tries the
-    //! kernel at once: large enough that a burst costs one system call per
-    //! few hundred small messages, small enough that it never piles up.
-    static constexpr qsizetype DirectSendThreshold = 64 * 1024;
+    //! kernel at once: large enough that the reader is woken once per few
+    //! hundred kilobytes (a slice of a model's changes leaves in one or two
+    //! calls), small enough next to the kernel's buffer that a burst streams.
+    static constexpr qsizetype DirectSendThreshold = 256 * 1024;
 
     struct Item
     {
