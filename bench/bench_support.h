@@ -22,9 +22,34 @@
 #include <utility>
 #include <vector>
 
+#include <sched.h>
 #include <sys/resource.h>
 
 namespace ztbench {
+
+// ZT_BENCH_CPUS="A,B" (two CPU numbers): the benchmark process runs on CPU A
+// and every helper on CPU B, for both links alike. Which of the two processes
+// of a link share a core otherwise changes from run to run, and with it the
+// rate (two processes that overlap go about twice as fast as two that take
+// turns). Unset: the scheduler decides. Answers the CPU for the helper (or
+// for the benchmark process with `self`), -1 when unset or malformed.
+inline int pinnedCpu(bool self)
+{
+    const QList<QByteArray> cpus = qgetenv("ZT_BENCH_CPUS").split(',');
+    bool ok = false;
+    const int cpu = cpus.size() == 2 ? cpus[self ? 0 : 1].trimmed().toInt(&ok) : -1;
+    return ok && cpu >= 0 && cpu < CPU_SETSIZE ? cpu : -1;
+}
+
+inline void pinProcess(pid_t pid, int cpu)
+{
+    if (cpu < 0)
+        return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    sched_setaffinity(pid, sizeof set, &set);
+}
 
 class PeerProcess
 {
@@ -44,11 +69,13 @@ public:
     // stays silent for timeoutMs.
     bool start(int timeoutMs = 30000)
     {
+        pinProcess(0, pinnedCpu(true));
         m_process.start(m_program, m_arguments);
         if (!m_process.waitForStarted(timeoutMs)) {
             m_error = QStringLiteral("cannot start %1: %2").arg(m_program, m_process.errorString());
             return false;
         }
+        pinProcess(pid_t(m_process.processId()), pinnedCpu(false));
         const std::optional<QByteArray> line = readLine(timeoutMs);
         if (!line) {
             m_error = QStringLiteral("%1 did not announce a port").arg(m_program);

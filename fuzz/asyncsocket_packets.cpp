@@ -6,7 +6,9 @@
 //  - a maximum length is never exceeded, and is reported only when reached
 //    without the terminator;
 //  - a caller's buffer keeps the bytes before its offset;
-//  - what the reads hand out, followed by what is left, is the stream.
+//  - what the reads hand out, followed by what is left, is the stream;
+//  - (flags & 4) a fixed-length read's own buffer grows with the bytes that
+//    arrive, whatever length it was asked for, and never past that length.
 //
 // Input: [flags][terminator length-1 & 3][terminator bytes][maxLength][offset]
 //        [step sizes: 8 bytes][stream…]
@@ -49,6 +51,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     QByteArray pending = stream;
     QByteArray handedOut;
     int stepIndex = 0;
+    if (flags & 4) {
+        // Lengths from a few bytes to a peer's claim of many gigabytes.
+        const qsizetype readLength = (qsizetype(steps[0]) << (steps[1] % 32)) + 1;
+        AsyncReadPacket packet(nullptr, 0, 0, -1, readLength, {}, 0);
+        while (packet.bytesDone() < readLength && !pending.isEmpty()) {
+            const qsizetype n = std::min<qsizetype>({readLength - packet.bytesDone(), pending.size(),
+                                                     qsizetype(steps[stepIndex++ % 8]) * 64 + 1});
+            if (stepIndex % 2) {
+                packet.append(pending.constData(), n);
+            } else {
+                std::memcpy(packet.prepareWrite(n), pending.constData(), size_t(n));
+                packet.commit(n);
+            }
+            pending.remove(0, n);
+            const qsizetype size = packet.buffer().size();
+            if (size > readLength ||
+                size > std::max(2 * packet.bytesDone(), AsyncReadPacket::FixedReadInitialSize))
+                fail("a fixed-length buffer outgrew the bytes that arrived");
+        }
+        if (packet.doneData() + pending != stream)
+            fail("lost or reordered bytes");
+        return 0;
+    }
     for (int reads = 0; reads < 64 && !pending.isEmpty(); ++reads) {
         std::shared_ptr<QByteArray> buffer;
         QByteArray prefix;

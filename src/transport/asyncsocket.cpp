@@ -177,7 +177,7 @@ bool AsyncSocket::moveToRunLoop(QThread *thread)
 
 void AsyncSocket::enablePreBuffering()
 {
-    d->preBuffering = true;
+    d->reads.preBuffering = true;
 }
 
 void AsyncSocket::enableReadAhead()
@@ -186,12 +186,7 @@ void AsyncSocket::enableReadAhead()
         raiseMisuse(
             QStringLiteral("Attempting to read ahead while a switch to TLS is queued. Bytes read "
                            "ahead would be lost to the handshake; read ahead after onSocketDidSecure."));
-    d->readAhead = true;
-}
-
-bool AsyncSocket::readsAhead() const
-{
-    return d->readAhead;
+    d->reads.readAhead = true;
 }
 
 void AsyncSocket::setSendBufferSize(qint64 bytes)
@@ -386,7 +381,7 @@ void AsyncSocket::readDataToLengthWithTimeoutTag(qsizetype length, double timeou
 {
     if (length < 0)
         zt::invalidArgument(QStringLiteral("AsyncSocket: negative read length"));
-    d->queueRead(length == 0, nullptr, 0, 0, timeout, length, QByteArray(), tag, std::move(d->spare));
+    d->queueRead(length == 0, nullptr, 0, 0, timeout, length, QByteArray(), tag, d->reads.takeSpare());
 }
 
 void AsyncSocket::readDataToLengthWithTimeoutBufferBufferOffsetTag(qsizetype length, double timeout,
@@ -439,7 +434,7 @@ void AsyncSocket::writeDataWithTimeoutTag(const QByteArray &data, double timeout
 
 void AsyncSocket::startTLS(const QVariantMap &tlsSettings)
 {
-    if (d->readAhead)
+    if (d->reads.readAhead)
         raiseMisuse(QStringLiteral("Attempting to start TLS on a socket that reads ahead. Bytes read ahead "
                                    "would be lost to the handshake; don't enable read-ahead on it."));
     d->queueTLS(tlsSettings);
@@ -488,12 +483,7 @@ void AsyncSocket::closeAfterQueues(bool reads, bool writes)
 
 QByteArray AsyncSocket::unreadData() const
 {
-    QByteArray result;
-    if (!d->reads.empty() && d->reads.front().packet)
-        result = d->reads.front().packet->doneData();
-    if (d->partialPos < d->partial.size())
-        result.append(QByteArrayView(d->partial).sliced(d->partialPos));
-    return result;
+    return d->reads.unreadData();
 }
 
 // ---- queries ----
@@ -527,11 +517,6 @@ QString AsyncSocket::localHost() const
     if (AsyncSocketListener *l = d->listen4 ? d->listen4 : d->listen6)
         return addressText(l->serverAddress());
     return {};
-}
-
-qintptr AsyncSocket::nativeSocket() const
-{
-    return d->socket ? d->socket->socketDescriptor() : -1;
 }
 
 quint16 AsyncSocket::localPort() const
@@ -580,8 +565,7 @@ bool AsyncSocket::isIPv6() const
 double AsyncSocket::progressOfReadReturningTagBytesDoneTotal(long *tag, qsizetype *done,
                                                              qsizetype *total) const
 {
-    const AsyncReadPacket *p =
-        !d->reads.empty() && d->reads.front().packet ? &*d->reads.front().packet : nullptr;
+    const AsyncReadPacket *p = d->reads.current();
     if (tag)
         *tag = p ? p->tag() : 0;
     if (done)
@@ -596,8 +580,7 @@ double AsyncSocket::progressOfReadReturningTagBytesDoneTotal(long *tag, qsizetyp
 double AsyncSocket::progressOfWriteReturningTagBytesDoneTotal(long *tag, qsizetype *done,
                                                               qsizetype *total) const
 {
-    const AsyncWritePacket *p =
-        !d->writes.empty() && d->writes.front().packet ? &*d->writes.front().packet : nullptr;
+    const AsyncWritePacket *p = d->writes.current();
     if (tag)
         *tag = p ? p->tag() : 0;
     if (done)
@@ -609,6 +592,16 @@ double AsyncSocket::progressOfWriteReturningTagBytesDoneTotal(long *tag, qsizety
     if (p->data().isEmpty())
         return 1.0;
     return double(p->bytesDone()) / double(p->data().size());
+}
+
+qintptr AsyncSocketTestAccess::nativeSocket(const AsyncSocket *s)
+{
+    return s->d->socket ? s->d->socket->socketDescriptor() : -1;
+}
+
+bool AsyncSocketTestAccess::readsAhead(const AsyncSocket *s)
+{
+    return s->d->reads.readAhead;
 }
 
 QString AsyncSocket::description() const

@@ -181,7 +181,6 @@ public:
     //! AsyncSocketException), and this call raises while a switch to TLS is
     //! queued or under way. After the switch (onSocketDidSecure) it is safe.
     void enableReadAhead();
-    bool readsAhead() const;
     //! Asks the kernel for a send buffer of `bytes` on the stream, now if it
     //! is open and on every stream the socket opens later (0, the start: the
     //! system's own, sized as it sees fit). A burst of writes made between two
@@ -301,8 +300,6 @@ public:
     //! The local address; for a listener, its IPv4 address if any, else IPv6.
     QString localHost() const;
     quint16 localPort() const;
-    //! The stream's descriptor, -1 when there is none (listeners included).
-    qintptr nativeSocket() const;
     //! sockaddr bytes (see SockAddr); empty when unknown.
     QByteArray connectedAddress() const;
     QByteArray localAddress() const;
@@ -330,6 +327,7 @@ private:
     //! The three disconnectAfter… variants: close once the named queues are done.
     void closeAfterQueues(bool reads, bool writes);
     friend class AsyncSocketPrivate;
+    friend struct AsyncSocketTestAccess;
     AsyncSocketPrivate *d;
 };
 

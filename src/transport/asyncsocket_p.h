@@ -1,7 +1,8 @@
 #pragma once
 // AsyncSocket's private half: the QObject that lives on the socket's thread,
 // owns the Qt stream and listeners, receives their signals and the timers,
-// and runs the read and write queues.
+// and drives the read and write queues (asyncsocket_readqueue_p.h,
+// asyncsocket_writequeue_p.h) over the stream (asyncsocket_stream_p.h).
 //
 // Re-entrancy rules:
 //  - Every entry from the event loop (a signal, a timer, a posted call) goes
@@ -17,91 +18,16 @@
 
 #include "runtime/exception.h"
 #include "transport/asyncsocket.h"
+#include "transport/asyncsocket_deadline_p.h"
+#include "transport/asyncsocket_readqueue_p.h"
+#include "transport/asyncsocket_stream_p.h"
+#include "transport/asyncsocket_writequeue_p.h"
 
 #include <QBasicTimer>
 #include <QObject>
-#include <QSslSocket>
 #include <QTcpServer>
-#include <optional>
-#include <vector>
 
 class AsyncSocketPrivate;
-
-//! A first-in first-out queue on a ring of slots: pushing reuses the slots
-//! that popping freed, so a queue that stays short never allocates. A popped
-//! slot is emptied with T::clear() (its resources go at once) and filled in
-//! place by the next emplace_back(). Pushing may move the items: references
-//! into the queue don't survive an emplace_back().
-template<typename T> class AsyncSocketQueue
-{
-public:
-    AsyncSocketQueue() : m_slots(16), m_mask(15) {}
-
-    bool empty() const { return m_count == 0; }
-    size_t size() const { return m_count; }
-    T &front() { return m_slots[m_head]; }
-    const T &front() const { return m_slots[m_head]; }
-    T &operator[](size_t i) { return m_slots[(m_head + i) & m_mask]; }
-    const T &operator[](size_t i) const { return m_slots[(m_head + i) & m_mask]; }
-
-    //! The new last item, empty, to be filled in place.
-    T &emplace_back()
-    {
-        if (m_count > m_mask)
-            grow();
-        T &slot = m_slots[(m_head + m_count) & m_mask];
-        ++m_count;
-        return slot;
-    }
-    void pop_front()
-    {
-        m_slots[m_head].clear();
-        m_head = (m_head + 1) & m_mask;
-        --m_count;
-    }
-    void clear()
-    {
-        while (m_count > 0)
-            pop_front();
-        m_head = 0;
-    }
-
-private:
-    void grow()
-    {
-        std::vector<T> larger(m_slots.size() * 2); // stays a power of two
-        for (size_t i = 0; i < m_count; ++i)
-            larger[i] = std::move((*this)[i]);
-        m_slots.swap(larger);
-        m_mask = m_slots.size() - 1;
-        m_head = 0;
-    }
-
-    std::vector<T> m_slots;
-    size_t m_mask; // m_slots.size() - 1
-    size_t m_head = 0;
-    size_t m_count = 0;
-};
-
-//! The stream: a QSslSocket, plain until startTLS.
-class AsyncSocketStream : public QSslSocket
-{
-public:
-    using QSslSocket::QSslSocket;
-    //! Qt's socket destructor closes the connection and signals it; by then
-    //! this object is half gone, so nothing may still listen.
-    ~AsyncSocketStream() override { QObject::disconnect(this, nullptr, nullptr, nullptr); }
-
-    //! Takes up to `count` bytes. While the stream is plain, QIODevice::read()
-    //! would read ahead into the device's own buffer, out of reach of a later
-    //! handshake (the bytes after "STARTTLS\r\n" are the peer's handshake), so
-    //! plain bytes are taken straight from the stream underneath; decrypted
-    //! bytes live in the device buffer and are read from there.
-    qint64 take(char *data, qint64 count)
-    {
-        return mode() == QSslSocket::UnencryptedMode ? readData(data, count) : read(data, count);
-    }
-};
 
 //! A listener that hands each accepted descriptor to its socket.
 class AsyncSocketListener : public QTcpServer
@@ -119,44 +45,8 @@ private:
 class AsyncSocketPrivate : public QObject
 {
 public:
-    //! Qt's buffer above which no more pieces are handed to the stream until
-    //! it has taken some: bounds the memory of a slow peer and keeps write
-    //! timeouts meaningful, while letting many small writes share a syscall.
-    static constexpr qint64 WriteHighWater = 256 * 1024;
-
-    //! The most bytes of small writes gathered for one call to the stream.
-    //! Small batches cost little more in calls and keep each copy short.
-    static constexpr qsizetype WriteBatchSize = 4 * 1024;
-    //! The most bytes a socket that reads ahead takes from the stream in one call.
-    static constexpr qsizetype ReadAheadSize = 4 * 1024;
-    //! The largest delivered buffer kept for reuse by the next read.
-    static constexpr qsizetype SpareLimit = 64 * 1024;
-
     explicit AsyncSocketPrivate(AsyncSocket *owner);
     ~AsyncSocketPrivate() override;
-
-    struct ReadItem
-    {
-        std::optional<AsyncReadPacket> packet;
-        std::shared_ptr<AsyncSpecialPacket> special;
-        bool zeroLength = false; // a fixed-length read of 0 bytes
-        void clear() { packet.reset(), special.reset(), zeroLength = false; }
-    };
-    struct WriteItem
-    {
-        std::optional<AsyncWritePacket> packet;
-        std::shared_ptr<AsyncSpecialPacket> special;
-        void clear() { packet.reset(), special.reset(); }
-    };
-    //! When the current read or write started and when it expires (steady
-    //! clock, ns; -1: no timeout).
-    struct Clock
-    {
-        bool started = false;
-        qint64 start = 0;
-        qint64 deadline = -1;
-        qint64 armedFor = -1; // the deadline the timer is running for
-    };
 
     //! RAII for an entry from the event loop.
     class Entry
@@ -181,16 +71,18 @@ public:
     {
         if (refusesRequests())
             return;
-        ReadItem &item = reads.emplace_back();
-        item.packet.emplace(std::forward<Args>(args)...);
-        item.zeroLength = zeroLength;
+        reads.push(zeroLength, std::forward<Args>(args)...);
         scheduleWork();
     }
+    //! Queues a write; the kernel gets what it takes of a long run of
+    //! requests while they are made (see AsyncSocketWriteQueue).
     void queueWrite(const QByteArray &data, double timeout, long tag)
     {
         if (refusesRequests())
             return;
-        writes.emplace_back().packet.emplace(data, timeout, tag);
+        writes.push(data, timeout, tag);
+        if (socket && announced && !tlsActive)
+            writes.sendIfDue(socket);
         scheduleWork();
     }
     void queueTLS(const QVariantMap &settings);
@@ -203,7 +95,7 @@ public:
     }
     void postKick();
     bool refusesRequests() const { return disconnectAfterReads || disconnectAfterWrites; }
-    bool tlsQueuedOrActive() const;
+    bool tlsQueuedOrActive() const { return tlsActive || reads.hasSpecial(); }
 
     // ---- opening ----
     AsyncSocketStream *makeSocket();
@@ -221,23 +113,7 @@ public:
     void pumpAll();
     void pumpReads();
     void pumpWrites();
-    void sendAhead();
-    enum class Fill
-    {
-        Complete,
-        NeedMore,
-        MaxedOut
-    };
-    Fill fill(AsyncReadPacket &p, qsizetype &got);
-    qsizetype available();
-    qsizetype readAheadFromStream();
-    qsizetype takeBytes(char *dst, qsizetype count);
-    void keepBack(AsyncReadPacket &p, qsizetype count);
-    void keepSpare(QByteArray &&data);
     void maybeStartTLS();
-    void startTLSNow(const QVariantMap &settings);
-    void startClock(Clock &clock, double timeout);
-    void armTimer(QBasicTimer &timer, Clock &clock);
     void checkAfterQueues();
 
     // ---- events ----
@@ -256,8 +132,6 @@ public:
     //! `graceful` lets the stream flush and end with a FIN (or TLS close).
     void close(bool graceful);
     void releaseNative(bool graceful);
-    static void lingerAndClose(QSslSocket *s);
-    void drainNative();
     //! The socket is going away: close without telling anyone.
     void detach();
     void disposeLater(QObject *object);
@@ -279,28 +153,18 @@ public:
     AsyncSocketStream *socket = nullptr;
     AsyncSocketListener *listen4 = nullptr;
     AsyncSocketListener *listen6 = nullptr;
-    QString connectHost; // the host name given to connect, for TLS
+    QString connectHost;       // the host name given to connect, for TLS
+    qint64 sendBufferSize = 0; // 0: the system's
 
-    AsyncSocketQueue<ReadItem> reads;   // front: the current read
-    AsyncSocketQueue<WriteItem> writes; // front: the current write
-    size_t sendIndex = 0;               // the first write not wholly handed to the stream
-    qint64 written = 0;                 // bytes the stream reported taken, not yet accounted
-    QByteArray partial;                 // pre-buffered or read-ahead bytes, from partialPos on
-    qsizetype partialPos = 0;
-    bool lastFromPartial = false;
-    QByteArray spare;   // a delivered read's buffer, for the next fixed-length read
-    QByteArray staging; // small writes gathered for one call to the stream
-
-    Clock readClock, writeClock;
-    QBasicTimer readTimer, writeTimer, connectTimer;
+    AsyncSocketReadQueue reads;
+    AsyncSocketWriteQueue writes;
+    AsyncSocketDeadline readDeadline, writeDeadline;
+    QBasicTimer connectTimer;
 
     quint64 generation = 0;
     int depth = 0;
     bool accepted = false;
     bool announced = false;
-    bool preBuffering = false;
-    bool readAhead = false;
-    qint64 sendBufferSize = 0; // 0: the system's
     bool closing = false;
     bool tlsActive = false;
     bool disconnectAfterReads = false;
@@ -310,6 +174,14 @@ public:
     bool workPending = false;
     bool kickPosted = false;
     zt::Ref<AsyncSocket> keepAlive; // held while a disconnect-after waits
+};
+
+//! What tests may look at beyond the public calls.
+struct ZT_EXPORT AsyncSocketTestAccess
+{
+    //! The stream's descriptor, -1 when there is none (listeners included).
+    static qintptr nativeSocket(const AsyncSocket *s);
+    static bool readsAhead(const AsyncSocket *s);
 };
 
 template<typename F> void AsyncSocketPrivate::notify(F &&call)

@@ -16,14 +16,16 @@ AsyncReadPacket::AsyncReadPacket(std::shared_ptr<QByteArray> buffer, qsizetype s
     }
     if (m_readLength == 0)
         return;
-    // Only an unshared buffer may be written into: a copy held elsewhere
-    // must not see the bytes change.
+    // The length may be a peer's claim: the buffer starts small and grows
+    // with the bytes that arrive. Only an unshared spare may be written
+    // into: a copy held elsewhere must not see the bytes change.
+    const qsizetype initial = qMin(m_readLength, FixedReadInitialSize);
     if (spare.isDetached()) {
         m_own = std::move(spare);
-        if (m_own.size() != m_readLength)
-            m_own.resize(m_readLength);
+        if (m_own.size() != initial)
+            m_own.resize(initial);
     } else {
-        m_own = QByteArray(m_readLength, Qt::Uninitialized);
+        m_own = QByteArray(initial, Qt::Uninitialized);
     }
 }
 
@@ -93,9 +95,16 @@ char *AsyncReadPacket::prepareWrite(qsizetype count)
     m_sizeBeforeWrite = b.size();
     const qsizetype needed = m_startOffset + m_bytesDone + count;
     if (b.size() < needed) {
-        if (b.capacity() < needed)
-            b.reserve(qMax(needed, b.capacity() + b.capacity() / 2));
-        b.resize(needed);
+        if (ownsFixedLengthBuffer()) {
+            // Doubles, up to the read's length: the whole buffer is the
+            // read's, and its length is cut to the bytes done when it is handed out.
+            const qsizetype grown = qMin(qMax(needed, 2 * b.size()), m_readLength);
+            b.resize(qMax(needed, grown));
+        } else {
+            if (b.capacity() < needed)
+                b.reserve(qMax(needed, b.capacity() + b.capacity() / 2));
+            b.resize(needed);
+        }
     }
     return b.data() + m_startOffset + m_bytesDone;
 }
@@ -105,7 +114,7 @@ void AsyncReadPacket::commit(qsizetype count)
     m_bytesDone += count;
     QByteArray &b = buf();
     const qsizetype end = m_startOffset + m_bytesDone;
-    if (b.size() > end && b.size() > m_sizeBeforeWrite)
+    if (!ownsFixedLengthBuffer() && b.size() > end && b.size() > m_sizeBeforeWrite)
         b.resize(qMax(end, m_sizeBeforeWrite));
     m_sizeBeforeWrite = -1;
 }
@@ -115,7 +124,7 @@ void AsyncReadPacket::unwind(qsizetype count)
     m_bytesDone -= qMin(count, m_bytesDone);
     QByteArray &b = buf();
     const qsizetype keep = qMax(m_startOffset + m_bytesDone, m_caller ? m_originalBufferLength : 0);
-    if (b.size() > keep && !(m_readLength > 0 && !m_caller))
+    if (b.size() > keep && !ownsFixedLengthBuffer())
         b.resize(keep);
 }
 

@@ -28,9 +28,13 @@ class ZT_EXPORT AsyncReadPacket
 public:
     //! Bytes asked of the stream per step by reads that are not of a fixed length.
     static constexpr qsizetype ReadChunkSize = 256;
+    //! The most a fixed-length read into its own buffer allocates before its
+    //! bytes arrive; beyond it the buffer doubles as they come.
+    static constexpr qsizetype FixedReadInitialSize = 64 * 1024;
 
-    //! `buffer` null: the packet owns a new buffer (`readLength` bytes long for
-    //! a fixed-length read, else empty) and starts at offset 0. `maxLength` 0
+    //! `buffer` null: the packet owns a new buffer (for a fixed-length read
+    //! `readLength` bytes long, at most FixedReadInitialSize to begin with;
+    //! else empty) and starts at offset 0. `maxLength` 0
     //! is no limit; `readLength` 0 is not a fixed-length read; an empty
     //! `terminator` is not a terminator read; a negative `timeout` is none.
     //! The terminator is copied (QByteArray is a value). `spare`: a finished
@@ -110,6 +114,9 @@ public:
 
 private:
     QByteArray &buf() { return m_caller ? *m_caller : m_own; }
+    //! A fixed-length read into its own buffer: bytes past the bytes done
+    //! are free space, not content.
+    bool ownsFixedLengthBuffer() const { return m_readLength > 0 && !m_caller; }
     //! The per-step caps: the maximum length and the free space of a caller's
     //! buffer that has not grown.
     qsizetype capped(qsizetype wanted) const;

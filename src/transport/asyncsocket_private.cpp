@@ -19,9 +19,7 @@ void AsyncSocketListener::incomingConnection(qintptr descriptor)
 }
 
 AsyncSocketPrivate::AsyncSocketPrivate(AsyncSocket *owner) : q(owner), modes{AsyncSocket::DefaultRunLoopMode}
-{
-    partial.reserve(AsyncReadPacket::ReadChunkSize);
-}
+{}
 
 AsyncSocketPrivate::~AsyncSocketPrivate() = default;
 
@@ -66,8 +64,8 @@ void AsyncSocketPrivate::queueTLS(const QVariantMap &settings)
     if (refusesRequests())
         return;
     auto special = std::make_shared<AsyncSpecialPacket>(settings);
-    reads.emplace_back().special = special;
-    writes.emplace_back().special = special;
+    reads.pushSpecial(special);
+    writes.pushSpecial(std::move(special));
     scheduleWork();
 }
 
@@ -108,9 +106,7 @@ void AsyncSocketPrivate::attach(AsyncSocketStream *s)
         Entry entry(this);
         if (!entry.alive())
             return;
-        written += count;
-        // Qt does not report bytes flushed from inside this signal: no
-        // flushing until it returns (Qt goes on writing by itself).
+        writes.streamTook(count);
         const bool outer = !insideBytesWritten;
         insideBytesWritten = true;
         pumpAll();
@@ -268,73 +264,27 @@ bool AsyncSocketPrivate::listenOn(const QList<QHostAddress> &v4, const QList<QHo
 
 // ---- closing ----
 
-void AsyncSocketPrivate::drainNative()
-{
-    if (!socket)
-        return;
-    const qint64 available = socket->bytesAvailable();
-    if (available <= 0)
-        return;
-    if (partialPos > 0) {
-        partial.remove(0, partialPos);
-        partialPos = 0;
-    }
-    partial.append(socket->read(available));
-}
-
 void AsyncSocketPrivate::closeWithError(const zt::Error &error)
 {
     if (closing)
         return;
     closing = true;
-    drainNative();
+    reads.drain(socket);
     if (!AsyncSocket::isTerminating())
         notify([&](AsyncSocketDelegate *del) { del->onSocketWillDisconnectWithError(q, error); });
     close(false);
-}
-
-// Ends a plain stream without costing the peer what it has not read yet. A
-// descriptor closed with unread bytes (or closed before the peer's last bytes
-// arrive) makes the kernel reset the connection, and a reset makes the peer
-// drop whatever it had not read. So the write side is shut once the stream has
-// handed everything to the kernel (the peer reads it all, then the end), what
-// the peer still sends is read and dropped, and the descriptor is closed when
-// the peer closes too, or after a grace period. The stream lives on its own
-// meanwhile: it no longer belongs to this socket.
-void AsyncSocketPrivate::lingerAndClose(QSslSocket *s)
-{
-    constexpr int GraceMs = 5000;
-    // Owned by the application object where it can be, so that a process
-    // leaving within the grace period still frees it.
-    QObject *app = QCoreApplication::instance();
-    s->setParent(app && app->thread() == s->thread() ? app : nullptr);
-    auto finish = [s] {
-        s->abort();
-        s->deleteLater();
-    };
-    auto shutWriteWhenFlushed = [s] {
-        if (s->bytesToWrite() == 0 && s->socketDescriptor() >= 0)
-            ::shutdown(int(s->socketDescriptor()), SHUT_WR);
-    };
-    connect(s, &QIODevice::readyRead, s, [s] { s->readAll(); });
-    connect(s, &QIODevice::bytesWritten, s, shutWriteWhenFlushed);
-    connect(s, &QAbstractSocket::disconnected, s, finish);
-    connect(s, &QAbstractSocket::errorOccurred, s, finish);
-    QTimer::singleShot(GraceMs, s, finish);
-    s->readAll();
-    s->flush();
-    shutWriteWhenFlushed();
 }
 
 void AsyncSocketPrivate::releaseNative(bool graceful)
 {
     if (!socket)
         return;
-    QSslSocket *s = std::exchange(socket, nullptr);
+    AsyncSocketStream *s = std::exchange(socket, nullptr);
     QObject::disconnect(s, nullptr, this, nullptr);
+    // A plain stream ends without costing the peer what it has not read yet.
     if (graceful && s->state() == QAbstractSocket::ConnectedState &&
         s->mode() == QSslSocket::UnencryptedMode) {
-        lingerAndClose(s);
+        s->lingerAndClose();
         return;
     }
     if (graceful && s->state() == QAbstractSocket::ConnectedState) {
@@ -354,8 +304,8 @@ void AsyncSocketPrivate::close(bool graceful)
 {
     closing = true;
     const bool wasOpen = socket || listen4 || listen6;
-    readTimer.stop();
-    writeTimer.stop();
+    readDeadline.clear();
+    writeDeadline.clear();
     connectTimer.stop();
     releaseNative(graceful);
     for (AsyncSocketListener **l : {&listen4, &listen6}) {
@@ -366,15 +316,6 @@ void AsyncSocketPrivate::close(bool graceful)
     }
     reads.clear();
     writes.clear();
-    sendIndex = 0;
-    written = 0;
-    partial.clear();
-    partial.reserve(AsyncReadPacket::ReadChunkSize);
-    partialPos = 0;
-    spare = QByteArray();
-    staging = QByteArray();
-    readClock = {};
-    writeClock = {};
     connectHost.clear();
     accepted = announced = tlsActive = false;
     disconnectAfterReads = disconnectAfterWrites = false;
@@ -391,8 +332,8 @@ void AsyncSocketPrivate::detach()
 {
     q = nullptr;
     delegate = nullptr;
-    readTimer.stop();
-    writeTimer.stop();
+    readDeadline.clear();
+    writeDeadline.clear();
     connectTimer.stop();
     if (socket) {
         QSslSocket *s = std::exchange(socket, nullptr);

@@ -235,6 +235,8 @@ void VDConnection::receiveBody(const QByteArray &body)
 {
     try {
         dispatchBody(body);
+    } catch (const std::bad_alloc &) {
+        throw; // the connection cannot go on consistently: its reader closes it
     } catch (const zt::Exception &e) {
         zt::log(ztTransport, u"%@: %@", e.name(), e.reason());
     } catch (const std::exception &e) {
@@ -251,7 +253,12 @@ void VDConnection::receiveForTesting(const QByteArray &bytes)
         position += 8;
         if (!bodyLengthAllowed(length) || length > quint64(bytes.size() - position))
             return;
-        receiveBody(bytes.mid(position, qsizetype(length)));
+        try {
+            receiveBody(bytes.mid(position, qsizetype(length)));
+        } catch (const std::bad_alloc &) {
+            zt::log(ztTransport, u"Out of memory while reading a message; closing the connection");
+            return;
+        }
         position += qsizetype(length);
     }
 }
@@ -263,22 +270,29 @@ void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &d
         zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didReadData:withTag:"));
         zt::log(ztTransport, u"%@ [tag=%ld]", data, qint64(tag));
     }
-    if (tag == LengthTag) {
-        quint64 be = 0;
-        if (data.size() == 8)
-            std::memcpy(&be, data.constData(), 8);
-        const quint64 length = qFromBigEndian(be);
-        if (!bodyLengthAllowed(length)) {
-            m_socket->disconnect();
+    try {
+        if (tag == LengthTag) {
+            quint64 be = 0;
+            if (data.size() == 8)
+                std::memcpy(&be, data.constData(), 8);
+            const quint64 length = qFromBigEndian(be);
+            if (!bodyLengthAllowed(length)) {
+                m_socket->disconnect();
+                return;
+            }
+            m_socket->readDataToLengthWithTimeoutTag(qsizetype(length), BodyTimeout, BodyTag);
             return;
         }
-        m_socket->readDataToLengthWithTimeoutTag(qsizetype(length), BodyTimeout, BodyTag);
-        return;
+        if (tag != BodyTag)
+            return;
+        receiveBody(data);
+        issueLengthRead();
+    } catch (const std::bad_alloc &) {
+        // No read would be queued again: without closing, the connection would hang.
+        zt::log(ztTransport, u"Out of memory while reading a message; closing the connection");
+        if (m_socket)
+            m_socket->disconnect();
     }
-    if (tag != BodyTag)
-        return;
-    receiveBody(data);
-    issueLengthRead();
 }
 
 void VDConnection::onSocketDidWriteDataWithTag(AsyncSocket *, long)

@@ -11,7 +11,9 @@
 #include <QtEndian>
 #include <cmath>
 #include <cstring>
+#include <linux/sockios.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -504,14 +506,28 @@ INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketFrames,
 struct BurstRow
 {
     const char *name;
-    QList<qsizetype> sizes; // the writes, queued in one go with tags 1, 2, …
-    int repeat;             // the pattern, this many times
+    QList<qsizetype> sizes;  // the writes, queued in one go with tags 1, 2, …
+    int repeat;              // the pattern, this many times
+    bool inCallback = false; // queued inside one delegate call rather than from outside
 };
 
 class AsyncSocketWriteBursts : public ::testing::TestWithParam<BurstRow>
 {
 };
 
+// Bytes the kernel holds between the two ends: not yet sent or acknowledged
+// on the writer, not yet read on the reader.
+qint64 kernelHeld(AsyncSocket *writer, AsyncSocket *reader)
+{
+    int queued = 0, waiting = 0;
+    if (::ioctl(int(AsyncSocketTestAccess::nativeSocket(writer)), SIOCOUTQ, &queued) != 0 ||
+        ::ioctl(int(AsyncSocketTestAccess::nativeSocket(reader)), FIONREAD, &waiting) != 0)
+        return -1;
+    return qint64(queued) + waiting;
+}
+
+// Also: a burst made inside one delegate call goes to the kernel while it is
+// made, not when the call returns.
 TEST_P(AsyncSocketWriteBursts, CompleteOneByOneInQueueOrder)
 {
     const BurstRow &row = GetParam();
@@ -519,15 +535,32 @@ TEST_P(AsyncSocketWriteBursts, CompleteOneByOneInQueueOrder)
     ASSERT_TRUE(pair.open());
     QByteArray expected;
     QStringList expectedEvents;
-    long tag = 0;
-    for (int r = 0; r < row.repeat; ++r) {
-        for (qsizetype size : row.sizes) {
-            ++tag;
-            const QByteArray bytes = patternBytes(size, quint32(tag));
-            expected += bytes;
-            expectedEvents << u"write:%1"_s.arg(tag);
-            pair.client->writeDataWithTimeoutTag(bytes, 10, tag);
+    qint64 heldBeforeReturning = -1;
+    auto queueAll = [&] {
+        long tag = 0;
+        for (int r = 0; r < row.repeat; ++r) {
+            for (qsizetype size : row.sizes) {
+                ++tag;
+                const QByteArray bytes = patternBytes(size, quint32(tag));
+                expected += bytes;
+                expectedEvents << u"write:%1"_s.arg(tag);
+                pair.client->writeDataWithTimeoutTag(bytes, 10, tag);
+            }
         }
+    };
+    if (row.inCallback) {
+        expectedEvents << u"read:99"_s;
+        pair.clientEvents.onRead = [&](AsyncSocket *, const QByteArray &, long) {
+            queueAll();
+            heldBeforeReturning = kernelHeld(pair.client.get(), pair.server());
+        };
+        pair.client->readDataToLengthWithTimeoutTag(1, 10, 99);
+        pair.server()->writeDataWithTimeoutTag("!", 10, 99);
+        ASSERT_TRUE(waitUntil([&] { return !expected.isEmpty(); }));
+        EXPECT_GE(heldBeforeReturning,
+                  qMin<qint64>(expected.size(), AsyncSocketWriteQueue::DirectSendThreshold));
+    } else {
+        queueAll();
     }
     pair.server()->readDataToLengthWithTimeoutTag(expected.size(), 10, 1);
     ASSERT_TRUE(waitUntil([&] {
@@ -544,7 +577,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(BurstRow{"SmallOnes", {200, 1, 37, 4096, 150}, 200},
                       BurstRow{"EmptyOnesAmongThem", {0, 5, 0, 0, 7, 0}, 3},
                       BurstRow{"LargerThanAPieceBetween", {100, 10000, 50, 4096, 4097, 1, 70000, 2}, 2},
-                      BurstRow{"PastTheHighWaterMark", {200}, 3000}),
+                      BurstRow{"PastTheHighWaterMark", {200}, 3000},
+                      BurstRow{"InOneCallback", {300}, 2000, true},
+                      BurstRow{"InOneCallbackPastWhatTheKernelHolds", {1000, 0, 3, 70000}, 300, true}),
     [](const auto &info) { return std::string(info.param.name); });
 
 // ---- timeouts ----
@@ -885,20 +920,21 @@ TEST(AsyncSocketOptions, TheSendBufferAskedForReachesTheKernel)
     auto kernelSendBuffer = [](const zt::Ref<AsyncSocket> &s) {
         int size = 0;
         socklen_t length = sizeof size;
-        if (s->nativeSocket() < 0 ||
-            ::getsockopt(int(s->nativeSocket()), SOL_SOCKET, SO_SNDBUF, &size, &length) != 0)
+        if (AsyncSocketTestAccess::nativeSocket(s.get()) < 0 ||
+            ::getsockopt(int(AsyncSocketTestAccess::nativeSocket(s.get())), SOL_SOCKET, SO_SNDBUF, &size,
+                         &length) != 0)
             return qint64(-1);
         return qint64(size); // Linux reports twice what was asked, for its bookkeeping
     };
     Pair pair;
     ASSERT_TRUE(pair.listen());
     pair.client = AsyncSocket::createWithDelegate(&pair.clientEvents);
-    EXPECT_EQ(pair.client->nativeSocket(), -1);
+    EXPECT_EQ(AsyncSocketTestAccess::nativeSocket(pair.client.get()), -1);
     pair.client->setSendBufferSize(asked); // before connecting
     ASSERT_TRUE(pair.client->connectToHostOnPortError(u"127.0.0.1"_s, pair.listener->localPort()));
     ASSERT_TRUE(waitUntil([&] { return pair.clientEvents.connected && pair.serverEvents.connected; }));
     EXPECT_GE(kernelSendBuffer(pair.client), asked);
-    EXPECT_EQ(pair.listener->nativeSocket(), -1);
+    EXPECT_EQ(AsyncSocketTestAccess::nativeSocket(pair.listener.get()), -1);
 
     zt::Ref<AsyncSocket> server = pair.server();
     const qint64 systems = kernelSendBuffer(server); // the system's own, until asked

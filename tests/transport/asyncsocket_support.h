@@ -4,6 +4,7 @@
 // and a connected pair over loopback.
 
 #include "transport/asyncsocket.h"
+#include "transport/asyncsocket_p.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>

@@ -148,7 +148,7 @@ TEST(AsyncSocketStartTLSOnAccept, ReadsAheadOnlyAfterTheSwitch)
     server->readDataToLengthWithTimeoutTag(5, 10, 1);
     server->startTLS(serverSettings());
     EXPECT_THROW(server->enableReadAhead(), zt::Exception);
-    EXPECT_FALSE(server->readsAhead());
+    EXPECT_FALSE(AsyncSocketTestAccess::readsAhead(server));
     pair.client->writeDataWithTimeoutTag("HELLO", 10, 1);
     pair.client->startTLS({{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}});
     QByteArray lines;
@@ -161,7 +161,7 @@ TEST(AsyncSocketStartTLSOnAccept, ReadsAheadOnlyAfterTheSwitch)
     pair.client->writeDataWithTimeoutTag(lines.mid(100), 10, 3);
     ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.secured == 1; }));
     server->enableReadAhead();
-    EXPECT_TRUE(server->readsAhead());
+    EXPECT_TRUE(AsyncSocketTestAccess::readsAhead(server));
     for (long tag = 10; tag < 60; ++tag)
         server->readDataToDataWithTimeoutTag("\n", 10, tag);
     ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 51; }));

@@ -47,6 +47,7 @@ public:
     //! Refused by acceptsSelector:.
     void refuse(const QVariant &v) { record("refuse:", {v}); }
     bool acceptsSelector(const QString &selector) const { return selector != u"refuse:"; }
+    [[noreturn]] void exhaust() { throw std::bad_alloc(); }
 
     // Forwarded model calls ("toAgent_<class>_<UUID>_<selector>") take the
     // signature of the named object's method and are recorded whole.
@@ -89,6 +90,7 @@ void VDTestRoot::registerMembers(zt::ClassBuilder<VDTestRoot> &b)
     b.method("gadget", &VDTestRoot::gadget);
     b.method("refuse:", &VDTestRoot::refuse);
     b.method("acceptsSelector:", &VDTestRoot::acceptsSelector);
+    b.method("exhaust", &VDTestRoot::exhaust);
 }
 
 // Model classes for forwarded calls: the signature of a forwarded method is
@@ -641,6 +643,8 @@ TEST(VDConnectionReceive, AFaultyMessageIsLoggedAndSkipped)
     EXPECT_TRUE(link.server()->socket()->isConnected());
 }
 
+// Also a message whose call runs out of memory: the connection closes
+// rather than stop reading.
 TEST(VDConnectionReceive, ABodyOverTheLimitClosesTheConnectionUnread)
 {
     const QByteArray note = noteFrame("fits");
@@ -660,6 +664,10 @@ TEST(VDConnectionReceive, ABodyOverTheLimitClosesTheConnectionUnread)
          {},
          word(quint64(1) << 63),
          closing.arg(u"9223372036854775808"_s).arg(67108864)},
+        {"out of memory in a call",
+         {},
+         frame(body("exhaust", {}, {})) + note,
+         u"Out of memory while reading a message; closing the connection"_s},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
