@@ -84,7 +84,6 @@ public:
     const QByteArray &methodReturnType() const { return m_return; }
     //! Width in bytes of the return value (0 for void; 8 for objects).
     qsizetype methodReturnLength() const;
-    bool isOneway() const { return false; }
     //! "v@:@q" form.
     QByteArray types() const;
 

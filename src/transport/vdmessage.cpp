@@ -1,6 +1,6 @@
 #include "transport/vdmessage.h"
 
-#include "core/ztipcproxy.h"
+#include "transport/vdmodelbridge.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
 #include "runtime/logging.h"
@@ -16,6 +16,18 @@
 namespace vd {
 
 namespace {
+
+// A payload as a log line shows it: whole when short, else its first bytes and
+// its length, so that a huge faulty payload costs a short line.
+constexpr qsizetype LoggedPayloadBytes = 64;
+
+QString payloadExcerpt(QByteArrayView payload)
+{
+    if (payload.size() <= LoggedPayloadBytes)
+        return zt::describe(payload.toByteArray());
+    return zt::format(u"%@ (first %ld of %ld bytes)", zt::describe(payload.first(LoggedPayloadBytes).toByteArray()),
+                      qint64(LoggedPayloadBytes), qint64(payload.size()));
+}
 
 void appendWord(QByteArray &out, quint64 v)
 {
@@ -286,7 +298,8 @@ void appendGeneralRecord(MessageBuffer &out, const QVariant &boxed)
 
 // The record of one argument, per its type code.
 void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &value,
-                    const zt::MethodSignature &signature, qsizetype position, const zt::Selector &selector)
+                    const zt::MethodSignature &signature, qsizetype position, const zt::Selector &selector,
+                    const VDModelBridge *bridge)
 {
     if (signature.argumentCodeAt(position) == '@') {
         // The kinds that are always wired first; the others are checked.
@@ -307,7 +320,7 @@ void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &va
                 return;
             break;
         default:
-            if (!ZTIPCProxy::canWireValue(value))
+            if (bridge && !bridge->canWireValue(value))
                 unknownObjectType(value, selector);
         }
         return appendGeneralRecord(out, value);
@@ -391,7 +404,8 @@ const zt::Protocol &VDInternalVDConnectionProtocol()
     return protocol;
 }
 
-QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &handlerID)
+QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &handlerID,
+                              const VDModelBridge *bridge)
 {
     const zt::Selector &selector = invocation.selector();
     const zt::MethodSignature &signature = invocation.methodSignature();
@@ -412,7 +426,7 @@ QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &h
     out.appendWord(quint64(k));
     RecentValues &recent = recentValues();
     for (qsizetype i = 0; i < k; ++i)
-        appendArgument(recent, out, invocation.argumentAtIndex(i + 2), signature, i + 2, selector);
+        appendArgument(recent, out, invocation.argumentAtIndex(i + 2), signature, i + 2, selector, bridge);
     return out.take();
 }
 
@@ -468,7 +482,7 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
         } else {
             zt::Error error;
             if (!readPayloadInto(recent, payload, decoded, &error, limits.plist))
-                zt::log(ztTransport, u"Could not deserialize %@ (%@)", payload.toByteArray(),
+                zt::log(ztTransport, u"Could not deserialize %@ (%@)", payloadExcerpt(payload),
                         QString::fromLatin1(selector));
         }
         convertForCode(decoded, signature, position, selector);
