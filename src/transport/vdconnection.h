@@ -29,6 +29,7 @@
 #include "transport/vdmodelbridge.h"
 
 #include <QHash>
+#include <QLoggingCategory>
 #include <QMutex>
 #include <array>
 #include <functional>
