@@ -90,8 +90,9 @@ TEST(EndToEnd, OtherPeersLeaveTheFirstClientWorking)
                  word(0));
     third.write(word(quint64(1) << 40));
     ASSERT_TRUE(second.waitForReadyRead(10000)); // the handshake: the second peer is served
-    if (third.state() == QAbstractSocket::ConnectedState)
+    if (third.state() == QAbstractSocket::ConnectedState) {
         EXPECT_TRUE(third.waitForDisconnected(10000)); // only the third is closed
+    }
 
     client.write("go\n");
     ASSERT_TRUE(client.waitForFinished(40000));
