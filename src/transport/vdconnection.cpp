@@ -36,7 +36,6 @@ void VDSocketDelegate::onSocketDidDisconnect(VDConnection *) {}
 void VDSocketDelegate::onSocketDidAcceptNewSocket(VDConnection *, VDConnection *) {}
 
 VDAcceptingObject::~VDAcceptingObject() = default;
-VDModelBridge::~VDModelBridge() = default;
 
 // ---- VDReturnHandler ----
 

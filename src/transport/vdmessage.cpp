@@ -13,6 +13,8 @@
 #include <cstring>
 #include <vector>
 
+VDModelBridge::~VDModelBridge() = default;
+
 namespace vd {
 
 namespace {
