@@ -53,9 +53,9 @@ public:
         const std::optional<ZTForwardedSelector> parts = ZTForwardedSelector::parse(selector, "toAgent_");
         if (!parts)
             return {};
-        const zt::Selector again = ZTForwardedSelector::format(QString::fromLatin1(parts->prefix),
-                                                               QString::fromLatin1(parts->className),
-                                                               QString::fromLatin1(parts->objectID), parts->selector);
+        const zt::Selector again = ZTForwardedSelector::format(
+            QString::fromLatin1(parts->prefix), QString::fromLatin1(parts->className),
+            QString::fromLatin1(parts->objectID), parts->selector);
         if (again != selector || selector.count('_') != 3) {
             std::fprintf(stderr, "the forwarded name does not split into its four parts\n");
             std::abort();
@@ -82,7 +82,10 @@ class FuzzBridge final : public VDModelBridge
 {
 public:
     zt::MethodSignature signatureForForwardedSelector(const zt::Selector &) const override { return {}; }
-    bool canWireValue(const QVariant &value) const override { return zt::kindOf(value) != zt::ValueKind::Object; }
+    bool canWireValue(const QVariant &value) const override
+    {
+        return zt::kindOf(value) != zt::ValueKind::Object;
+    }
 };
 
 } // namespace

@@ -13,8 +13,7 @@ class ZTHostFanOut : public zt::Object
 public:
     explicit ZTHostFanOut(ZTAgentHost *host = nullptr, const zt::Protocol *const *protocol = nullptr)
         : m_host(host), m_protocol(protocol)
-    {
-    }
+    {}
     zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override
     {
         if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))

@@ -89,7 +89,7 @@ private:
     const zt::ClassInfo *m_rootClass = &ZTRootObject::staticClassInfo();
     const zt::Protocol *m_clientProtocol = &ZTRootObject::clientRootProtocol();
     zt::Ref<VDConnection> m_listener;
-    QList<Peer> m_peers;        // accepted, in order of acceptance
+    QList<Peer> m_peers;             // accepted, in order of acceptance
     QList<VDConnection *> m_clients; // registered, in order of registration
     zt::Ref<zt::Object> m_fanOut;
 };

@@ -51,6 +51,8 @@ void ZTClientNode::close()
 void ZTClientNode::dealloc()
 {
     close();
+    if (m_mirror)
+        m_mirror->invalidate(); // the node made it: it leaves the directory with the node
     m_mirror.reset();
     if (ZTApplication::delegate() == this)
         ZTApplication::setDelegate(nullptr);

@@ -50,7 +50,8 @@ public:
     bool connectToHost(const QString &host, quint16 port, zt::Error *error = nullptr);
     bool isReady() const { return m_mirror != nullptr; }
     //! The mirror of the agent's root; null until ready. Kept after a
-    //! disconnect; the application invalidates the mirrored model.
+    //! disconnect; invalidated when the node goes (the objects it holds are
+    //! the application's to invalidate).
     ZTAbstractIPC *mirror() const { return m_mirror.get(); }
     template<typename T> T *mirror() const { return dynamic_cast<T *>(m_mirror.get()); }
     VDConnection *connection() const { return m_connection.get(); }

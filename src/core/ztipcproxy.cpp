@@ -257,7 +257,8 @@ zt::MethodSignature ZTIPCProxy::forwardedSignature(const ZTAbstractIPC *object, 
 }
 
 void ZTIPCProxy::sendForwarded(zt::Invocation &invocation, const ZTAbstractIPC *object,
-                               const zt::Selector &selector, const std::function<void(zt::Invocation &)> &send)
+                               const zt::Selector &selector,
+                               const std::function<void(zt::Invocation &)> &send)
 {
     const zt::MethodSignature signature = forwardedSignature(object, selector);
     if (!signature.isValid()) {
@@ -268,7 +269,8 @@ void ZTIPCProxy::sendForwarded(zt::Invocation &invocation, const ZTAbstractIPC *
         return send(invocation);
     zt::Invocation reshaped(signature);
     reshaped.setSelector(invocation.selector());
-    const qsizetype n = std::min(signature.numberOfArguments(), invocation.methodSignature().numberOfArguments());
+    const qsizetype n =
+        std::min(signature.numberOfArguments(), invocation.methodSignature().numberOfArguments());
     for (qsizetype i = 2; i < n; ++i)
         reshaped.setArgumentAtIndex(invocation.argumentAtIndex(i), i);
     send(reshaped);

@@ -71,7 +71,8 @@ public:
     //! the caller keeps the result. Without a forwarded signature, logs "ERROR
     //! No method signature for %@" and raises NSInvalidArgumentException.
     static void sendForwarded(zt::Invocation &invocation, const ZTAbstractIPC *object,
-                              const zt::Selector &selector, const std::function<void(zt::Invocation &)> &send);
+                              const zt::Selector &selector,
+                              const std::function<void(zt::Invocation &)> &send);
 
     //! @sel parent
     ZTAbstractIPC *parent() const { return m_parent; }

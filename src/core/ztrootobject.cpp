@@ -48,7 +48,8 @@ public:
         zt::Ref<ZTAbstractIPC> object =
             ZTDirectory::sharedInstance()->objectWithID(QString::fromLatin1(parts->objectID));
         if (!object) {
-            zt::log(ztTransport, u"ERROR Counterpart for %@ is not registered", QString::fromLatin1(selector));
+            zt::log(ztTransport, u"ERROR Counterpart for %@ is not registered",
+                    QString::fromLatin1(selector));
             return {};
         }
         return ZTIPCProxy::forwardedSignature(object.get(), parts->selector);
@@ -123,17 +124,18 @@ void ZTRootObject::agentDidChangeValueForKeyObjectID(const QVariant &value, cons
 }
 
 void ZTRootObject::agentDidInsertValuesAtIndexesForKeyObjectID(const QVariantList &values,
-                                                               const zt::IndexSet &indexes, const QString &key,
-                                                               const QString &objectID)
+                                                               const zt::IndexSet &indexes,
+                                                               const QString &key, const QString &objectID)
 {
     apply(objectID,
           [&](ZTAbstractIPC *o) { o->mutableArrayValueForKey(key).insertObjectsAtIndexes(values, indexes); });
 }
 
-void ZTRootObject::agentDidRemoveValuesAtIndexesForKeyObjectID(const zt::IndexSet &indexes, const QString &key,
-                                                               const QString &objectID)
+void ZTRootObject::agentDidRemoveValuesAtIndexesForKeyObjectID(const zt::IndexSet &indexes,
+                                                               const QString &key, const QString &objectID)
 {
-    apply(objectID, [&](ZTAbstractIPC *o) { o->mutableArrayValueForKey(key).removeObjectsAtIndexes(indexes); });
+    apply(objectID,
+          [&](ZTAbstractIPC *o) { o->mutableArrayValueForKey(key).removeObjectsAtIndexes(indexes); });
 }
 
 void ZTRootObject::agentDidReplaceValuesAtIndexesWithValuesForKeyObjectID(const zt::IndexSet &indexes,
@@ -155,8 +157,8 @@ void ZTRootObject::clientDidChangeValueForKeyObjectID(const QVariant &, const QV
 }
 
 void ZTRootObject::clientDidInsertValuesAtIndexesForKeyObjectID(const QVariant &, const QVariantList &values,
-                                                                const zt::IndexSet &indexes, const QString &key,
-                                                                const QString &objectID)
+                                                                const zt::IndexSet &indexes,
+                                                                const QString &key, const QString &objectID)
 {
     agentDidInsertValuesAtIndexesForKeyObjectID(values, indexes, key, objectID);
 }
@@ -181,13 +183,14 @@ zt::Ref<ZTAbstractIPC> ZTRootObject::forwardedTarget(const zt::Selector &selecto
     // The prefix this process answers to: "toAgent" in the agent.
     const bool agentRole = ZTIPCProxy::isAgent();
     ForwardedName *slot = nullptr;
-    const bool ownsCharacters = const_cast<zt::Selector &>(selector).data_ptr().d_ptr(); // no detach: only reads
+    const bool ownsCharacters =
+        const_cast<zt::Selector &>(selector).data_ptr().d_ptr(); // no detach: only reads
     if (ownsCharacters)
         slot = &m_forwardedNames[(quintptr(selector.constData()) >> 4) % m_forwardedNames.size()];
     ForwardedName parsed;
     const ForwardedName *name = slot;
-    if (!slot || slot->selector.constData() != selector.constData() || slot->selector.size() != selector.size() ||
-        slot->agentRole != agentRole) {
+    if (!slot || slot->selector.constData() != selector.constData() ||
+        slot->selector.size() != selector.size() || slot->agentRole != agentRole) {
         parsed.selector = selector;
         parsed.agentRole = agentRole;
         const QByteArray prefix = (ZTIPCProxy::autoprefix() + u'_').toLatin1();
@@ -205,7 +208,8 @@ zt::Ref<ZTAbstractIPC> ZTRootObject::forwardedTarget(const zt::Selector &selecto
         return {};
     if (real)
         *real = name->real;
-    const bool sameMessage = ownsCharacters && m_resolved && m_resolvedSelector.constData() == selector.constData() &&
+    const bool sameMessage = ownsCharacters && m_resolved &&
+                             m_resolvedSelector.constData() == selector.constData() &&
                              m_resolvedSelector.size() == selector.size() && m_resolved->inDirectory();
     if (sameMessage)
         return m_resolved;
@@ -240,5 +244,6 @@ void ZTRootObject::forwardInvocation(zt::Invocation &invocation)
         return;
     }
     const auto count = size_t(invocation.methodSignature().numberOfArguments() - 2);
-    invocation.setReturnValue(target->perform(real, std::span<const QVariant>(invocation.argumentData(), count)));
+    invocation.setReturnValue(
+        target->perform(real, std::span<const QVariant>(invocation.argumentData(), count)));
 }

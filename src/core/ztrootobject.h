@@ -59,7 +59,8 @@ public:
 
     // Changes from the agent.
     //! @sel agentDidChangeValue:forKey:objectID:
-    void agentDidChangeValueForKeyObjectID(const QVariant &value, const QString &key, const QString &objectID);
+    void agentDidChangeValueForKeyObjectID(const QVariant &value, const QString &key,
+                                           const QString &objectID);
     //! @sel agentDidInsertValues:atIndexes:forKey:objectID:
     void agentDidInsertValuesAtIndexesForKeyObjectID(const QVariantList &values, const zt::IndexSet &indexes,
                                                      const QString &key, const QString &objectID);
@@ -68,8 +69,8 @@ public:
                                                      const QString &objectID);
     //! @sel agentDidReplaceValuesAtIndexes:withValues:forKey:objectID:
     void agentDidReplaceValuesAtIndexesWithValuesForKeyObjectID(const zt::IndexSet &indexes,
-                                                                const QVariantList &values, const QString &key,
-                                                                const QString &objectID);
+                                                                const QVariantList &values,
+                                                                const QString &key, const QString &objectID);
     // Changes from a client; the client ID is not needed to apply them.
     //! @sel client:didChangeValue:forKey:objectID:
     void clientDidChangeValueForKeyObjectID(const QVariant &client, const QVariant &value, const QString &key,

@@ -42,8 +42,8 @@ class VDConnectionRemoteProxy;
 //! callback ("zt.transport.ipc"). Turn them on with the logging rules, e.g.
 //! QT_LOGGING_RULES="zt.transport.socket.info=true". Categories, unlike plain
 //! booleans, may be switched while socket threads read them.
-ZT_EXPORT Q_DECLARE_LOGGING_CATEGORY(VDSocketLogging)
-ZT_EXPORT Q_DECLARE_LOGGING_CATEGORY(VDIPCLogging)
+ZT_EXPORT const QLoggingCategory &VDSocketLogging();
+ZT_EXPORT const QLoggingCategory &VDIPCLogging();
 
 class VDConnectionTestAccess;
 

@@ -1,11 +1,11 @@
 #include "transport/vdmessage.h"
 
-#include "transport/vdmodelbridge.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
 #include "runtime/logging.h"
 #include "runtime/plist.h"
 #include "runtime/variant_inplace_p.h"
+#include "transport/vdmodelbridge.h"
 
 #include <QtEndian>
 #include <algorithm>
@@ -27,7 +27,8 @@ QString payloadExcerpt(QByteArrayView payload)
 {
     if (payload.size() <= LoggedPayloadBytes)
         return zt::describe(payload.toByteArray());
-    return zt::format(u"%@ (first %ld of %ld bytes)", zt::describe(payload.first(LoggedPayloadBytes).toByteArray()),
+    return zt::format(u"%@ (first %ld of %ld bytes)",
+                      zt::describe(payload.first(LoggedPayloadBytes).toByteArray()),
                       qint64(LoggedPayloadBytes), qint64(payload.size()));
 }
 

@@ -46,7 +46,8 @@ class ClientRoot : public ZTRootObject
 public:
     void agentFinished(const QString &agentView)
     {
-        out << "MIRROR " << describeTree(node->mirror<E2ENode>()) << '\n' << "EXPECTED " << agentView << Qt::endl;
+        out << "MIRROR " << describeTree(node->mirror<E2ENode>()) << '\n'
+            << "EXPECTED " << agentView << Qt::endl;
         if (waitForInput) {
             char line[16];
             if (!std::fgets(line, sizeof line, stdin))

@@ -611,7 +611,8 @@ TEST(VDConnectionReceive, AFaultyMessageIsLoggedAndSkipped)
          {u"note: nil"_s}},
         {"a long unparsable payload is logged by its first 64 bytes and its length",
          frame(body("note:", {}, {QByteArray(100000, '\1')})),
-         {u"Could not deserialize %1 (first 64 of 100000 bytes) (note:)"_s.arg(zt::describe(QByteArray(64, '\1')))},
+         {u"Could not deserialize %1 (first 64 of 100000 bytes) (note:)"_s.arg(
+             zt::describe(QByteArray(64, '\1')))},
          {u"note: nil"_s}},
         {"unknown selector", frame(body("nope:", {}, {good})), {}, {}},
         {"refused selector",

@@ -181,4 +181,3 @@ void BM_Zintaro_RoundTrip(benchmark::State &state)
 BENCHMARK(BM_Zintaro_RoundTrip)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 } // namespace
-
