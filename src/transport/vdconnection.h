@@ -133,8 +133,10 @@ public:
     VDSocketDelegate *delegate() const { return m_delegate; }
     //! Not owned.
     void setDelegate(VDSocketDelegate *delegate) { m_delegate = delegate; }
+    //! @sel allowWriting
     bool allowWriting() const { return m_allowWriting; }
     //! Sets the gate directly; leaves queuing alone.
+    //! @sel setAllowWriting:
     void setAllowWriting(bool allow) { m_allowWriting = allow; }
     bool isQueuing() const { return m_isQueuing; }
     QList<QByteArray> queue() const { return m_queue; }
