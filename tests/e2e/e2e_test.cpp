@@ -98,7 +98,12 @@ TEST(EndToEnd, OtherPeersLeaveTheFirstClientWorking)
     ASSERT_TRUE(client.waitForFinished(40000));
     EXPECT_EQ(client.exitCode(), 0);
     expectMirroredAndCalledBack(QString::fromUtf8(seen + client.readAllStandardOutput()).split(u'\n'));
-    EXPECT_EQ(agent.state(), QProcess::Running); // the second client is still registered
+    // The rename reached the second client too, and it is still registered.
+    QByteArray toSecond = second.readAll();
+    while (!toSecond.contains("renamed") && second.waitForReadyRead(5000))
+        toSecond += second.readAll();
+    EXPECT_TRUE(toSecond.contains("agentDidChangeValue:forKey:objectID:") && toSecond.contains("renamed"));
+    EXPECT_EQ(agent.state(), QProcess::Running);
     second.disconnectFromHost();
     EXPECT_TRUE(agent.waitForFinished(10000)); // the last client left
     EXPECT_EQ(agent.exitCode(), 0);
