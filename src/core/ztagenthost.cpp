@@ -100,8 +100,10 @@ void ZTAgentHost::close()
 void ZTAgentHost::dealloc()
 {
     close();
-    if (auto *fanOut = static_cast<ZTHostFanOut *>(m_fanOut.get()))
+    if (auto *fanOut = static_cast<ZTHostFanOut *>(m_fanOut.get())) {
         fanOut->m_host = nullptr;
+        fanOut->m_protocol = nullptr;
+    }
     m_fanOut.reset();
     if (ZTApplication::delegate() == this)
         ZTApplication::setDelegate(nullptr);
