@@ -701,7 +701,9 @@ TEST(VDConnectionReceive, TheTestEntryPointReadsFramesAsTheSocketDoes)
     vd::DecodeLimits shallow;
     shallow.plist.maxDepth = 2;
     c->setDecodeLimits(shallow);
-    const QByteArray deep = zt::plist::writeBinary(QVariantList{QVariantList{QVariantList{1}}});
+    const QVariant level3 = QVariantList{1};
+    const QVariant level2 = QVariantList{level3};
+    const QByteArray deep = zt::plist::writeBinary(QVariantList{level2}); // three levels
     const QStringList ab{u"note: s\"a\""_s, u"note: s\"b\""_s};
     const struct
     {
