@@ -6,6 +6,7 @@
 
 #include "transport/vdmessage.h"
 #include "core/ztipcproxy.h"
+#include "core/ztrootobject.h"
 #include "runtime/invocation.h"
 
 #include <QDateTime>
@@ -72,7 +73,7 @@ void encode(benchmark::State &state)
     const zt::Invocation invocation = changeMessage();
     qsizetype bytes = 0;
     for (auto _ : state) {
-        QByteArray message = vd::dataFromInvocation(invocation, QString());
+        QByteArray message = vd::dataFromInvocation(invocation, QString(), &ZTRootObject::modelBridge());
         bytes = message.size();
         benchmark::DoNotOptimize(message.data());
     }
@@ -83,7 +84,8 @@ void encode(benchmark::State &state)
 
 void decode(benchmark::State &state)
 {
-    const QByteArray message = vd::dataFromInvocation(changeMessage(), QString());
+    const QByteArray message =
+        vd::dataFromInvocation(changeMessage(), QString(), &ZTRootObject::modelBridge());
     const QByteArrayView body = QByteArrayView(message).sliced(8);
     auto root = zt::make<ClientRoot>();
     for (auto _ : state) {
@@ -104,7 +106,7 @@ void encodeAndDecode(benchmark::State &state)
     const zt::Invocation sent = changeMessage();
     auto root = zt::make<ClientRoot>();
     for (auto _ : state) {
-        const QByteArray message = vd::dataFromInvocation(sent, QString());
+        const QByteArray message = vd::dataFromInvocation(sent, QString(), &ZTRootObject::modelBridge());
         QString handler;
         std::optional<zt::Invocation> received =
             vd::invocationFromData(QByteArrayView(message).sliced(8), root.get(), &handler);

@@ -2,10 +2,14 @@
 // split and dispatched exactly as the socket's reads would be, against a
 // root object with methods of every type code, replies, refusals and results
 // that cannot travel back. Nothing may escape the receive path, and no more
-// calls may run than the stream holds whole messages.
+// calls may run than the stream holds whole messages. Forwarded names
+// ("toAgent_<class>_<UUID>_<selector>") reach the root's own methods through
+// the one parser of the form, which must split exactly the names of four
+// parts and format them back to the same bytes.
 
+#include "core/ztforwardedselector.h"
 #include "runtime/exception.h"
-#include "transport/vdconnection.h"
+#include "transport/vdconnection_p.h"
 
 #include <QCoreApplication>
 #include <QtEndian>
@@ -38,9 +42,50 @@ public:
     }
     void takeReal(double) { ++runs; }
     void refused(const QVariant &) { ++runs; }
-    bool acceptsSelector(const QString &selector) const { return selector != u"r:"; }
+    bool acceptsSelector(const QString &selector) const
+    {
+        return selector != u"r:" && methodSignatureForSelector(selector.toLatin1()).isValid();
+    }
+    zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override
+    {
+        if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))
+            return own->signature;
+        const std::optional<ZTForwardedSelector> parts = ZTForwardedSelector::parse(selector, "toAgent_");
+        if (!parts)
+            return {};
+        const zt::Selector again = ZTForwardedSelector::format(
+            QString::fromLatin1(parts->prefix), QString::fromLatin1(parts->className),
+            QString::fromLatin1(parts->objectID), parts->selector);
+        if (again != selector || selector.count('_') != 3) {
+            std::fprintf(stderr, "the forwarded name does not split into its four parts\n");
+            std::abort();
+        }
+        const zt::MethodEntry *real = classInfo().instanceMethod(parts->selector);
+        return real ? real->signature : zt::MethodSignature();
+    }
+    void forwardInvocation(zt::Invocation &invocation) override
+    {
+        const std::optional<ZTForwardedSelector> parts = ZTForwardedSelector::parse(invocation.selector());
+        if (!parts)
+            return Object::forwardInvocation(invocation);
+        const auto count = size_t(invocation.methodSignature().numberOfArguments() - 2);
+        invocation.setReturnValue(
+            perform(parts->selector, std::span<const QVariant>(invocation.argumentData(), count)));
+    }
 
     quint64 runs = 0;
+};
+
+// The model's answers without a model: no forwarded sends, and the values a
+// property list can hold may cross.
+class FuzzBridge final : public VDModelBridge
+{
+public:
+    zt::MethodSignature signatureForForwardedSelector(const zt::Selector &) const override { return {}; }
+    bool canWireValue(const QVariant &value) const override
+    {
+        return zt::kindOf(value) != zt::ValueKind::Object;
+    }
 };
 
 } // namespace
@@ -95,7 +140,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     static FuzzRoot *root = zt::make<FuzzRoot>().leak();
     static VDConnection *connection = [] {
         VDConnection *c = VDConnection::createWithDelegate(nullptr).leak();
+        static const FuzzBridge bridge;
         c->setLocalObject(root);
+        c->setModelBridge(&bridge);
         c->setMaximumMessageLength(1 << 16);
         return c;
     }();
@@ -103,7 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QByteArray bytes(reinterpret_cast<const char *>(data), qsizetype(size));
     const quint64 before = root->runs;
     try {
-        connection->receiveForTesting(bytes);
+        VDConnectionTestAccess::receive(connection, bytes);
     } catch (...) {
         std::fprintf(stderr, "an exception escaped the receive path\n");
         std::abort();

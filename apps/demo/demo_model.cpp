@@ -139,7 +139,7 @@ ClientConnection::replacementObjectsForChannelDictionaries(const QVariantList &d
 const zt::Protocol &demoClientRootProtocol()
 {
     static const zt::Protocol protocol = [] {
-        zt::Protocol p = ReferenceRoot::clientRootProtocol();
+        zt::Protocol p = ZTRootObject::clientRootProtocol();
         p.addMethod("agentFinished", zt::MethodSignature::fromTypes("v@:"));
         return p;
     }();

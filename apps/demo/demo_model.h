@@ -3,7 +3,8 @@
 // channels, each with a name and a topic. The Demo… classes play the
 // framework's abstract model classes; each process has concrete subclasses.
 
-#include "referenceroot.h"
+#include "core/ztagenthost.h"
+#include "core/ztclientnode.h"
 
 class DemoChannel : public ZTAbstractIPC
 {

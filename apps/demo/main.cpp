@@ -22,21 +22,27 @@ QTextStream out(stdout);
 
 // ---- the agent ----
 
-class AgentRoot : public ReferenceRoot
+// Serves every client that connects; the script runs once, when the first
+// client has registered, and its changes reach every registered client.
+class Agent : public ZTAgentHostDelegate
 {
-    ZT_OBJECT(AgentRoot, ReferenceRoot)
 public:
     zt::Ref<AgentConnection> model;
 
-    void registerClient()
+    void hostDidRegisterClient(ZTAgentHost *host, VDConnection *) override
     {
-        VDConnectionRemoteProxy *client = connection()->proxyForRemoteObject();
-        client->perform("handshakeFromAgent:", {model->dictionary()});
-        connection()->setAllowWriting(true);
-        runScript(client);
+        out << "[agent] a client registered (" << host->clients().size() << " now)" << Qt::endl;
+        if (!std::exchange(scripted, true))
+            runScript(host);
+    }
+    void hostDidLoseClient(ZTAgentHost *host, VDConnection *) override
+    {
+        if (host->clients().isEmpty())
+            QCoreApplication::quit();
     }
 
 private:
+    bool scripted = false;
     zt::Ref<AgentChannel> channel(const QString &name, const QString &topic)
     {
         auto c = zt::make<AgentChannel>();
@@ -45,10 +51,11 @@ private:
         c->setTopic(topic);
         return c;
     }
-    void runScript(VDConnectionRemoteProxy *client)
+    void runScript(ZTAgentHost *host)
     {
         auto channels = std::make_shared<zt::MutableArrayProxy>(
             model->mutableArrayValueForKey(QStringLiteral("channels")));
+        zt::Ref<ZTAgentHost> clients(host);
         const std::vector<std::function<void()>> steps = {
             [this] { model->setStatus(0); },
             [this, channels] {
@@ -67,73 +74,49 @@ private:
                 channels->removeObjectAtIndex(1);
                 qt->invalidate();
             },
-            [client] { client->perform("agentFinished"); },
+            [clients] { clients->counterpart()->perform("agentFinished"); },
         };
         for (size_t i = 0; i < steps.size(); ++i)
             QTimer::singleShot(int(150 * (i + 1)), steps[i]);
     }
 };
 
-class Listener : public VDSocketDelegate
-{
-public:
-    AgentRoot *root = nullptr;
-    void onSocketDidAcceptNewSocket(VDConnection *, VDConnection *accepted) override
-    {
-        accepted->setDelegate(this);
-        root->setConnection(accepted, &demoClientRootProtocol());
-    }
-    void onSocketDidDisconnect(VDConnection *) override { QCoreApplication::quit(); }
-};
-
 int runAgent(QCoreApplication &app)
 {
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Zintaro2Agent"));
-    auto root = zt::make<AgentRoot>();
-    root->model = zt::make<AgentConnection>();
-    root->model->init();
-    root->model->onOutgoingLine = [](const QString &line) {
+    Agent agent;
+    agent.model = zt::make<AgentConnection>();
+    agent.model->init();
+    agent.model->onOutgoingLine = [](const QString &line) {
         out << "[agent] the client asks the connection to send: " << line << Qt::endl;
     };
-    Listener listener;
-    listener.root = root.get();
-    zt::Ref<VDConnection> listening = VDConnection::createWithDelegate(&listener);
+    zt::Ref<ZTAgentHost> host = ZTAgentHost::create(agent.model.get(), &agent);
+    host->setClientProtocol(&demoClientRootProtocol());
     zt::Error error;
-    if (!listening->socket()->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0, &error)) {
+    if (!host->listen(QStringLiteral("127.0.0.1"), 0, &error)) {
         out << "[agent] cannot listen: " << error.localizedDescription() << Qt::endl;
         return 1;
     }
-    out << "LISTENING " << listening->socket()->localPort() << Qt::endl;
+    out << "LISTENING " << host->port() << Qt::endl;
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true); // the event loop is over: close at once
-    root->model->invalidateTree();
-    root->setConnection(nullptr, nullptr);
-    listening->socket()->disconnect();
+    host->close();
+    agent.model->invalidateTree();
     return rc;
 }
 
 // ---- the client ----
 
-class ClientRoot : public ReferenceRoot
+ZTClientNode *node = nullptr;
+
+class ClientRoot : public ZTRootObject
 {
-    ZT_OBJECT(ClientRoot, ReferenceRoot)
+    ZT_OBJECT(ClientRoot, ZTRootObject)
 public:
-    zt::Ref<DemoConnection> model;
-
-    void handshakeFromAgent(const QVariantMap &dictionary)
-    {
-        model = zt::dynamicCast<DemoConnection>(ZTAbstractIPC::createCounterpartWithUUID<ClientConnection>(
-            dictionary.value(QStringLiteral("description")).toString()));
-        model->setStatus(dictionary.value(QStringLiteral("status")).toLongLong());
-        out << "[client] mirroring connection " << model->description() << " (status " << model->status()
-            << ")" << Qt::endl;
-        watch();
-        connection()->setAllowWriting(true);
-    }
-
     void agentFinished()
     {
         out << "[client] the agent is done; calling it back" << Qt::endl;
+        DemoConnection *model = node->mirror<DemoConnection>();
         model->counterpart()->perform("processOutgoingLine:", {QStringLiteral("/me waves from the client")});
         auto handler = zt::dynamicCast<VDReturnHandler>(
             zt::Ref<zt::Object>(zt::objectFrom(model->counterpart()->perform("channelList"))));
@@ -142,6 +125,21 @@ public:
             QTimer::singleShot(100, [] { QCoreApplication::quit(); });
         });
     }
+};
+
+class Events : public ZTClientNodeDelegate
+{
+public:
+    void nodeDidBecomeReady(ZTClientNode *, ZTAbstractIPC *mirror) override
+    {
+        model = zt::Ref<DemoConnection>(dynamic_cast<DemoConnection *>(mirror));
+        out << "[client] mirroring connection " << model->description() << " (status " << model->status()
+            << ")" << Qt::endl;
+        watch();
+    }
+    void nodeDidDisconnect(ZTClientNode *) override { QCoreApplication::exit(1); }
+
+    zt::Ref<DemoConnection> model;
 
 private:
     void watch()
@@ -174,17 +172,6 @@ private:
     }
 };
 
-class Events : public VDSocketDelegate
-{
-public:
-    void onSocketDidConnectToHostPort(VDConnection *connection, const QString &host, quint16 port) override
-    {
-        out << "[client] connected to the agent at " << host << ':' << port << Qt::endl;
-        connection->proxyForRemoteObject()->perform("registerClient");
-    }
-    void onSocketDidDisconnect(VDConnection *) override { QCoreApplication::exit(1); }
-};
-
 int runClient(QCoreApplication &app)
 {
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Zintaro2"));
@@ -202,23 +189,22 @@ int runClient(QCoreApplication &app)
     QObject::connect(&agent, &QProcess::readyReadStandardOutput,
                      [&agent] { out << QString::fromUtf8(agent.readAllStandardOutput()) << Qt::flush; });
 
-    auto root = zt::make<ClientRoot>();
-    root->setClientID(QStringLiteral("demo-client"));
     Events events;
-    root->setConnection(VDConnection::createWithDelegate(&events), &ReferenceRoot::agentRootProtocol());
+    zt::Ref<ZTClientNode> client = ZTClientNode::create<ClientConnection>(&events);
+    node = client.get();
+    client->setRootClass(ClientRoot::staticClassInfo());
+    client->setClientID(QStringLiteral("demo-client"));
     zt::Error error;
-    if (!root->connection()->socket()->connectToHostOnPortError(QStringLiteral("127.0.0.1"), port, &error)) {
+    if (!client->connectToHost(QStringLiteral("127.0.0.1"), port, &error)) {
         out << "cannot connect: " << error.localizedDescription() << Qt::endl;
         return 1;
     }
     QTimer::singleShot(20000, &app, [] { QCoreApplication::exit(2); });
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
-    if (root->model)
-        root->model->invalidateTree();
-    root->connection()->setDelegate(nullptr);
-    root->connection()->socket()->disconnect(); // the agent sees it and quits
-    root->setConnection(nullptr, nullptr);
+    if (events.model)
+        events.model->invalidateTree();
+    client->close(); // the agent sees its last client go and quits
     agent.waitForFinished(5000);
     out << QString::fromUtf8(agent.readAllStandardOutput()) << "[client] done" << Qt::endl;
     return rc;
@@ -226,15 +212,9 @@ int runClient(QCoreApplication &app)
 
 } // namespace
 
-ZT_DEFINE_CLASS(AgentRoot)
-void AgentRoot::registerMembers(zt::ClassBuilder<AgentRoot> &b)
-{
-    b.method("registerClient", &AgentRoot::registerClient);
-}
 ZT_DEFINE_CLASS(ClientRoot)
 void ClientRoot::registerMembers(zt::ClassBuilder<ClientRoot> &b)
 {
-    b.method("handshakeFromAgent:", &ClientRoot::handshakeFromAgent);
     b.method("agentFinished", &ClientRoot::agentFinished);
 }
 

@@ -1,5 +1,7 @@
 #include "core/ztapplication.h"
 
+#include "runtime/invocation.h"
+
 #include <atomic>
 
 namespace {
@@ -10,6 +12,13 @@ ZTApplicationDelegate::~ZTApplicationDelegate()
 {
     ZTApplicationDelegate *self = this;
     sharedDelegate.compare_exchange_strong(self, nullptr);
+}
+
+void ZTApplicationDelegate::sendForwardedInvocation(zt::Invocation &invocation, const ZTAbstractIPC *,
+                                                    const zt::Selector &)
+{
+    if (zt::Object *root = counterpart())
+        invocation.invokeWithTarget(root);
 }
 
 void ZTApplication::setDelegate(ZTApplicationDelegate *delegate)

@@ -7,6 +7,8 @@
 
 #include "runtime/object.h"
 
+class ZTAbstractIPC;
+
 class ZT_EXPORT ZTApplicationDelegate
 {
 public:
@@ -15,6 +17,12 @@ public:
     virtual zt::Object *counterpart() const = 0;
     //! The value naming this client to the agent; nil in the agent.
     virtual QVariant clientID() const { return {}; }
+    //! Sends a forwarded model call: `invocation` carries its forwarded name,
+    //! `object` is the model object it names, `selector` the call's own. The
+    //! default runs it on counterpart() (whose look-up finds the object by
+    //! name again); a host or node writes it straight to its connections.
+    virtual void sendForwardedInvocation(zt::Invocation &invocation, const ZTAbstractIPC *object,
+                                         const zt::Selector &selector);
 };
 
 class ZT_EXPORT ZTApplication

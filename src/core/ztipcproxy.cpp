@@ -2,6 +2,7 @@
 
 #include "core/ztabstractipc.h"
 #include "core/ztapplication.h"
+#include "core/ztforwardedselector.h"
 #include "runtime/dictionary.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
@@ -241,12 +242,49 @@ zt::MethodSignature ZTIPCProxy::methodSignatureForSelector(const zt::Selector &s
     return m_parent ? m_parent->methodSignatureForSelector(selector) : zt::MethodSignature();
 }
 
+zt::MethodSignature ZTIPCProxy::forwardedSignature(const ZTAbstractIPC *object, const zt::Selector &selector)
+{
+    if (!object->respondsToSelector(selector)) {
+        zt::log(ztTransport, u"ERROR %@ does not respond to %@", object, QString::fromLatin1(selector));
+        return {};
+    }
+    const zt::ClassInfo *super = object->classInfo().superclass();
+    if (const zt::MethodEntry *method = super ? super->instanceMethod(selector) : nullptr)
+        return method->signature;
+    zt::log(ztTransport, u"ERROR %@ responds to %@, but couldn't find the method signature", object,
+            QString::fromLatin1(selector));
+    return {};
+}
+
+void ZTIPCProxy::sendForwarded(zt::Invocation &invocation, const ZTAbstractIPC *object,
+                               const zt::Selector &selector,
+                               const std::function<void(zt::Invocation &)> &send)
+{
+    const zt::MethodSignature signature = forwardedSignature(object, selector);
+    if (!signature.isValid()) {
+        zt::log(ztTransport, u"ERROR No method signature for %@", QString::fromLatin1(invocation.selector()));
+        object->doesNotRecognizeSelector(invocation.selector());
+    }
+    if (signature == invocation.methodSignature())
+        return send(invocation);
+    zt::Invocation reshaped(signature);
+    reshaped.setSelector(invocation.selector());
+    const qsizetype n =
+        std::min(signature.numberOfArguments(), invocation.methodSignature().numberOfArguments());
+    for (qsizetype i = 2; i < n; ++i)
+        reshaped.setArgumentAtIndex(invocation.argumentAtIndex(i), i);
+    send(reshaped);
+    invocation.setReturnValue(reshaped.returnValue());
+}
+
 void ZTIPCProxy::forwardInvocation(zt::Invocation &invocation)
 {
     if (!m_parent)
         return;
-    const QString name = zt::format(u"%@_%@_%@_%@", prefix(), m_parent->className(), m_parent->description(),
-                                    QString::fromLatin1(invocation.selector()));
-    invocation.setSelector(name.toLatin1());
-    invocation.invokeWithTarget(remoteRoot());
+    const zt::Selector selector = invocation.selector();
+    invocation.setSelector(
+        ZTForwardedSelector::format(prefix(), m_parent->className(), m_parent->description(), selector));
+    if (ZTApplicationDelegate *delegate = ZTApplication::delegate())
+        delegate->sendForwardedInvocation(invocation, m_parent, selector);
+    // else no connection: the call is lost
 }

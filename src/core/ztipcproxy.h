@@ -12,6 +12,7 @@
 
 #include "runtime/object.h"
 
+#include <functional>
 #include <optional>
 
 class ZTAbstractIPC;
@@ -52,9 +53,26 @@ public:
     //! @sel clientDidChange:valuesAtIndexes:forKey:
     void clientDidChangeValuesAtIndexesForKey(quint64 kind, const zt::IndexSet &indexes, const QString &key);
 
+    //! The signature a forwarded call of `selector` on `object` travels with:
+    //! that of the method in the superclass of the object's class (or further
+    //! up). Invalid, after logging "ERROR %@ does not respond to %@" or "ERROR
+    //! %@ responds to %@, but couldn't find the method signature", otherwise.
+    static zt::MethodSignature forwardedSignature(const ZTAbstractIPC *object, const zt::Selector &selector);
+
     //! The parent's signature: a call is forwarded only if the model class declares it.
     zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override;
+    //! Renames the call "<prefix>_<class>_<UUID>_<selector>" and hands it,
+    //! with the parent it names, to the application delegate's
+    //! sendForwardedInvocation: a host or node writes it straight to its
+    //! connections, with no look-up of the parent by its name.
     void forwardInvocation(zt::Invocation &invocation) override;
+    //! The send path of a forwarded call on `object`: gives `invocation` (already
+    //! renamed) the forwarded signature of `selector` and passes it to `send`;
+    //! the caller keeps the result. Without a forwarded signature, logs "ERROR
+    //! No method signature for %@" and raises NSInvalidArgumentException.
+    static void sendForwarded(zt::Invocation &invocation, const ZTAbstractIPC *object,
+                              const zt::Selector &selector,
+                              const std::function<void(zt::Invocation &)> &send);
 
     //! @sel parent
     ZTAbstractIPC *parent() const { return m_parent; }

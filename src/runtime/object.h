@@ -63,6 +63,7 @@ public:
     // ---- class metadata ----
     static const ClassInfo &staticClassInfo();
     virtual const ClassInfo &classInfo() const { return staticClassInfo(); }
+    //! @sel className
     QString className() const { return classInfo().name(); }
     bool isKindOfClass(const ClassInfo &cls) const { return classInfo().isSubclassOf(cls); }
 

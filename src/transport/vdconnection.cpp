@@ -1,18 +1,18 @@
 #include "transport/vdconnection.h"
 
-#include "core/ztabstractipc.h"
-#include "core/ztdirectory.h"
-#include "core/ztipcproxy.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
 #include "runtime/logging.h"
 #include "runtime/process.h"
 
+#include "transport/vdconnection_p.h"
+
 #include <QtEndian>
 #include <cstring>
 
-bool VDSocketLogging = false;
-bool VDIPCLogging = false;
+// Info lines (what zt::log writes) are off until a logging rule turns them on.
+Q_LOGGING_CATEGORY(VDSocketLogging, "zt.transport.socket", QtWarningMsg)
+Q_LOGGING_CATEGORY(VDIPCLogging, "zt.transport.ipc", QtWarningMsg)
 
 namespace {
 constexpr long LengthTag = 0;
@@ -150,7 +150,7 @@ void VDConnection::sendInvocationToRemoteObject(zt::Invocation &invocation)
         m_returnHandlers.insert(handlerID, handler);
         invocation.setReturnValue(zt::objectValue(handler.get()));
     }
-    const QByteArray message = vd::dataFromInvocation(invocation, handlerID);
+    const QByteArray message = vd::dataFromInvocation(invocation, handlerID, m_bridge);
     if (allow || isHandshake(invocation.selector()))
         sendDataToRemoteObject(message);
     else if (m_isQueuing)
@@ -186,8 +186,7 @@ void VDConnection::receiveReply(const zt::Invocation &invocation)
     const qsizetype n = invocation.methodSignature().numberOfArguments();
     const QVariant result = invocation.argumentAtIndex(n - 2);
     const QString handlerID = invocation.argumentAtIndex(n - 1).toString();
-    if (VDIPCLogging)
-        zt::log(ztTransport, u"Received callback: value=%@", result);
+    zt::log(VDIPCLogging, u"Received callback: value=%@", result);
     zt::Ref<VDReturnHandler> handler = m_returnHandlers.take(handlerID);
     if (handler) {
         if (const VDReturnHandler::Block block = handler->returnHandlerBlock())
@@ -211,8 +210,8 @@ void VDConnection::dispatchBody(const QByteArray &body)
                 QString::fromLatin1(invocation->selector()));
         return;
     }
-    if (VDIPCLogging)
-        zt::log(ztTransport, u"Received call: %@", QString::fromLatin1(invocation->selector()));
+    if (VDIPCLogging().isInfoEnabled())
+        zt::log(VDIPCLogging, u"Received call: %@", QString::fromLatin1(invocation->selector()));
     invocation->invoke();
     // One selector string for every reply, so the proxy remembers its signature.
     static const zt::Selector reply(vd::ReturnedValueSelector);
@@ -244,17 +243,17 @@ void VDConnection::receiveBody(const QByteArray &body)
     }
 }
 
-void VDConnection::receiveForTesting(const QByteArray &bytes)
+void VDConnectionTestAccess::receive(VDConnection *connection, const QByteArray &bytes)
 {
-    zt::Ref<VDConnection> keepAlive(this);
+    zt::Ref<VDConnection> keepAlive(connection);
     qsizetype position = 0;
     while (bytes.size() - position >= 8) {
         const quint64 length = qFromBigEndian<quint64>(bytes.constData() + position);
         position += 8;
-        if (!bodyLengthAllowed(length) || length > quint64(bytes.size() - position))
+        if (!connection->bodyLengthAllowed(length) || length > quint64(bytes.size() - position))
             return;
         try {
-            receiveBody(bytes.mid(position, qsizetype(length)));
+            connection->receiveBody(bytes.mid(position, qsizetype(length)));
         } catch (const std::bad_alloc &) {
             zt::log(ztTransport, u"Out of memory while reading a message; closing the connection");
             return;
@@ -266,9 +265,9 @@ void VDConnection::receiveForTesting(const QByteArray &bytes)
 void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &data, long tag)
 {
     zt::Ref<VDConnection> keepAlive(this); // a delegate or a call may drop the last reference
-    if (VDSocketLogging) {
-        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didReadData:withTag:"));
-        zt::log(ztTransport, u"%@ [tag=%ld]", data, qint64(tag));
+    if (VDSocketLogging().isInfoEnabled()) {
+        zt::log(VDSocketLogging, u"%@", QStringLiteral("onSocket:didReadData:withTag:"));
+        zt::log(VDSocketLogging, u"%@ [tag=%ld]", data, qint64(tag));
     }
     try {
         if (tag == LengthTag) {
@@ -297,38 +296,33 @@ void VDConnection::onSocketDidReadDataWithTag(AsyncSocket *, const QByteArray &d
 
 void VDConnection::onSocketDidWriteDataWithTag(AsyncSocket *, long)
 {
-    if (VDSocketLogging)
-        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didWriteDataWithTag:"));
+    zt::log(VDSocketLogging, u"%@", QStringLiteral("onSocket:didWriteDataWithTag:"));
 }
 
 void VDConnection::onSocketDidConnectToHostPort(AsyncSocket *, const QString &host, quint16 port)
 {
-    if (VDSocketLogging)
-        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didConnectToHost:port:"));
+    zt::log(VDSocketLogging, u"%@", QStringLiteral("onSocket:didConnectToHost:port:"));
     if (m_delegate)
         m_delegate->onSocketDidConnectToHostPort(this, host, port);
 }
 
 void VDConnection::onSocketWillDisconnectWithError(AsyncSocket *, const zt::Error &error)
 {
-    if (VDSocketLogging)
-        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:willDisconnectWithError:"));
+    zt::log(VDSocketLogging, u"%@", QStringLiteral("onSocket:willDisconnectWithError:"));
     if (m_delegate)
         m_delegate->onSocketWillDisconnectWithError(this, error);
 }
 
 void VDConnection::onSocketDidDisconnect(AsyncSocket *)
 {
-    if (VDSocketLogging)
-        zt::log(ztTransport, u"%@", QStringLiteral("onSocketDidDisconnect:"));
+    zt::log(VDSocketLogging, u"%@", QStringLiteral("onSocketDidDisconnect:"));
     if (m_delegate)
         m_delegate->onSocketDidDisconnect(this);
 }
 
 void VDConnection::onSocketDidAcceptNewSocket(AsyncSocket *, AsyncSocket *newSocket)
 {
-    if (VDSocketLogging)
-        zt::log(ztTransport, u"%@", QStringLiteral("onSocket:didAcceptNewSocket:"));
+    zt::log(VDSocketLogging, u"%@", QStringLiteral("onSocket:didAcceptNewSocket:"));
     zt::Ref<VDConnection> accepted = createWithInnerSocketDelegate(zt::Ref<AsyncSocket>(newSocket), nullptr);
     if (m_delegate)
         m_delegate->onSocketDidAcceptNewSocket(this, accepted.get());
@@ -373,26 +367,12 @@ zt::MethodSignature VDConnectionRemoteProxy::methodSignatureForSelector(const zt
         if (s.isValid())
             return remember(s);
     }
-    const QString name = QString::fromLatin1(selector);
-    if (name.startsWith(ZTIPCProxy::prefix())) {
-        const QStringList parts = name.split(u'_');
-        if (parts.size() == 4) {
-            zt::Ref<ZTAbstractIPC> object = ZTDirectory::sharedInstance()->objectWithID(parts[2]);
-            const zt::Selector real = parts[3].toLatin1();
-            if (!object) {
-                zt::log(ztTransport, u"ERROR Counterpart for %@ is not registered", name);
-            } else if (!object->respondsToSelector(real)) {
-                zt::log(ztTransport, u"ERROR %@ does not respond to %@", object, parts[3]);
-            } else {
-                const zt::ClassInfo *super = object->classInfo().superclass();
-                const zt::MethodEntry *method = super ? super->instanceMethod(real) : nullptr;
-                if (method)
-                    return method->signature;
-                zt::log(ztTransport, u"ERROR %@ responds to %@, but couldn't find the method signature",
-                        object, parts[3]);
-            }
-        }
+    if (m_target && m_target->m_bridge) {
+        const zt::MethodSignature s = m_target->m_bridge->signatureForForwardedSelector(selector);
+        if (s.isValid())
+            return s;
     }
+    const QString name = QString::fromLatin1(selector);
     zt::log(ztTransport, u"ERROR No method signature for %@", name);
     return {};
 }

@@ -26,8 +26,10 @@
 #include "runtime/object.h"
 #include "transport/asyncsocket.h"
 #include "transport/vdmessage.h"
+#include "transport/vdmodelbridge.h"
 
 #include <QHash>
+#include <QLoggingCategory>
 #include <QMutex>
 #include <array>
 #include <functional>
@@ -35,10 +37,15 @@
 class VDConnection;
 class VDConnectionRemoteProxy;
 
-//! Process-wide diagnostic switches, off: log each socket event, each
-//! completed read, and each received call or callback.
-ZT_EXPORT extern bool VDSocketLogging;
-ZT_EXPORT extern bool VDIPCLogging;
+//! The connection's diagnostic logging, off by default: each socket event and
+//! each completed read ("zt.transport.socket"), each received call and
+//! callback ("zt.transport.ipc"). Turn them on with the logging rules, e.g.
+//! QT_LOGGING_RULES="zt.transport.socket.info=true". Categories, unlike plain
+//! booleans, may be switched while socket threads read them.
+ZT_EXPORT const QLoggingCategory &VDSocketLogging();
+ZT_EXPORT const QLoggingCategory &VDIPCLogging();
+
+class VDConnectionTestAccess;
 
 //! The connection's events, all optional; the first argument is always the
 //! connection, never the raw socket.
@@ -126,12 +133,13 @@ public:
     VDSocketDelegate *delegate() const { return m_delegate; }
     //! Not owned.
     void setDelegate(VDSocketDelegate *delegate) { m_delegate = delegate; }
+    //! @sel allowWriting
     bool allowWriting() const { return m_allowWriting; }
     //! Sets the gate directly; leaves queuing alone.
+    //! @sel setAllowWriting:
     void setAllowWriting(bool allow) { m_allowWriting = allow; }
     bool isQueuing() const { return m_isQueuing; }
     QList<QByteArray> queue() const { return m_queue; }
-    void setQueue(const QList<QByteArray> &queue) { m_queue = queue; }
     //! Calls awaiting their result.
     qsizetype pendingReturnHandlerCount() const { return m_returnHandlers.size(); }
 
@@ -141,19 +149,18 @@ public:
     //! Bounds on what one incoming argument may make the reader build.
     void setDecodeLimits(const vd::DecodeLimits &limits) { m_decodeLimits = limits; }
 
-    //! Hands `bytes` to the receive path as the socket's reads would: an
-    //! 8-byte length, then a body of that length, and so on, each body
-    //! decoded, run and answered exactly as one read from the socket (faults
-    //! logged and skipped). Stops at an incomplete length or body, and at a
-    //! length over the limit (logged; the socket is left open). The socket's
-    //! own reads are not involved. For fuzzing and tests.
-    void receiveForTesting(const QByteArray &bytes);
+    //! The model's answers: signatures of forwarded model calls and the
+    //! wiring check of object arguments. Not owned; null (the default) means
+    //! no forwarded calls and no wiring check before the property-list one.
+    void setModelBridge(const VDModelBridge *bridge) { m_bridge = bridge; }
+    const VDModelBridge *modelBridge() const { return m_bridge; }
 
 protected:
     void dealloc() override;
 
 private:
     friend class VDConnectionRemoteProxy;
+    friend class VDConnectionTestAccess;
     VDConnection() = default;
     void initWithInnerSocketDelegate(zt::Ref<AsyncSocket> socket, VDSocketDelegate *delegate);
     void issueLengthRead();
@@ -184,11 +191,12 @@ private:
     QList<QByteArray> m_queue;
     quint64 m_maximumMessageLength = quint64(64) << 20;
     vd::DecodeLimits m_decodeLimits;
+    const VDModelBridge *m_bridge = nullptr;
 };
 
 //! The object on which outgoing calls are made. Every message it does not
 //! define is looked up (the remote protocol; for forwarded model calls, the
-//! directory) and handed to the connection's send path.
+//! connection's model bridge) and handed to the connection's send path.
 class ZT_EXPORT VDConnectionRemoteProxy : public zt::Object
 {
     ZT_OBJECT(VDConnectionRemoteProxy, zt::Object)

@@ -1,12 +1,12 @@
 #include "transport/vdmessage.h"
 
-#include "core/ztipcproxy.h"
 #include "runtime/exception.h"
 #include "runtime/fastpath_p.h"
 #include "runtime/format.h"
 #include "runtime/logging.h"
 #include "runtime/plist.h"
 #include "runtime/variant_inplace_p.h"
+#include "transport/vdmodelbridge.h"
 
 #include <QtEndian>
 #include <algorithm>
@@ -14,9 +14,24 @@
 #include <cstring>
 #include <vector>
 
+VDModelBridge::~VDModelBridge() = default;
+
 namespace vd {
 
 namespace {
+
+// A payload as a log line shows it: whole when short, else its first bytes and
+// its length, so that a huge faulty payload costs a short line.
+constexpr qsizetype LoggedPayloadBytes = 64;
+
+QString payloadExcerpt(QByteArrayView payload)
+{
+    if (payload.size() <= LoggedPayloadBytes)
+        return zt::describe(payload.toByteArray());
+    return zt::format(u"%@ (first %ld of %ld bytes)",
+                      zt::describe(payload.first(LoggedPayloadBytes).toByteArray()),
+                      qint64(LoggedPayloadBytes), qint64(payload.size()));
+}
 
 void appendWord(QByteArray &out, quint64 v)
 {
@@ -225,7 +240,8 @@ void appendGeneralRecord(MessageBuffer &out, const QVariant &boxed)
 
 // The record of one argument, per its type code.
 void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &value,
-                    const zt::MethodSignature &signature, qsizetype position, const zt::Selector &selector)
+                    const zt::MethodSignature &signature, qsizetype position, const zt::Selector &selector,
+                    const VDModelBridge *bridge)
 {
     if (signature.argumentCodeAt(position) == '@') {
         // The kinds that are always wired first; the others are checked.
@@ -246,7 +262,7 @@ void appendArgument(RecentValues &recent, MessageBuffer &out, const QVariant &va
                 return;
             break;
         default:
-            if (!ZTIPCProxy::canWireValue(value))
+            if (bridge && !bridge->canWireValue(value))
                 unknownObjectType(value, selector);
         }
         return appendGeneralRecord(out, value);
@@ -330,7 +346,8 @@ const zt::Protocol &VDInternalVDConnectionProtocol()
     return protocol;
 }
 
-QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &handlerID)
+QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &handlerID,
+                              const VDModelBridge *bridge)
 {
     const zt::Selector &selector = invocation.selector();
     const zt::MethodSignature &signature = invocation.methodSignature();
@@ -351,7 +368,7 @@ QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &h
     out.appendWord(quint64(k));
     RecentValues &recent = recentValues();
     for (qsizetype i = 0; i < k; ++i)
-        appendArgument(recent, out, invocation.argumentAtIndex(i + 2), signature, i + 2, selector);
+        appendArgument(recent, out, invocation.argumentAtIndex(i + 2), signature, i + 2, selector, bridge);
     return out.take();
 }
 
@@ -407,7 +424,7 @@ std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object
         } else {
             zt::Error error;
             if (!readPayloadInto(recent, payload, decoded, &error, limits.plist))
-                zt::log(ztTransport, u"Could not deserialize %@ (%@)", payload.toByteArray(),
+                zt::log(ztTransport, u"Could not deserialize %@ (%@)", payloadExcerpt(payload),
                         QString::fromLatin1(selector));
         }
         convertForCode(decoded, signature, position, selector);

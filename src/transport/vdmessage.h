@@ -25,6 +25,8 @@
 #include "runtime/plist.h"
 
 #include <QByteArrayView>
+
+class VDModelBridge;
 #include <cstring>
 
 namespace vd {
@@ -63,9 +65,12 @@ inline bool isReturnedValueSelector(const zt::Selector &selector)
 }
 
 //! One whole message (length field included) for an invocation. Raises
-//! "Unknown object type", "Unknown argument format" or "EWREW" for arguments
-//! that cannot be sent; nothing is produced then.
-ZT_EXPORT QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &handlerID);
+//! "Unknown object type" (an object argument the bridge refuses), "Unknown
+//! argument format" or "EWREW" (not a property list) for arguments that
+//! cannot be sent; nothing is produced then. Without a bridge every object
+//! argument goes straight to the property-list check.
+ZT_EXPORT QByteArray dataFromInvocation(const zt::Invocation &invocation, const QString &handlerID,
+                                        const VDModelBridge *bridge = nullptr);
 
 //! Limits on what a body may make the reader build.
 struct DecodeLimits
@@ -76,7 +81,10 @@ struct DecodeLimits
 //! Decodes a body (the length field already consumed) into a ready-to-run
 //! invocation on `target`. Answers nullopt when the selector has no signature
 //! on the target. Raises "Wrong number of arguments", "Unknown argument
-//! format", or NSRangeException for a body shorter than its fields.
+//! format", or NSRangeException for a body shorter than its fields. A
+//! payload that is not a property list is logged ("Could not deserialize %@
+//! (%@)", long payloads cut to their first 64 bytes and their length) and
+//! arrives as nil.
 ZT_EXPORT std::optional<zt::Invocation> invocationFromData(QByteArrayView body, zt::Object *target,
                                                            QString *handlerID,
                                                            const DecodeLimits &limits = {});

@@ -1,6 +1,7 @@
-// The agent of the end-to-end test: listens on loopback, waits for a client
-// to register, hands it the root node, then changes the model step by step.
-// It prints "LISTENING <port>" when ready and exits when the client leaves.
+// The agent of the end-to-end test: serves every peer on loopback, hands each
+// client that registers the root node, and when the first one has, changes
+// the model step by step (every change reaches every registered client). It
+// prints "LISTENING <port>" when ready and exits when its last client leaves.
 
 #include "e2e_model.h"
 #include "runtime/kvc.h"
@@ -11,13 +12,22 @@
 
 namespace {
 
-class AgentRoot : public ReferenceRoot
+class Agent : public ZTAgentHostDelegate
 {
-    ZT_OBJECT(AgentRoot, ReferenceRoot)
 public:
     zt::Ref<E2EAgentNode> model;
+    bool scripted = false;
 
-    void registerClient();
+    void hostDidRegisterClient(ZTAgentHost *host, VDConnection *) override
+    {
+        if (!std::exchange(scripted, true))
+            runScript(host);
+    }
+    void hostDidLoseClient(ZTAgentHost *host, VDConnection *) override
+    {
+        if (host->clients().isEmpty())
+            QCoreApplication::quit();
+    }
 
 private:
     zt::Ref<E2EAgentNode> child(const QString &name, qint64 count)
@@ -28,74 +38,49 @@ private:
         c->setCount(count);
         return c;
     }
-};
-
-class Listener : public VDSocketDelegate
-{
-public:
-    AgentRoot *root = nullptr;
-    void onSocketDidAcceptNewSocket(VDConnection *, VDConnection *accepted) override
+    // Every kind of change, in order.
+    void runScript(ZTAgentHost *host)
     {
-        accepted->setDelegate(this);
-        root->setConnection(accepted, &e2eClientRootProtocol());
+        model->setName(QStringLiteral("mirror"));
+        for (qint64 i = 1; i <= 100; ++i)
+            model->setCount(i);
+        zt::MutableArrayProxy children = model->mutableArrayValueForKey(QStringLiteral("children"));
+        children.addObjects({zt::objectValue(child(QStringLiteral("a"), 1).get()),
+                             zt::objectValue(child(QStringLiteral("b"), 2).get()),
+                             zt::objectValue(child(QStringLiteral("c"), 3).get())});
+        auto b = zt::dynamicCast<E2ENode>(zt::Ref<zt::Object>(zt::objectFrom(children.objectAtIndex(1))));
+        children.removeObjectAtIndex(1);
+        b->invalidate();
+        children.replaceObjectAtIndex(0, zt::objectValue(child(QStringLiteral("d"), 4).get()));
+        children.insertObjectAtIndex(zt::objectValue(child(QStringLiteral("e"), 5).get()), 1);
+        host->counterpart()->perform("agentFinished:", {describeTree(model.get())});
     }
-    void onSocketDidDisconnect(VDConnection *) override { QCoreApplication::quit(); }
 };
 
 } // namespace
-
-ZT_DEFINE_CLASS(AgentRoot)
-void AgentRoot::registerMembers(zt::ClassBuilder<AgentRoot> &b)
-{
-    b.method("registerClient", &AgentRoot::registerClient);
-}
-
-void AgentRoot::registerClient()
-{
-    VDConnectionRemoteProxy *client = connection()->proxyForRemoteObject();
-    client->perform("handshakeFromAgent:", {model->dictionary()});
-    connection()->setAllowWriting(true);
-
-    // The script: every kind of change, in order.
-    model->setName(QStringLiteral("mirror"));
-    for (qint64 i = 1; i <= 100; ++i)
-        model->setCount(i);
-    zt::MutableArrayProxy children = model->mutableArrayValueForKey(QStringLiteral("children"));
-    children.addObjects({zt::objectValue(child(QStringLiteral("a"), 1).get()),
-                         zt::objectValue(child(QStringLiteral("b"), 2).get()),
-                         zt::objectValue(child(QStringLiteral("c"), 3).get())});
-    auto b = zt::dynamicCast<E2ENode>(zt::Ref<zt::Object>(zt::objectFrom(children.objectAtIndex(1))));
-    children.removeObjectAtIndex(1);
-    b->invalidate();
-    children.replaceObjectAtIndex(0, zt::objectValue(child(QStringLiteral("d"), 4).get()));
-    children.insertObjectAtIndex(zt::objectValue(child(QStringLiteral("e"), 5).get()), 1);
-    client->perform("agentFinished:", {describeTree(model.get())});
-}
 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.E2EAgent"));
 
-    auto root = zt::make<AgentRoot>();
-    root->model = zt::make<E2EAgentNode>();
-    root->model->init();
-    root->model->setName(QStringLiteral("start"));
+    Agent agent;
+    agent.model = zt::make<E2EAgentNode>();
+    agent.model->init();
+    agent.model->setName(QStringLiteral("start"));
 
-    Listener listener;
-    listener.root = root.get();
-    zt::Ref<VDConnection> listening = VDConnection::createWithDelegate(&listener);
+    zt::Ref<ZTAgentHost> host = ZTAgentHost::create(agent.model.get(), &agent);
+    host->setClientProtocol(&e2eClientRootProtocol());
     zt::Error error;
-    if (!listening->socket()->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0, &error)) {
+    if (!host->listen(QStringLiteral("127.0.0.1"), 0, &error)) {
         QTextStream(stderr) << "cannot listen: " << error.localizedDescription() << '\n';
         return 1;
     }
-    QTextStream(stdout) << "LISTENING " << listening->socket()->localPort() << Qt::endl;
+    QTextStream(stdout) << "LISTENING " << host->port() << Qt::endl;
     const int rc = app.exec();
     // The event loop is over: sockets close at once instead of draining.
     AsyncSocket::setIsTerminating(true);
-    root->model->invalidateTree();
-    root->setConnection(nullptr, nullptr);
-    listening->socket()->disconnect();
+    host->close();
+    agent.model->invalidateTree();
     return rc;
 }

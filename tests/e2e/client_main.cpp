@@ -1,11 +1,12 @@
-// The client of the end-to-end test: connects to the agent's port, registers,
-// mirrors the model it is handed, and when the agent says it has finished,
-// prints what it mirrors, calls the agent back (an action and a call that
-// returns a value), and prints the outcome:
+// The client of the end-to-end test: connects to the agent's port, mirrors
+// the model it is handed, and when the agent says it has finished, prints
+// what it mirrors, calls the agent back (an action and a call that returns a
+// value), and prints the outcome:
 //   MIRROR <tree as the client sees it>
 //   EXPECTED <tree as the agent described it>
 //   SUMMARY <value returned by the agent>
 //   FINAL <tree after the action's change came back>
+// With "--wait" it reads one line from its input before calling back.
 
 #include "e2e_model.h"
 #include "runtime/process.h"
@@ -13,54 +14,53 @@
 #include <QCoreApplication>
 #include <QTextStream>
 #include <QTimer>
+#include <cstdio>
 
 namespace {
 
 QTextStream out(stdout);
+ZTClientNode *node = nullptr;
+bool waitForInput = false;
 
-class ClientRoot : public ReferenceRoot
+void callBack()
 {
-    ZT_OBJECT(ClientRoot, ReferenceRoot)
-public:
-    zt::Ref<E2ENode> model;
-
-    void handshakeFromAgent(const QVariantMap &dictionary)
-    {
-        model = zt::dynamicCast<E2ENode>(ZTAbstractIPC::createCounterpartWithUUID<E2EClientNode>(
-            dictionary.value(QStringLiteral("description")).toString()));
-        model->setName(dictionary.value(QStringLiteral("name")).toString());
-        connection()->setAllowWriting(true);
+    auto *model = node->mirror<E2ENode>();
+    // A forwarded action, then a call whose result comes back.
+    model->counterpart()->perform("renameTo:", {QStringLiteral("renamed")});
+    const QVariant handler = model->counterpart()->perform("summary");
+    auto returned = zt::dynamicCast<VDReturnHandler>(zt::Ref<zt::Object>(zt::objectFrom(handler)));
+    if (!returned) {
+        out << "NO HANDLER" << Qt::endl;
+        QCoreApplication::exit(2);
+        return;
     }
+    returned->returnedValue([model](const QVariant &value) {
+        out << "SUMMARY " << value.toString() << '\n' << "FINAL " << describeTree(model) << Qt::endl;
+        QCoreApplication::quit();
+    });
+}
 
+class ClientRoot : public ZTRootObject
+{
+    ZT_OBJECT(ClientRoot, ZTRootObject)
+public:
     void agentFinished(const QString &agentView)
     {
-        out << "MIRROR " << describeTree(model.get()) << '\n' << "EXPECTED " << agentView << Qt::endl;
-        // A forwarded action, then a call whose result comes back.
-        model->counterpart()->perform("renameTo:", {QStringLiteral("renamed")});
-        const QVariant handler = model->counterpart()->perform("summary");
-        auto returned = zt::dynamicCast<VDReturnHandler>(zt::Ref<zt::Object>(zt::objectFrom(handler)));
-        if (!returned) {
-            out << "NO HANDLER" << Qt::endl;
-            QCoreApplication::exit(2);
-            return;
+        out << "MIRROR " << describeTree(node->mirror<E2ENode>()) << '\n'
+            << "EXPECTED " << agentView << Qt::endl;
+        if (waitForInput) {
+            char line[16];
+            if (!std::fgets(line, sizeof line, stdin))
+                return QCoreApplication::exit(5);
         }
-        returned->returnedValue([this](const QVariant &value) {
-            out << "SUMMARY " << value.toString() << '\n'
-                << "FINAL " << describeTree(model.get()) << Qt::endl;
-            QCoreApplication::quit();
-        });
+        callBack();
     }
 };
 
-class Events : public VDSocketDelegate
+class Events : public ZTClientNodeDelegate
 {
 public:
-    ClientRoot *root = nullptr;
-    void onSocketDidConnectToHostPort(VDConnection *connection, const QString &, quint16) override
-    {
-        connection->proxyForRemoteObject()->perform("registerClient");
-    }
-    void onSocketDidDisconnect(VDConnection *) override { QCoreApplication::exit(3); }
+    void nodeDidDisconnect(ZTClientNode *) override { QCoreApplication::exit(3); }
 };
 
 } // namespace
@@ -68,7 +68,6 @@ public:
 ZT_DEFINE_CLASS(ClientRoot)
 void ClientRoot::registerMembers(zt::ClassBuilder<ClientRoot> &b)
 {
-    b.method("handshakeFromAgent:", &ClientRoot::handshakeFromAgent);
     b.method("agentFinished:", &ClientRoot::agentFinished);
 }
 
@@ -78,24 +77,22 @@ int main(int argc, char **argv)
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.E2EClient"));
     if (argc < 2)
         return 64;
-    auto root = zt::make<ClientRoot>();
-    root->setClientID(QStringLiteral("e2e-client"));
+    waitForInput = argc > 2 && QByteArray(argv[2]) == "--wait";
     Events events;
-    events.root = root.get();
-    root->setConnection(VDConnection::createWithDelegate(&events), &e2eAgentRootProtocol());
+    zt::Ref<ZTClientNode> client = ZTClientNode::create<E2EClientNode>(&events);
+    node = client.get();
+    client->setRootClass(ClientRoot::staticClassInfo());
+    client->setClientID(QStringLiteral("e2e-client"));
     zt::Error error;
-    if (!root->connection()->socket()->connectToHostOnPortError(
-            QStringLiteral("127.0.0.1"), quint16(QByteArray(argv[1]).toUInt()), &error)) {
+    if (!client->connectToHost(QStringLiteral("127.0.0.1"), quint16(QByteArray(argv[1]).toUInt()), &error)) {
         QTextStream(stderr) << "cannot connect: " << error.localizedDescription() << '\n';
         return 1;
     }
     QTimer::singleShot(30000, &app, [] { QCoreApplication::exit(4); });
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
-    if (root->model)
-        root->model->invalidateTree();
-    root->connection()->setDelegate(nullptr);
-    root->connection()->socket()->disconnect();
-    root->setConnection(nullptr, nullptr);
+    if (auto *model = client->mirror<E2ENode>())
+        model->invalidateTree();
+    client->close();
     return rc;
 }

@@ -138,13 +138,13 @@ QString describeTree(const E2ENode *node)
 
 const zt::Protocol &e2eAgentRootProtocol()
 {
-    return ReferenceRoot::agentRootProtocol();
+    return ZTRootObject::agentRootProtocol();
 }
 
 const zt::Protocol &e2eClientRootProtocol()
 {
     static const zt::Protocol protocol = [] {
-        zt::Protocol p = ReferenceRoot::clientRootProtocol();
+        zt::Protocol p = ZTRootObject::clientRootProtocol();
         p.addMethod("agentFinished:", zt::MethodSignature::fromTypes("v@:@"));
         return p;
     }();

@@ -4,7 +4,8 @@
 // boundary as their dictionaries. E2ENode plays the framework's abstract
 // model class; each process has its concrete subclass.
 
-#include "referenceroot.h"
+#include "core/ztagenthost.h"
+#include "core/ztclientnode.h"
 
 class E2ENode : public ZTAbstractIPC
 {

@@ -8,9 +8,12 @@
 
 #include "core/ztabstractipc.h"
 #include "core/ztdirectory.h"
+#include "core/ztforwardedselector.h"
+#include "core/ztrootobject.h"
 #include "runtime/process.h"
 #include "transport/asyncsocket_support.h"
 #include "transport/vdconnection.h"
+#include "transport/vdconnection_p.h"
 
 #include <QRegularExpression>
 #include <QTcpServer>
@@ -54,11 +57,11 @@ public:
     zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override
     {
         const zt::MethodSignature own = Object::methodSignatureForSelector(selector);
-        const QStringList parts = QString::fromLatin1(selector).split(u'_');
-        if (own.isValid() || parts.size() != 4)
+        const std::optional<ZTForwardedSelector> parts = ZTForwardedSelector::parse(selector);
+        if (own.isValid() || !parts)
             return own;
-        const auto object = ZTDirectory::sharedInstance()->objectWithID(parts[2]);
-        return object ? object->methodSignatureForSelector(parts[3].toLatin1()) : zt::MethodSignature();
+        const auto object = ZTDirectory::sharedInstance()->objectWithID(QString::fromLatin1(parts->objectID));
+        return object ? object->methodSignatureForSelector(parts->selector) : zt::MethodSignature();
     }
     void forwardInvocation(zt::Invocation &invocation) override
     {
@@ -205,6 +208,7 @@ public:
         auto root = zt::make<VDTestRoot>(u"server-root-%1"_s.arg(accepted.size()));
         connection->setDelegate(this);
         connection->setLocalObject(root.get());
+        connection->setModelBridge(&ZTRootObject::modelBridge());
         connection->setProtocolForRemoteObject(&rootProtocol());
         accepted.emplace_back(connection);
         serverRoots.push_back(root);
@@ -278,6 +282,7 @@ private:
             clients.push_back(VDConnection::createWithDelegate(this));
             clientRoots.push_back(zt::make<VDTestRoot>(u"client-root-%1"_s.arg(n)));
             clients.back()->setLocalObject(clientRoots.back().get());
+            clients.back()->setModelBridge(&ZTRootObject::modelBridge());
             clients.back()->setProtocolForRemoteObject(&rootProtocol());
             socket = clients.back()->socket();
         }
@@ -340,17 +345,17 @@ TEST(VDConnectionDelegate, ReleasedConnectionsCloseTheirSockets)
     EXPECT_TRUE(client->isDisconnected());
 }
 
-// The diagnostic switch names each socket event, and each completed read
-// with its bytes and tag.
+// The "zt.transport.socket" category names each socket event, and each
+// completed read with its bytes and tag.
 TEST(VDConnectionDelegate, SocketLoggingNamesEachEvent)
 {
     zttest::LogCapture log;
-    VDSocketLogging = true;
+    QLoggingCategory::setFilterRules(u"zt.transport.socket.info=true"_s);
     Link link;
     const bool connected = link.connect();
     link.client()->proxyForRemoteObject()->perform("registerClient");
     const bool arrived = connected && waitForCall(link.serverRoot(), u"registerClient"_s);
-    VDSocketLogging = false;
+    QLoggingCategory::setFilterRules({});
     ASSERT_TRUE(arrived);
     const QStringList lines = log.lines();
     for (const char *event : {"onSocket:didAcceptNewSocket:", "onSocket:didConnectToHost:port:",
@@ -492,7 +497,7 @@ TEST(VDConnectionHandlers, CallsWithoutAnObjectResultGetNoHandlerAndNoReply)
     ASSERT_TRUE(link.connect());
     VDConnection *c = link.client();
     zttest::LogCapture log;
-    VDIPCLogging = true;
+    QLoggingCategory::setFilterRules(u"zt.transport.ipc.info=true"_s);
     const QVariant voidResult = c->proxyForRemoteObject()->perform("note:", {u"x"_s});
     const QVariant intResult = c->proxyForRemoteObject()->perform("lengthOf:", {u"four"_s});
     EXPECT_FALSE(voidResult.isValid());
@@ -504,7 +509,7 @@ TEST(VDConnectionHandlers, CallsWithoutAnObjectResultGetNoHandlerAndNoReply)
         ->returnedValue([&](const QVariant &v) { results.append(v); });
     EXPECT_EQ(c->pendingReturnHandlerCount(), 2);
     const bool arrived = waitUntil([&] { return !results.isEmpty(); });
-    VDIPCLogging = false;
+    QLoggingCategory::setFilterRules({});
     ASSERT_TRUE(arrived);
     EXPECT_EQ(c->pendingReturnHandlerCount(), 0);
     // The two ends log in one process; each end's lines keep their order.
@@ -606,6 +611,11 @@ TEST(VDConnectionReceive, AFaultyMessageIsLoggedAndSkipped)
          frame(body("note:", {}, {hex("0102")})),
          {u"Could not deserialize <0102> (note:)"_s},
          {u"note: nil"_s}},
+        {"a long unparsable payload is logged by its first 64 bytes and its length",
+         frame(body("note:", {}, {QByteArray(100000, '\1')})),
+         {u"Could not deserialize %1 (first 64 of 100000 bytes) (note:)"_s.arg(
+             zt::describe(QByteArray(64, '\1')))},
+         {u"note: nil"_s}},
         {"unknown selector", frame(body("nope:", {}, {good})), {}, {}},
         {"refused selector",
          frame(body("refuse:", {}, {good})),
@@ -696,6 +706,12 @@ TEST(VDConnectionReceive, TheTestEntryPointReadsFramesAsTheSocketDoes)
     auto c = VDConnection::createWithDelegate(nullptr);
     c->setLocalObject(root.get());
     c->setMaximumMessageLength(200);
+    vd::DecodeLimits shallow;
+    shallow.plist.maxDepth = 2;
+    c->setDecodeLimits(shallow);
+    const QVariant level3 = QVariantList{1};
+    const QVariant level2 = QVariantList{level3};
+    const QByteArray deep = zt::plist::writeBinary(QVariantList{level2}); // three levels
     const QStringList ab{u"note: s\"a\""_s, u"note: s\"b\""_s};
     const struct
     {
@@ -710,6 +726,10 @@ TEST(VDConnectionReceive, TheTestEntryPointReadsFramesAsTheSocketDoes)
          ab,
          {u"NSRangeException: *** -[NSData getBytes:range:]: range {0, 8} exceeds data length 1"_s}},
         {"an incomplete body ends the stream", noteFrame("a") + noteFrame("b").chopped(1), ab.mid(0, 1), {}},
+        {"a payload deeper than the decode limits runs with nil",
+         frame(body("note:", {}, {deep})),
+         {u"note: nil"_s},
+         {u"Could not deserialize %1 (note:)"_s.arg(zt::describe(deep))}},
         {"an incomplete length ends the stream", noteFrame("a") + QByteArray(7, '\0'), ab.mid(0, 1), {}},
         {"a length over the limit ends the stream",
          word(201) + noteFrame("a"),
@@ -720,7 +740,7 @@ TEST(VDConnectionReceive, TheTestEntryPointReadsFramesAsTheSocketDoes)
         SCOPED_TRACE(row.name);
         root->calls.clear();
         zttest::LogCapture log;
-        c->receiveForTesting(row.bytes);
+        VDConnectionTestAccess::receive(c.get(), row.bytes);
         EXPECT_EQ(root->calls, row.ran);
         EXPECT_EQ(log.lines(), row.logged);
     }
@@ -826,8 +846,10 @@ TEST_F(VDConnectionRemoteProxyTest, FindsSignaturesInTheProtocolOrThroughTheDire
         {"five parts", "toAgent_VDThing_THING-1_ping_x", {}, {none("toAgent_VDThing_THING-1_ping_x")}},
         {"unknown plain selector", "fly:", {}, {none("fly:")}},
     };
-    VDConnectionRemoteProxy proxy;
-    proxy.setProtocolForRemoteObject(&rootProtocol());
+    auto connection = VDConnection::createWithDelegate(nullptr);
+    connection->setModelBridge(&ZTRootObject::modelBridge());
+    connection->setProtocolForRemoteObject(&rootProtocol());
+    VDConnectionRemoteProxy &proxy = *connection->proxyForRemoteObject();
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         zttest::LogCapture log;
@@ -850,7 +872,9 @@ TEST_F(VDConnectionRemoteProxyTest, RememberedSignaturesFollowTheProtocolAndTheD
     const zt::Selector echo = "echo:";
     const zt::Selector forwarded = "toAgent_VDThing_THING-1_rename:times:";
     const zt::Protocol other(u"Other"_s, {{"echo:", "v@:q"}});
-    VDConnectionRemoteProxy proxy;
+    auto connection = VDConnection::createWithDelegate(nullptr);
+    connection->setModelBridge(&ZTRootObject::modelBridge());
+    VDConnectionRemoteProxy &proxy = *connection->proxyForRemoteObject();
     proxy.setProtocolForRemoteObject(&rootProtocol());
     EXPECT_EQ(proxy.methodSignatureForSelector(echo).types(), "@@:@");
     EXPECT_EQ(proxy.methodSignatureForSelector(echo).types(), "@@:@");

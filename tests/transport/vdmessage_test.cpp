@@ -5,6 +5,8 @@
 
 #include "transport/vd_support.h"
 
+#include "core/ztrootobject.h"
+
 #include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
@@ -559,7 +561,7 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
         const zt::Invocation invocation = call(row.selector, row.arguments);
         QString raised;
         try {
-            vd::dataFromInvocation(invocation, u"H"_s);
+            vd::dataFromInvocation(invocation, u"H"_s, &ZTRootObject::modelBridge());
         } catch (const zt::Exception &e) {
             raised = row.raised.contains(u": "_s) ? e.name() + u": "_s + maskPointers(e.reason()) : e.name();
         }

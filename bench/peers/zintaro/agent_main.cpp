@@ -12,49 +12,27 @@
 
 namespace {
 
-class BenchAgentRoot : public ReferenceRoot
-{
-    ZT_OBJECT(BenchAgentRoot, ReferenceRoot)
-public:
-    zt::Ref<AgentCounter> counter;
-    void registerClient()
-    {
-        connection()->proxyForRemoteObject()->perform("handshakeFromAgent:", {counter->dictionary()});
-        connection()->setAllowWriting(true);
-    }
-};
-
-class Listener : public VDSocketDelegate
+class Agent : public ZTAgentHostDelegate
 {
 public:
-    BenchAgentRoot *root = nullptr;
-    void onSocketDidAcceptNewSocket(VDConnection *, VDConnection *accepted) override
+    void hostDidLoseClient(ZTAgentHost *host, VDConnection *) override
     {
-        accepted->setDelegate(this);
-        root->setConnection(accepted, &benchClientRootProtocol());
+        if (host->clients().isEmpty())
+            QCoreApplication::quit();
     }
-    void onSocketDidDisconnect(VDConnection *) override { QCoreApplication::quit(); }
 };
 
 } // namespace
-
-ZT_DEFINE_CLASS(BenchAgentRoot)
-void BenchAgentRoot::registerMembers(zt::ClassBuilder<BenchAgentRoot> &b)
-{
-    b.method("registerClient", &BenchAgentRoot::registerClient);
-}
 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.BenchAgent"));
-    auto root = zt::make<BenchAgentRoot>();
-    root->counter = zt::make<AgentCounter>();
-    root->counter->init();
-    Listener listener;
-    listener.root = root.get();
-    zt::Ref<VDConnection> listening = VDConnection::createWithDelegate(&listener);
-    if (!listening->socket()->acceptOnInterfacePortError(QStringLiteral("127.0.0.1"), 0))
+    auto counter = zt::make<AgentCounter>();
+    counter->init();
+    Agent agent;
+    zt::Ref<ZTAgentHost> host = ZTAgentHost::create(counter.get(), &agent);
+    if (!host->listen(QStringLiteral("127.0.0.1"), 0))
         return 1;
     QSocketNotifier stdinWatch(STDIN_FILENO, QSocketNotifier::Read);
     QObject::connect(&stdinWatch, &QSocketNotifier::activated, [&] {
@@ -62,11 +40,10 @@ int main(int argc, char **argv)
         if (::read(STDIN_FILENO, buffer, sizeof buffer) <= 0)
             QCoreApplication::quit();
     });
-    QTextStream(stdout) << "READY " << listening->socket()->localPort() << Qt::endl;
+    QTextStream(stdout) << "READY " << host->port() << Qt::endl;
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
-    root->counter->invalidate();
-    root->setConnection(nullptr, nullptr);
-    listening->socket()->disconnect();
+    host->close();
+    counter->invalidate();
     return rc;
 }

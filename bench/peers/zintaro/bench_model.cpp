@@ -43,8 +43,3 @@ QVariantMap BenchCounter::dictionary() const
     d.insert(QStringLiteral("value"), m_value);
     return d;
 }
-
-const zt::Protocol &benchClientRootProtocol()
-{
-    return ReferenceRoot::clientRootProtocol();
-}

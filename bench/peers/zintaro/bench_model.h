@@ -3,7 +3,8 @@
 // an integer property. BenchCounter plays the abstract model class (it
 // declares the calls a client forwards); each process has its concrete class.
 
-#include "referenceroot.h"
+#include "core/ztagenthost.h"
+#include "core/ztclientnode.h"
 
 class BenchCounter : public ZTAbstractIPC
 {
@@ -34,6 +35,3 @@ class ClientCounter : public BenchCounter
 {
     ZT_OBJECT(ClientCounter, BenchCounter)
 };
-
-//! The client root's protocol as the benchmark agent sees it.
-const zt::Protocol &benchClientRootProtocol();

@@ -21,9 +21,8 @@ constexpr int kRoundTrips = 10000;
 constexpr int kWarmUpRoundTrips = 200;
 constexpr int kTimeoutMs = 120000;
 
-class BenchClientRoot : public ReferenceRoot
+class BenchClientRoot : public ZTClientNodeDelegate
 {
-    ZT_OBJECT(BenchClientRoot, ReferenceRoot)
 public:
     zt::Ref<BenchCounter> counter;
     // Counting applied changes: the moment the expected value lands.
@@ -32,11 +31,9 @@ public:
     qint64 doneAt = -1;
     QElapsedTimer clock;
 
-    void handshakeFromAgent(const QVariantMap &dictionary)
+    void nodeDidBecomeReady(ZTClientNode *, ZTAbstractIPC *mirror) override
     {
-        counter = zt::dynamicCast<BenchCounter>(ZTAbstractIPC::createCounterpartWithUUID<ClientCounter>(
-            dictionary.value(QStringLiteral("description")).toString()));
-        counter->setValue(dictionary.value(QStringLiteral("value")).toLongLong());
+        counter = zt::Ref<BenchCounter>(dynamic_cast<BenchCounter *>(mirror));
         // A client mirror observes what it shows; the handler counts.
         counter->addObservationToken(
             zt::observeKeyPathOptionsHandler(counter.get(), QStringLiteral("value"), zt::ObservingOption::New,
@@ -45,24 +42,14 @@ public:
                                                  if (change.newValue.toLongLong() == target)
                                                      doneAt = clock.nsecsElapsed();
                                              }));
-        connection()->setAllowWriting(true);
-    }
-};
-
-class Events : public VDSocketDelegate
-{
-public:
-    void onSocketDidConnectToHostPort(VDConnection *connection, const QString &, quint16) override
-    {
-        connection->proxyForRemoteObject()->perform("registerClient");
     }
 };
 
 struct ZintaroLink
 {
     ztbench::PeerProcess agent{QStringLiteral(ZT_ZINTARO_PEER)};
-    zt::Ref<BenchClientRoot> root = zt::make<BenchClientRoot>();
-    Events events;
+    std::unique_ptr<BenchClientRoot> root = std::make_unique<BenchClientRoot>();
+    zt::Ref<ZTClientNode> node = ZTClientNode::create<ClientCounter>(root.get());
     QString error;
 
     bool open()
@@ -74,9 +61,7 @@ struct ZintaroLink
             return false;
         }
         root->clock.start();
-        root->setConnection(VDConnection::createWithDelegate(&events), &ReferenceRoot::agentRootProtocol());
-        if (!root->connection()->socket()->connectToHostOnPortError(QStringLiteral("127.0.0.1"),
-                                                                    agent.port()) ||
+        if (!node->connectToHost(QStringLiteral("127.0.0.1"), agent.port()) ||
             !ztbench::waitUntil([&] { return bool(root->counter); }, kTimeoutMs)) {
             error = QStringLiteral("no handshake from the agent");
             return false;
@@ -87,11 +72,7 @@ struct ZintaroLink
     {
         if (root->counter)
             root->counter->invalidate();
-        if (root->connection()) {
-            root->connection()->setDelegate(nullptr);
-            root->connection()->socket()->disconnect();
-        }
-        root->setConnection(nullptr, nullptr);
+        node->close();
         agent.stop();
     }
 };
@@ -212,9 +193,3 @@ void BM_Zintaro_RoundTrip(benchmark::State &state)
 BENCHMARK(BM_Zintaro_RoundTrip)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 } // namespace
-
-ZT_DEFINE_CLASS(BenchClientRoot)
-void BenchClientRoot::registerMembers(zt::ClassBuilder<BenchClientRoot> &b)
-{
-    b.method("handshakeFromAgent:", &BenchClientRoot::handshakeFromAgent);
-}

@@ -1,0 +1,195 @@
+#include "core/ztagenthost.h"
+
+#include "runtime/invocation.h"
+
+#include <QTimer>
+
+namespace {
+
+// The agent's remote root: whatever it is sent goes to every registered client.
+class ZTHostFanOut : public zt::Object
+{
+    ZT_OBJECT(ZTHostFanOut, zt::Object)
+public:
+    explicit ZTHostFanOut(ZTAgentHost *host = nullptr, const zt::Protocol *const *protocol = nullptr)
+        : m_host(host), m_protocol(protocol)
+    {}
+    zt::MethodSignature methodSignatureForSelector(const zt::Selector &selector) const override
+    {
+        if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))
+            return own->signature;
+        return m_protocol && *m_protocol ? (*m_protocol)->methodSignature(selector) : zt::MethodSignature();
+    }
+    void forwardInvocation(zt::Invocation &invocation) override
+    {
+        if (!methodSignatureForSelector(invocation.selector()).isValid())
+            doesNotRecognizeSelector(invocation.selector());
+        if (m_host)
+            m_host->sendToClients(invocation);
+    }
+    ZTAgentHost *m_host = nullptr;
+    const zt::Protocol *const *m_protocol = nullptr;
+};
+
+// A connection released from inside its own socket's callback would free the
+// socket under it: the last reference goes on the next turn of the event loop.
+void releaseLater(zt::Ref<VDConnection> connection)
+{
+    QTimer::singleShot(0, [connection] {});
+}
+
+} // namespace
+
+ZT_DEFINE_CLASS(ZTHostFanOut)
+void ZTHostFanOut::registerMembers(zt::ClassBuilder<ZTHostFanOut> &) {}
+
+ZT_DEFINE_CLASS(ZTAgentHost)
+void ZTAgentHost::registerMembers(zt::ClassBuilder<ZTAgentHost> &) {}
+
+ZTAgentHostDelegate::~ZTAgentHostDelegate() = default;
+void ZTAgentHostDelegate::hostDidRegisterClient(ZTAgentHost *, VDConnection *) {}
+void ZTAgentHostDelegate::hostDidLoseClient(ZTAgentHost *, VDConnection *) {}
+
+zt::Ref<ZTAgentHost> ZTAgentHost::create(ZTAbstractIPC *root, ZTAgentHostDelegate *delegate)
+{
+    auto host = zt::Ref<ZTAgentHost>::adopt(new ZTAgentHost);
+    host->m_root = root;
+    host->m_delegate = delegate;
+    host->m_fanOut = zt::make<ZTHostFanOut>(host.get(), &host->m_clientProtocol);
+    return host;
+}
+
+bool ZTAgentHost::listen(const QString &interface, quint16 port, zt::Error *error)
+{
+    close();
+    m_listener = VDConnection::createWithDelegate(this);
+    if (!m_listener->socket()->acceptOnInterfacePortError(interface, port, error)) {
+        m_listener.reset();
+        return false;
+    }
+    ZTApplication::setDelegate(this);
+    return true;
+}
+
+quint16 ZTAgentHost::port() const
+{
+    return m_listener ? m_listener->socket()->localPort() : 0;
+}
+
+QList<VDConnection *> ZTAgentHost::clients() const
+{
+    return m_clients;
+}
+
+void ZTAgentHost::close()
+{
+    const QList<Peer> peers = std::exchange(m_peers, {});
+    m_clients.clear();
+    for (const Peer &peer : peers) {
+        peer.connection->setDelegate(nullptr);
+        peer.connection->setLocalObject(nullptr);
+        peer.connection->socket()->disconnect();
+    }
+    if (m_listener) {
+        m_listener->setDelegate(nullptr);
+        m_listener->socket()->disconnect();
+        m_listener.reset();
+    }
+}
+
+void ZTAgentHost::dealloc()
+{
+    close();
+    if (auto *fanOut = static_cast<ZTHostFanOut *>(m_fanOut.get())) {
+        fanOut->m_host = nullptr;
+        fanOut->m_protocol = nullptr;
+    }
+    m_fanOut.reset();
+    if (ZTApplication::delegate() == this)
+        ZTApplication::setDelegate(nullptr);
+    super::dealloc();
+}
+
+ZTAgentHost::Peer *ZTAgentHost::peerFor(const VDConnection *connection)
+{
+    for (Peer &peer : m_peers)
+        if (peer.connection.get() == connection)
+            return &peer;
+    return nullptr;
+}
+
+void ZTAgentHost::onSocketDidAcceptNewSocket(VDConnection *, VDConnection *accepted)
+{
+    Peer peer;
+    peer.connection = zt::Ref<VDConnection>(accepted);
+    peer.root = zt::dynamicCast<ZTRootObject>(m_rootClass->createInstance());
+    if (!peer.root)
+        return; // not a root class: the peer is not served
+    peer.root->attach(this, accepted);
+    accepted->setProtocolForRemoteObject(m_clientProtocol);
+    accepted->setDelegate(this);
+    m_peers.append(std::move(peer));
+}
+
+void ZTAgentHost::rootDidReceiveRegisterClient(ZTRootObject *root)
+{
+    Peer *peer = peerFor(root->connection());
+    if (!peer || !m_root)
+        return;
+    VDConnection *connection = peer->connection.get();
+    connection->proxyForRemoteObject()->perform("handshakeFromAgent:", {m_root->dictionary()});
+    connection->setAllowWriting(true);
+    if (peer->registered)
+        return; // registered again: the state was sent again, nothing else changes
+    peer->registered = true;
+    m_clients.append(connection);
+    if (m_delegate)
+        m_delegate->hostDidRegisterClient(this, connection);
+}
+
+void ZTAgentHost::onSocketDidDisconnect(VDConnection *connection)
+{
+    drop(connection);
+}
+
+void ZTAgentHost::drop(VDConnection *connection)
+{
+    Peer *peer = peerFor(connection);
+    if (!peer)
+        return;
+    const Peer gone = *peer;
+    m_peers.removeIf([connection](const Peer &p) { return p.connection.get() == connection; });
+    m_clients.removeAll(connection);
+    gone.connection->setDelegate(nullptr);
+    gone.connection->setLocalObject(nullptr);
+    releaseLater(gone.connection);
+    if (gone.registered && m_delegate)
+        m_delegate->hostDidLoseClient(this, connection);
+}
+
+zt::Object *ZTAgentHost::counterpart() const
+{
+    return m_fanOut.get();
+}
+
+void ZTAgentHost::sendToClients(zt::Invocation &invocation)
+{
+    // A send may end a connection (and its entry) before the loop is done.
+    QList<zt::Ref<VDConnection>> clients;
+    clients.reserve(m_clients.size());
+    for (VDConnection *c : std::as_const(m_clients))
+        clients.append(zt::Ref<VDConnection>(c));
+    QVariant first;
+    for (qsizetype i = 0; i < clients.size(); ++i) {
+        clients[i]->sendInvocationToRemoteObject(invocation);
+        if (i == 0)
+            first = invocation.returnValue();
+    }
+    invocation.setReturnValue(first);
+}
+
+void ZTAgentHost::sendForwardedInvocation(zt::Invocation &invocation, const ZTAbstractIPC *object,
+                                          const zt::Selector &selector)
+{
+    ZTIPCProxy::sendForwarded(invocation, object, selector, [this](zt::Invocation &i) { sendToClients(i); });
+}
