@@ -23,10 +23,6 @@ void VXCrypto::registerMembers(zt::ClassBuilder<VXCrypto> &) {}
 
 namespace {
 
-// Key buffer of the passphrase derivation. The key length given to the
-// cipher context after the key is installed; it does not change that key.
-constexpr int StoredKeyLength = 32;
-
 const unsigned char *bytes(const QByteArray &b)
 {
     return reinterpret_cast<const unsigned char *>(b.constData());
@@ -158,11 +154,12 @@ QByteArray VXCrypto::symmetric(const QString &cipherName, bool encrypting)
         logCryptoFailure("cipher");
         return {};
     }
-    // Part of the stored form: the length is set after the key is installed.
-    // Ciphers of a fixed key length refuse it, which changes nothing either.
-    EVP_CIPHER_CTX_set_key_length(ctx.get(), StoredKeyLength);
-    ERR_clear_error();
-
+    // The stored form: older libcrypto releases were told a 32-byte key length
+    // at this point, after the key was installed, which left that key in use,
+    // so the effective key has the cipher's default length (16 bytes for
+    // Blowfish). libcrypto 3 discards an installed key when its length
+    // changes afterwards, so the length is left alone: the key in use is the
+    // same one, and the output stays what stored and exchanged data hold.
     QByteArray out(inputLength + blockSize, Qt::Uninitialized);
     int written = 0;
     int last = 0;
@@ -290,7 +287,7 @@ QByteArray VXCrypto::getKeyDataWithLengthFromPasswordWithSaltWithIterations(int 
     EVP_KDF_CTX *ctx = kdf ? EVP_KDF_CTX_new(kdf) : nullptr;
     EVP_KDF_free(kdf);
     unsigned int iter = unsigned(iterations);
-    int noLowerBounds = 0;
+    int noLowerBounds = 1;
     char digestName[] = "SHA1";
     const OSSL_PARAM params[] = {
         OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_PASSWORD, pass.data(), size_t(pass.size())),

@@ -5,11 +5,11 @@
 //
 // Symmetric wrappers (initWithSymmetricKey) encrypt `clearText` into
 // `cipherText` in this exact, stored and exchanged form:
-//   key and IV = EVP_BytesToKey(cipher, MD5, no salt, passphrase, 1 round);
-//   the cipher is initialised with them and only then told a 32-byte key
-//   length, which leaves the installed key as it is (for Blowfish the
-//   effective key is its default 16 bytes); standard block padding; the output
-//   is the bare cipher text, no "Salted__" header.
+//   key and IV = EVP_BytesToKey(cipher, MD5, no salt, passphrase, 1 round),
+//   the key at the cipher's default length (16 bytes for Blowfish: a key
+//   length set only after the key is installed never took effect);
+//   standard block padding; the output is the bare cipher text, no
+//   "Salted__" header.
 // Decryption also accepts a "Salted__" header followed by an 8-byte salt (what
 // `openssl enc` writes by default), and then derives key and IV with that salt.
 // `openssl enc -bf-cbc -nosalt -md md5 -pass pass:<key>` reads and writes the
