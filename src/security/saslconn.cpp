@@ -185,8 +185,11 @@ SaslConn::Result SaslConn::continueWithServerDataClientOut(const QByteArray &ser
     m_lastError = SASL_OK;
     if (!m_conn)
         return finishCall(SASL_NOTINIT, nullptr, 0, clientOut);
-    if (serverData.size() > MaxServerData)
+    if (serverData.size() > MaxServerData) {
+        sasl_seterror(m_conn, SASL_NOLOG, "server data of %lld bytes is too long",
+                      qlonglong(serverData.size()));
         return finishCall(SASL_BUFOVER, nullptr, 0, clientOut);
+    }
     // No server data is passed as an empty text of length 0.
     const char *in = serverData.isNull() ? "" : serverData.constData();
     const unsigned inLength = unsigned(serverData.size());
