@@ -113,7 +113,8 @@ public:
 
     //! Tells the library about an authentication outside SASL (a TLS client
     //! certificate), which the EXTERNAL mechanism needs: the identity it
-    //! established (may be empty) and its strength in bits. False when the
+    //! established (the library offers EXTERNAL only when it is not empty)
+    //! and its strength in bits. False when the
     //! library refuses.
     bool setExternalAuthentication(const QString &authId, unsigned strength);
 

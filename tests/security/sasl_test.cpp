@@ -136,7 +136,7 @@ TEST(Sasl, PlainAndExternalAgainstInspircdWithAtheme)
         auto c = makeConn(0, r.password);
         c->setAuthName(account);
         if (!r.cert.isEmpty())
-            c->setExternalAuthentication({}, 256);
+            c->setExternalAuthentication(account, 256);
         EXPECT_EQ(irc.authenticate(*c, r.mechanism), r.numeric);
         irc.quit();
     }
