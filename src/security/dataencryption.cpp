@@ -17,30 +17,34 @@ namespace {
 constexpr qsizetype IvLength = 16;
 constexpr qsizetype BlockLength = 16;
 
-// Encrypts or decrypts whole blocks with AES-128-CBC and no cipher padding.
-QByteArray aes128Cbc(const QByteArray &key, const char *iv, const char *data, qsizetype length,
-                     bool encrypting)
+const EVP_CIPHER *aes128Cbc()
 {
     static const CipherPtr aes = fetchCipher(QStringLiteral("AES-128-CBC"));
-    const CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
+    return aes.get();
+}
+
+// A context for whole blocks of AES-128-CBC without cipher padding.
+CipherCtxPtr aesContext(const QByteArray &key, const char *iv, bool encrypting)
+{
+    CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
     if (!ctx)
         zt::assertionFailure(QStringLiteral("Out of memory"));
-    QByteArray out(length, Qt::Uninitialized);
-    int written = 0;
-    int last = 0;
-    const bool ok =
-        aes && length <= INT_MAX &&
-        EVP_CipherInit_ex2(ctx.get(), aes.get(), reinterpret_cast<const unsigned char *>(key.constData()),
-                           reinterpret_cast<const unsigned char *>(iv), encrypting ? 1 : 0, nullptr) == 1 &&
-        EVP_CIPHER_CTX_set_padding(ctx.get(), 0) == 1 &&
-        EVP_CipherUpdate(ctx.get(), reinterpret_cast<unsigned char *>(out.data()), &written,
-                         reinterpret_cast<const unsigned char *>(data), int(length)) == 1 &&
-        EVP_CipherFinal_ex(ctx.get(), reinterpret_cast<unsigned char *>(out.data()) + written, &last) == 1;
-    if (!ok) {
+    if (!aes128Cbc() || key.size() != 16 ||
+        EVP_CipherInit_ex2(ctx.get(), aes128Cbc(), reinterpret_cast<const unsigned char *>(key.constData()),
+                           reinterpret_cast<const unsigned char *>(iv), encrypting ? 1 : 0, nullptr) != 1 ||
+        EVP_CIPHER_CTX_set_padding(ctx.get(), 0) != 1) {
         logCryptoFailure("AES");
         return {};
     }
-    return out;
+    return ctx;
+}
+
+bool update(EVP_CIPHER_CTX *ctx, char *out, const char *in, qsizetype length)
+{
+    int written = 0;
+    return EVP_CipherUpdate(ctx, reinterpret_cast<unsigned char *>(out), &written,
+                            reinterpret_cast<const unsigned char *>(in), int(length)) == 1 &&
+           written == length;
 }
 
 QByteArray passphraseKey(const QString &passphrase)
@@ -62,31 +66,38 @@ QByteArray encryptWithSymmetricKey(const QByteArray &data, const QString &passph
         zt::log(ztSecurity, u"AES: input too long");
         return {};
     }
+    // The whole blocks of plain text go to the cipher straight from the
+    // input; the padded block's last 32 bytes (the partial block, the zeros
+    // and the length word) are put together on the stack.
+    const qsizetype whole = data.size() - data.size() % BlockLength;
+    char tail[32] = {};
+    memcpy(tail, data.constData() + whole, size_t(data.size() - whole));
+    qToLittleEndian(quint32(data.size()), tail + sizeof tail - 4);
+    QByteArray out(IvLength + paddedLength(data.size()), Qt::Uninitialized);
     const QByteArray iv = VXCrypto::getKeyDataWithLength(int(IvLength));
-    const QByteArray key = passphraseKey(passphrase);
-    if (iv.size() != IvLength || key.size() != 16)
+    if (iv.size() != IvLength)
         return {};
-    const qsizetype padded = paddedLength(data.size());
-    QByteArray block(padded, '\0');
-    memcpy(block.data(), data.constData(), size_t(data.size()));
-    qToLittleEndian(quint32(data.size()), block.data() + padded - 4);
-    const QByteArray cipher = aes128Cbc(key, iv.constData(), block.constData(), padded, true);
-    if (cipher.isNull())
+    memcpy(out.data(), iv.constData(), IvLength);
+    const CipherCtxPtr ctx = aesContext(passphraseKey(passphrase), iv.constData(), true);
+    if (!ctx || !update(ctx.get(), out.data() + IvLength, data.constData(), whole) ||
+        !update(ctx.get(), out.data() + IvLength + whole, tail, sizeof tail)) {
+        logCryptoFailure("AES");
         return {};
-    return iv + cipher;
+    }
+    return out;
 }
 
 QByteArray decryptWithSymmetricKey(const QByteArray &data, const QString &passphrase)
 {
     const qsizetype padded = data.size() - IvLength;
-    if (padded < 2 * BlockLength || padded % BlockLength != 0)
+    if (padded < 2 * BlockLength || padded % BlockLength != 0 || padded > INT_MAX)
         return {};
-    const QByteArray key = passphraseKey(passphrase);
-    if (key.size() != 16)
+    const CipherCtxPtr ctx = aesContext(passphraseKey(passphrase), data.constData(), false);
+    QByteArray block(padded, Qt::Uninitialized);
+    if (!ctx || !update(ctx.get(), block.data(), data.constData() + IvLength, padded)) {
+        logCryptoFailure("AES");
         return {};
-    const QByteArray block = aes128Cbc(key, data.constData(), data.constData() + IvLength, padded, false);
-    if (block.isNull())
-        return {};
+    }
     const quint32 plainLength = qFromLittleEndian<quint32>(block.constData() + padded - 4);
     if (plainLength > quint32(padded) || paddedLength(qsizetype(plainLength)) != padded)
         return {};
@@ -94,7 +105,8 @@ QByteArray decryptWithSymmetricKey(const QByteArray &data, const QString &passph
         if (block[i] != '\0')
             return {};
     }
-    return block.left(qsizetype(plainLength));
+    block.truncate(qsizetype(plainLength));
+    return block;
 }
 
 QByteArray symmetricallyWithKey(const QByteArray &data, bool encrypting, const QString &passphrase)
