@@ -141,7 +141,6 @@ void BM_PlainLogin(benchmark::State &state)
             t.start();
             const int numeric = irc.authenticate(*conn, QStringLiteral("PLAIN"));
             micros.push_back(double(t.nsecsElapsed()) / 1000.0);
-            irc.quit();
             if (numeric != 903) {
                 state.SkipWithError("login failed");
                 return;

@@ -19,7 +19,23 @@ using namespace zt::security;
 
 ZT_DEFINE_CLASS(VXCrypto)
 
-void VXCrypto::registerMembers(zt::ClassBuilder<VXCrypto> &) {}
+void VXCrypto::registerMembers(zt::ClassBuilder<VXCrypto> &b)
+{
+    b.method("setClearTextWithData:", &VXCrypto::setClearTextWithData);
+    b.method("setClearTextWithString:", &VXCrypto::setClearTextWithString);
+    b.method("setCipherText:", &VXCrypto::setCipherText);
+    b.method("clearTextAsData", &VXCrypto::clearTextAsData);
+    b.method("clearTextAsString", &VXCrypto::clearTextAsString);
+    b.method("cipherTextAsData", &VXCrypto::cipherTextAsData);
+    b.method("cipherTextAsString", &VXCrypto::cipherTextAsString);
+    b.method("encrypt:", &VXCrypto::encrypt);
+    b.method("decrypt:", &VXCrypto::decrypt);
+    b.method("encrypt", &VXCrypto::encryptDefault);
+    b.method("decrypt", &VXCrypto::decryptDefault);
+    b.method("digest:", &VXCrypto::digest);
+    b.method("sign", &VXCrypto::sign);
+    b.method("verify", &VXCrypto::verify);
+}
 
 namespace {
 

@@ -54,29 +54,41 @@ public:
     QByteArray publicKey() const { return m_publicKey; }
     QByteArray privateKey() const { return m_privateKey; }
 
+    //! @sel setClearTextWithData:
     void setClearTextWithData(const QByteArray &data) { m_clearText = data; }
     //! Stores the string's UTF-8 bytes.
+    //! @sel setClearTextWithString:
     void setClearTextWithString(const QString &string) { m_clearText = string.toUtf8(); }
+    //! @sel setCipherText:
     void setCipherText(const QByteArray &data) { m_cipherText = data; }
+    //! @sel clearTextAsData
     QByteArray clearTextAsData() const { return m_clearText; }
     //! The clear text read as UTF-8.
+    //! @sel clearTextAsString
     QString clearTextAsString() const { return QString::fromUtf8(m_clearText); }
+    //! @sel cipherTextAsData
     QByteArray cipherTextAsData() const { return m_cipherText; }
+    //! @sel cipherTextAsString
     QString cipherTextAsString() const { return QString::fromUtf8(m_cipherText); }
 
     //! Encrypts `clearText` into `cipherText` and answers it, or null on
     //! failure (an unknown cipher name, a bad key). An empty name means
     //! Blowfish-CBC for a symmetric wrapper; an asymmetric one ignores the name.
+    //! @sel encrypt:
     QByteArray encrypt(const QString &cipherName = {});
     //! Decrypts `cipherText` into `clearText` and answers it, or null.
+    //! @sel decrypt:
     QByteArray decrypt(const QString &cipherName = {});
     //! The digest of `clearText` by libcrypto's digest of that name ("MD5"
     //! when empty); null for an unknown name.
+    //! @sel digest:
     QByteArray digest(const QString &digestName = {}) const;
     //! RSA private-key operation with PKCS #1 v1.5 signature padding over the
     //! clear text (at most the modulus size less 11 bytes) into `cipherText`.
+    //! @sel sign
     QByteArray sign();
     //! True when `cipherText` opens with the public key to exactly `clearText`.
+    //! @sel verify
     bool verify() const;
     //! The bytes that `cipherText` opens to with the public key, or null.
     QByteArray verifyRecover() const;
@@ -102,6 +114,10 @@ public:
     static QByteArray generateRSAPublicKeyFromPrivateKey(const QByteArray &privateKeyPem);
 
 private:
+    //! @sel encrypt
+    QByteArray encryptDefault() { return encrypt(); }
+    //! @sel decrypt
+    QByteArray decryptDefault() { return decrypt(); }
     QByteArray symmetric(const QString &cipherName, bool encrypting);
     QByteArray asymmetric(bool encrypting);
 

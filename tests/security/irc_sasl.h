@@ -7,9 +7,6 @@
 #include "security/baseconversion.h"
 #include "security/saslconn.h"
 
-#include <QFile>
-#include <QSslConfiguration>
-#include <QSslKey>
 #include <QSslSocket>
 
 namespace zttest {
@@ -23,23 +20,15 @@ public:
                             const QString &certFile = {})
     {
         if (!certFile.isEmpty()) {
-            QFile f(certFile);
-            if (!f.open(QIODevice::ReadOnly))
-                return false;
-            const QByteArray pem = f.readAll();
-            QSslConfiguration c = m_socket.sslConfiguration();
-            c.setLocalCertificate(QSslCertificate(pem));
-            c.setPrivateKey(QSslKey(pem, QSsl::Rsa));
-            c.setPeerVerifyMode(QSslSocket::VerifyNone);
-            m_socket.setSslConfiguration(c);
+            m_socket.setLocalCertificate(certFile);
+            m_socket.setPrivateKey(certFile);
+            m_socket.setPeerVerifyMode(QSslSocket::VerifyNone);
             m_socket.connectToHostEncrypted(host, port);
-            if (!m_socket.waitForEncrypted(10000))
-                return false;
         } else {
             m_socket.connectToHost(host, port);
-            if (!m_socket.waitForConnected(10000))
-                return false;
         }
+        if (!(certFile.isEmpty() ? m_socket.waitForConnected(10000) : m_socket.waitForEncrypted(10000)))
+            return false;
         send("CAP LS 302\r\nNICK " + nick.toUtf8() + "\r\nUSER " + nick.toUtf8() + " 0 * :zt\r\n");
         for (QList<QByteArray> m; !(m = readMessage()).isEmpty();) {
             if (m.value(0) == "CAP" && m.value(2) == "LS") {
@@ -93,11 +82,10 @@ public:
         return 0;
     }
 
-    void quit()
+    ~IrcSasl()
     {
         send("QUIT\r\n");
         m_socket.waitForBytesWritten(1000);
-        m_socket.disconnectFromHost();
     }
 
     QString mechanisms;
