@@ -26,6 +26,14 @@ zt::Ref<SaslConn> makeConn()
 
 } // namespace
 
+// libsasl2's DIGEST-MD5 plugin loses a copied value when a challenge repeats
+// a directive (nonce="…",nonce="…"): a leak inside the library, reported to
+// LeakSanitizer as theirs rather than ours.
+extern "C" const char *__lsan_default_suppressions()
+{
+    return "leak:libdigestmd5.so\n";
+}
+
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     QLoggingCategory::setFilterRules(QStringLiteral("zt.*=false"));
