@@ -1,5 +1,6 @@
 #include "security/baseconversion.h"
 
+#include <algorithm>
 #include <array>
 
 namespace vx {

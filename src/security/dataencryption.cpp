@@ -7,6 +7,7 @@
 
 #include <QtEndian>
 #include <climits>
+#include <openssl/rand.h>
 
 using namespace zt::security;
 
@@ -49,7 +50,8 @@ bool update(EVP_CIPHER_CTX *ctx, char *out, const char *in, qsizetype length)
 
 QByteArray passphraseKey(const QString &passphrase)
 {
-    return VXCrypto::getSHA1ForData(passphrase.toUtf8()).left(16);
+    static const MdPtr sha1 = fetchDigest(QStringLiteral("SHA1"));
+    return digestBytes(sha1.get(), passphrase.toUtf8()).left(16);
 }
 
 // The padded block's length for L plain bytes.
@@ -74,11 +76,11 @@ QByteArray encryptWithSymmetricKey(const QByteArray &data, const QString &passph
     memcpy(tail, data.constData() + whole, size_t(data.size() - whole));
     qToLittleEndian(quint32(data.size()), tail + sizeof tail - 4);
     QByteArray out(IvLength + paddedLength(data.size()), Qt::Uninitialized);
-    const QByteArray iv = VXCrypto::getKeyDataWithLength(int(IvLength));
-    if (iv.size() != IvLength)
+    if (RAND_bytes_ex(cryptoContext(), reinterpret_cast<unsigned char *>(out.data()), IvLength, 0) != 1) {
+        logCryptoFailure("random bytes");
         return {};
-    memcpy(out.data(), iv.constData(), IvLength);
-    const CipherCtxPtr ctx = aesContext(passphraseKey(passphrase), iv.constData(), true);
+    }
+    const CipherCtxPtr ctx = aesContext(passphraseKey(passphrase), out.constData(), true);
     if (!ctx || !update(ctx.get(), out.data() + IvLength, data.constData(), whole) ||
         !update(ctx.get(), out.data() + IvLength + whole, tail, sizeof tail)) {
         logCryptoFailure("AES");

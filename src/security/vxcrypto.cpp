@@ -37,6 +37,14 @@ void VXCrypto::registerMembers(zt::ClassBuilder<VXCrypto> &b)
     b.method("verify", &VXCrypto::verify);
 }
 
+struct VXCrypto::KeyedCipher
+{
+    QString name;
+    bool encrypting = false;
+    CipherCtxPtr ctx;
+    unsigned char iv[EVP_MAX_IV_LENGTH] = {};
+};
+
 namespace {
 
 const unsigned char *bytes(const QByteArray &b)
@@ -98,6 +106,7 @@ zt::Ref<VXCrypto> VXCrypto::createWithPublicKeyPrivateKey(const QByteArray &publ
 
 void VXCrypto::initWithSymmetricKey(const QByteArray &key)
 {
+    m_keyed.reset();
     m_symmetricKey = key;
     m_isSymmetric = true;
 }
@@ -137,12 +146,7 @@ QByteArray VXCrypto::decrypt(const QString &cipherName)
 
 QByteArray VXCrypto::symmetric(const QString &cipherName, bool encrypting)
 {
-    const CipherPtr cipher = fetchCipher(cipherName.isEmpty() ? QStringLiteral("BF-CBC") : cipherName);
-    const MdPtr md5 = fetchDigest(QStringLiteral("MD5"));
-    if (!cipher || !md5) {
-        logCryptoFailure("cipher");
-        return {};
-    }
+    const QString name = cipherName.isEmpty() ? QStringLiteral("BF-CBC") : cipherName;
     const QByteArray &input = encrypting ? m_clearText : m_cipherText;
     const unsigned char *salt = nullptr;
     qsizetype offset = 0;
@@ -151,36 +155,65 @@ QByteArray VXCrypto::symmetric(const QString &cipherName, bool encrypting)
         offset = 16;
     }
     const qsizetype inputLength = input.size() - offset;
-    const int blockSize = EVP_CIPHER_get_block_size(cipher.get());
     if (m_symmetricKey.size() > INT_MAX || inputLength > INT_MAX - 2 * EVP_MAX_BLOCK_LENGTH) {
         zt::log(ztSecurity, u"cipher: input too long");
         return {};
     }
 
-    unsigned char key[EVP_MAX_KEY_LENGTH];
-    unsigned char iv[EVP_MAX_IV_LENGTH];
-    const CipherCtxPtr ctx(EVP_CIPHER_CTX_new());
-    if (!ctx)
-        zt::assertionFailure(QStringLiteral("Out of memory"));
-    bool ok = EVP_BytesToKey(cipher.get(), md5.get(), salt, bytes(m_symmetricKey), int(m_symmetricKey.size()),
-                             1, key, iv) > 0 &&
-              EVP_CipherInit_ex2(ctx.get(), cipher.get(), key, iv, encrypting ? 1 : 0, nullptr) == 1;
-    OPENSSL_cleanse(key, sizeof key);
-    if (!ok) {
-        logCryptoFailure("cipher");
-        return {};
+    CipherCtxPtr salted;
+    EVP_CIPHER_CTX *ctx = nullptr;
+    if (!salt && m_keyed && m_keyed->name == name && m_keyed->encrypting == encrypting) {
+        // Same key, cipher and direction: only the IV (and the chaining state) restarts.
+        ctx = m_keyed->ctx.get();
+        if (EVP_CipherInit_ex2(ctx, nullptr, nullptr, m_keyed->iv, encrypting ? 1 : 0, nullptr) != 1) {
+            logCryptoFailure("cipher");
+            return {};
+        }
+    } else {
+        const CipherPtr cipher = fetchCipher(name);
+        const MdPtr md5 = fetchDigest(QStringLiteral("MD5"));
+        if (!cipher || !md5) {
+            logCryptoFailure("cipher");
+            return {};
+        }
+        CipherCtxPtr fresh(EVP_CIPHER_CTX_new());
+        if (!fresh)
+            zt::assertionFailure(QStringLiteral("Out of memory"));
+        unsigned char key[EVP_MAX_KEY_LENGTH];
+        unsigned char iv[EVP_MAX_IV_LENGTH] = {};
+        // The stored form: older libcrypto releases were told a 32-byte key
+        // length after the key was installed here, which left that key in use,
+        // so the effective key has the cipher's default length (16 bytes for
+        // Blowfish). libcrypto 3 discards an installed key when its length
+        // changes afterwards, so the length is left alone: the key in use is
+        // the same one, and the output stays what stored and exchanged data hold.
+        const bool ok =
+            EVP_BytesToKey(cipher.get(), md5.get(), salt, bytes(m_symmetricKey), int(m_symmetricKey.size()),
+                           1, key, iv) > 0 &&
+            EVP_CipherInit_ex2(fresh.get(), cipher.get(), key, iv, encrypting ? 1 : 0, nullptr) == 1;
+        OPENSSL_cleanse(key, sizeof key);
+        if (!ok) {
+            logCryptoFailure("cipher");
+            return {};
+        }
+        ctx = fresh.get();
+        if (salt) {
+            salted = std::move(fresh);
+        } else {
+            m_keyed = std::make_unique<KeyedCipher>();
+            m_keyed->name = name;
+            m_keyed->encrypting = encrypting;
+            m_keyed->ctx = std::move(fresh);
+            memcpy(m_keyed->iv, iv, sizeof iv);
+        }
     }
-    // The stored form: older libcrypto releases were told a 32-byte key length
-    // at this point, after the key was installed, which left that key in use,
-    // so the effective key has the cipher's default length (16 bytes for
-    // Blowfish). libcrypto 3 discards an installed key when its length
-    // changes afterwards, so the length is left alone: the key in use is the
-    // same one, and the output stays what stored and exchanged data hold.
-    QByteArray out(inputLength + blockSize, Qt::Uninitialized);
+
+    QByteArray out(inputLength + EVP_CIPHER_CTX_get_block_size(ctx), Qt::Uninitialized);
     int written = 0;
     int last = 0;
-    ok = EVP_CipherUpdate(ctx.get(), bytes(out), &written, bytes(input) + offset, int(inputLength)) == 1 &&
-         EVP_CipherFinal_ex(ctx.get(), bytes(out) + written, &last) == 1;
+    const bool ok =
+        EVP_CipherUpdate(ctx, bytes(out), &written, bytes(input) + offset, int(inputLength)) == 1 &&
+        EVP_CipherFinal_ex(ctx, bytes(out) + written, &last) == 1;
     if (!ok) {
         logCryptoFailure(encrypting ? "encrypt" : "decrypt");
         return {};

@@ -29,6 +29,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <memory>
 
 class ZT_EXPORT VXCrypto : public zt::Object
 {
@@ -127,4 +128,9 @@ private:
     QByteArray m_clearText;
     QByteArray m_cipherText;
     bool m_isSymmetric = false;
+    // The keyed context of the last unsalted symmetric operation: Blowfish's
+    // key schedule costs as much as encrypting 4 KiB, so repeated operations
+    // with the same cipher and direction only reset the IV.
+    struct KeyedCipher;
+    std::unique_ptr<KeyedCipher> m_keyed;
 };

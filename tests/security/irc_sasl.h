@@ -29,6 +29,7 @@ public:
         }
         if (!(certFile.isEmpty() ? m_socket.waitForConnected(10000) : m_socket.waitForEncrypted(10000)))
             return false;
+        m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
         send("CAP LS 302\r\nNICK " + nick.toUtf8() + "\r\nUSER " + nick.toUtf8() + " 0 * :zt\r\n");
         for (QList<QByteArray> m; !(m = readMessage()).isEmpty();) {
             if (m.value(0) == "CAP" && m.value(2) == "LS") {
