@@ -6,9 +6,10 @@
 ZT_SERVICES_DIR=${ZT_SERVICES_DIR:-$(mktemp -d /tmp/zt-services.XXXXXX)}
 export ZT_SERVICES_DIR
 
+source "$(dirname "${BASH_SOURCE[0]}")/services_sasl.sh"
+
 services_start() {
-  # The library's current tests need no external service.
-  :
+  sasl_services_start
 }
 
 services_stop() {

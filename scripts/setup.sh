@@ -12,6 +12,7 @@ packages=(
   # tests, benchmarks and their peers
   libgtest-dev libgmock-dev libbenchmark-dev libplist-dev libplist-utils
   libcommuni-dev qtbase5-dev qt6-remoteobjects-dev
+  inspircd atheme-services
 )
 
 missing=()
