@@ -2,11 +2,27 @@
 
 #include "core/ztdirectory.h"
 #include "core/ztforwardedselector.h"
+#include "runtime/fastpath_p.h"
 #include "runtime/invocation.h"
 #include "runtime/kvc.h"
 #include "runtime/logging.h"
 
 ZT_DEFINE_CLASS(ZTRootObject)
+
+struct ZTRootObject::ForwardedName
+{
+    bool forwarded = false; // whether the selector names a model object at all
+    QString objectID;
+    zt::Selector real;
+};
+
+// Tagged with the process role a selector was split for.
+struct ZTRootObject::ForwardedNames : zt::fastpath::AddressKeyedCache<zt::Selector, ForwardedName, 16>
+{
+};
+
+ZTRootObject::ZTRootObject() : m_forwardedNames(std::make_unique<ForwardedNames>()) {}
+ZTRootObject::~ZTRootObject() = default;
 
 void ZTRootObject::registerMembers(zt::ClassBuilder<ZTRootObject> &b)
 {
@@ -182,32 +198,24 @@ zt::Ref<ZTAbstractIPC> ZTRootObject::forwardedTarget(const zt::Selector &selecto
 {
     // The prefix this process answers to: "toAgent" in the agent.
     const bool agentRole = ZTIPCProxy::isAgent();
-    ForwardedName *slot = nullptr;
-    const bool ownsCharacters =
-        const_cast<zt::Selector &>(selector).data_ptr().d_ptr(); // no detach: only reads
-    if (ownsCharacters)
-        slot = &m_forwardedNames[(quintptr(selector.constData()) >> 4) % m_forwardedNames.size()];
+    const quint64 role = agentRole ? 1 : 0; // a slot answers for the role it was split in
+    const ForwardedName *name = m_forwardedNames->find(selector, role);
     ForwardedName parsed;
-    const ForwardedName *name = slot;
-    if (!slot || slot->selector.constData() != selector.constData() ||
-        slot->selector.size() != selector.size() || slot->agentRole != agentRole) {
-        parsed.selector = selector;
-        parsed.agentRole = agentRole;
+    if (!name) {
         const QByteArray prefix = (ZTIPCProxy::autoprefix() + u'_').toLatin1();
         if (std::optional<ZTForwardedSelector> parts = ZTForwardedSelector::parse(selector, prefix)) {
             parsed.forwarded = true;
             parsed.objectID = QString::fromLatin1(parts->objectID);
             parsed.real = std::move(parts->selector);
         }
-        if (slot)
-            *slot = std::move(parsed);
-        else
-            name = &parsed;
+        m_forwardedNames->store(selector, parsed, role);
+        name = &parsed;
     }
     if (!name->forwarded)
         return {};
     if (real)
         *real = name->real;
+    const bool ownsCharacters = zt::fastpath::ownsCharacters(selector);
     const bool sameMessage = ownsCharacters && m_resolved &&
                              m_resolvedSelector.constData() == selector.constData() &&
                              m_resolvedSelector.size() == selector.size() && m_resolved->inDirectory();

@@ -22,7 +22,7 @@
 #include "core/ztabstractipc.h"
 #include "transport/vdconnection.h"
 
-#include <array>
+#include <memory>
 
 class ZTRootObject;
 
@@ -41,6 +41,8 @@ class ZT_EXPORT ZTRootObject : public zt::Object, public VDAcceptingObject
 {
     ZT_OBJECT(ZTRootObject, zt::Object)
 public:
+    ZTRootObject();
+    ~ZTRootObject() override;
     //! The core's answers to a connection: forwarded-call signatures (looked
     //! up in the directory) and the wiring check (ZTIPCProxy::canWireValue).
     static const VDModelBridge &modelBridge();
@@ -105,18 +107,12 @@ private:
     zt::Ref<ZTAbstractIPC> forwardedTarget(const zt::Selector &selector, zt::Selector *real) const;
     void apply(const QString &objectID, const std::function<void(ZTAbstractIPC *)> &change);
 
-    // A selector split into the object ID and the real selector, kept by the
-    // identity of the selector's characters: the decoder hands a repeated
-    // selector over as one string, and a slot keeps the characters alive.
-    struct ForwardedName
-    {
-        zt::Selector selector;
-        bool agentRole = false; // the process role it was split for
-        bool forwarded = false;
-        QString objectID;
-        zt::Selector real;
-    };
-    mutable std::array<ForwardedName, 16> m_forwardedNames;
+    // Selectors split into the object ID and the real selector, kept by the
+    // identity of the selector's characters (runtime/fastpath_p.h): the
+    // decoder hands a repeated selector over as one string.
+    struct ForwardedName;
+    struct ForwardedNames;
+    std::unique_ptr<ForwardedNames> m_forwardedNames;
     // The object the message being dispatched names: the signature look-up,
     // the acceptance check and the call each need it, and find it here.
     // Dropped once the call has run.

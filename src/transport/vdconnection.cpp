@@ -1,6 +1,7 @@
 #include "transport/vdconnection.h"
 
 #include "runtime/exception.h"
+#include "runtime/fastpath_p.h"
 #include "runtime/format.h"
 #include "runtime/logging.h"
 #include "runtime/process.h"
@@ -338,24 +339,29 @@ bool VDConnectionRemoteProxy::acceptsSelector(const zt::Selector &selector) cons
     return methodSignatureForSelector(selector).isValid();
 }
 
+struct VDConnectionRemoteProxy::SignatureCache
+    : zt::fastpath::AddressKeyedCache<zt::Selector, zt::MethodSignature, 8>
+{
+};
+
+VDConnectionRemoteProxy::VDConnectionRemoteProxy(VDConnection *target)
+    : m_target(target), m_signatureCache(std::make_unique<SignatureCache>())
+{}
+
+VDConnectionRemoteProxy::~VDConnectionRemoteProxy() = default;
+
 void VDConnectionRemoteProxy::setProtocolForRemoteObject(const zt::Protocol *protocol)
 {
     m_remoteProtocol = protocol;
-    m_signatureCache = {};
+    m_signatureCache->clear();
 }
 
 zt::MethodSignature VDConnectionRemoteProxy::methodSignatureForSelector(const zt::Selector &selector) const
 {
-    // Only selectors that own their characters can be recognised by address.
-    CachedSignature *slot = nullptr;
-    if (const_cast<zt::Selector &>(selector).data_ptr().d_ptr()) { // no detach: only reads
-        slot = &m_signatureCache[(quintptr(selector.constData()) >> 4) % m_signatureCache.size()];
-        if (slot->selector.constData() == selector.constData() && slot->selector.size() == selector.size())
-            return slot->signature;
-    }
+    if (const zt::MethodSignature *cached = m_signatureCache->find(selector))
+        return *cached;
     auto remember = [&](const zt::MethodSignature &signature) {
-        if (slot)
-            *slot = {selector, signature};
+        m_signatureCache->store(selector, signature);
         return signature;
     };
     if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))

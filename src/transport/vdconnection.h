@@ -33,6 +33,7 @@
 #include <QMutex>
 #include <array>
 #include <functional>
+#include <memory>
 
 class VDConnection;
 class VDConnectionRemoteProxy;
@@ -202,7 +203,8 @@ class ZT_EXPORT VDConnectionRemoteProxy : public zt::Object
     ZT_OBJECT(VDConnectionRemoteProxy, zt::Object)
 public:
     //! @sel initWithTarget:
-    explicit VDConnectionRemoteProxy(VDConnection *target = nullptr) : m_target(target) {}
+    explicit VDConnectionRemoteProxy(VDConnection *target = nullptr);
+    ~VDConnectionRemoteProxy() override;
     //! @sel setProtocolForRemoteObject:
     void setProtocolForRemoteObject(const zt::Protocol *protocol);
     //! @sel acceptsSelector:
@@ -216,13 +218,8 @@ private:
     VDConnection *m_target = nullptr; // the owning connection
     const zt::Protocol *m_remoteProtocol = nullptr;
     // Signatures found in the class or the protocols, by the identity of the
-    // selector's characters (a slot keeps them alive, so an address names one
-    // selector while it is cached). Forwarded model calls are not cached:
-    // their answer depends on the directory.
-    struct CachedSignature
-    {
-        zt::Selector selector;
-        zt::MethodSignature signature;
-    };
-    mutable std::array<CachedSignature, 8> m_signatureCache;
+    // selector's characters (runtime/fastpath_p.h). Forwarded model calls are
+    // not cached: their answer depends on the directory.
+    struct SignatureCache;
+    std::unique_ptr<SignatureCache> m_signatureCache;
 };
