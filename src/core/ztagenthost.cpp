@@ -1,5 +1,6 @@
 #include "core/ztagenthost.h"
 
+#include "runtime/fastpath_p.h"
 #include "runtime/invocation.h"
 
 #include <QTimer>
@@ -18,7 +19,18 @@ public:
     {
         if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))
             return own->signature;
-        return m_protocol && *m_protocol ? (*m_protocol)->methodSignature(selector) : zt::MethodSignature();
+        const zt::Protocol *protocol = m_protocol ? *m_protocol : nullptr;
+        if (!protocol)
+            return {};
+        // Every change the agent sends asks this: remembered per selector,
+        // and per protocol, since the host may be given another one.
+        const quint64 tag = quint64(quintptr(protocol));
+        if (const zt::MethodSignature *cached = m_signatures.find(selector, tag))
+            return *cached;
+        const zt::MethodSignature signature = protocol->methodSignature(selector);
+        if (signature.isValid())
+            m_signatures.store(selector, signature, tag);
+        return signature;
     }
     void forwardInvocation(zt::Invocation &invocation) override
     {
@@ -29,6 +41,7 @@ public:
     }
     ZTAgentHost *m_host = nullptr;
     const zt::Protocol *const *m_protocol = nullptr;
+    mutable zt::fastpath::AddressKeyedCache<zt::Selector, zt::MethodSignature, 8> m_signatures;
 };
 
 // A connection released from inside its own socket's callback would free the
@@ -174,6 +187,11 @@ zt::Object *ZTAgentHost::counterpart() const
 
 void ZTAgentHost::sendToClients(zt::Invocation &invocation)
 {
+    if (m_clients.size() == 1) { // the usual case: no copy of the list
+        const zt::Ref<VDConnection> only(m_clients.front());
+        only->sendInvocationToRemoteObject(invocation);
+        return;
+    }
     // A send may end a connection (and its entry) before the loop is done.
     QList<zt::Ref<VDConnection>> clients;
     clients.reserve(m_clients.size());
