@@ -267,12 +267,7 @@ void ZTIPCProxy::sendForwarded(zt::Invocation &invocation, const ZTAbstractIPC *
     }
     if (signature == invocation.methodSignature())
         return send(invocation);
-    zt::Invocation reshaped(signature);
-    reshaped.setSelector(invocation.selector());
-    const qsizetype n =
-        std::min(signature.numberOfArguments(), invocation.methodSignature().numberOfArguments());
-    for (qsizetype i = 2; i < n; ++i)
-        reshaped.setArgumentAtIndex(invocation.argumentAtIndex(i), i);
+    zt::Invocation reshaped = invocation.reshaped(signature);
     send(reshaped);
     invocation.setReturnValue(reshaped.returnValue());
 }

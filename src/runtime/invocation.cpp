@@ -4,6 +4,8 @@
 #include "runtime/format.h"
 #include "runtime/variant_inplace_p.h"
 
+#include <algorithm>
+
 namespace zt {
 
 Invocation::Invocation(MethodSignature signature) : m_signature(std::move(signature))
@@ -41,6 +43,16 @@ QVariant &Invocation::argumentSlotAtIndex(qsizetype index)
 QVariantList Invocation::arguments() const
 {
     return QVariantList(m_arguments.cbegin(), m_arguments.cend());
+}
+
+Invocation Invocation::reshaped(const MethodSignature &signature) const
+{
+    Invocation result(signature);
+    result.setSelector(m_selector);
+    const qsizetype n = std::min(signature.numberOfArguments(), m_signature.numberOfArguments());
+    for (qsizetype i = 2; i < n; ++i)
+        result.setArgumentAtIndex(argumentAtIndex(i), i);
+    return result;
 }
 
 void Invocation::invoke()

@@ -32,6 +32,10 @@ public:
     QVariant &argumentSlotAtIndex(qsizetype index);
     //! The real arguments, in order.
     QVariantList arguments() const;
+    //! The same message under `signature`: the selector and as many of the
+    //! arguments as both signatures have, each coerced to its new type code.
+    //! The target and the return value are not carried over.
+    Invocation reshaped(const MethodSignature &signature) const;
     const QVariant *argumentData() const { return m_arguments.constData(); }
 
     const QVariant &returnValue() const { return m_return; }

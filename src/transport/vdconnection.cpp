@@ -402,12 +402,7 @@ void VDConnectionRemoteProxy::forwardInvocation(zt::Invocation &invocation)
         m_target->sendInvocationToRemoteObject(invocation);
         return;
     }
-    zt::Invocation reshaped(signature);
-    reshaped.setSelector(invocation.selector());
-    const qsizetype n =
-        std::min(signature.numberOfArguments(), invocation.methodSignature().numberOfArguments());
-    for (qsizetype i = 2; i < n; ++i)
-        reshaped.setArgumentAtIndex(invocation.argumentAtIndex(i), i);
+    zt::Invocation reshaped = invocation.reshaped(signature);
     m_target->sendInvocationToRemoteObject(reshaped);
     invocation.setReturnValue(reshaped.returnValue());
 }
