@@ -86,10 +86,10 @@ inline quint64 mixWord(quint64 h, quint64 w) noexcept
 //! word overlapping the one before, and shorter runs with overlapping loads,
 //! so no byte loop and no stack copy. Not randomised: use it only for tables
 //! that are bounded, per call, or whose hits are checked byte for byte.
-inline quint64 hashBytes(const void *data, size_t n, quint64 seed = 0) noexcept
+inline quint64 hashBytes(const void *data, size_t n, quint64 start = 0) noexcept
 {
     const char *p = static_cast<const char *>(data);
-    quint64 h = (0x9e3779b97f4a7c15ull ^ seed) ^ n;
+    quint64 h = (0x9e3779b97f4a7c15ull ^ start) ^ n;
     if (n >= 8) {
         const char *last = p + n - 8;
         for (; p < last; p += 8)
