@@ -236,30 +236,32 @@ bool SaslConn::needsToEncodeData() const
     return *static_cast<const sasl_ssf_t *>(value) != 0;
 }
 
-QByteArray SaslConn::encodeData(const QByteArray &data)
+namespace {
+// The security layer's encode and decode take and give the same shapes.
+using LayerCall = int (*)(sasl_conn_t *, const char *, unsigned, const char **, unsigned *);
+
+QByteArray throughLayer(sasl_conn_t *conn, LayerCall call, const QByteArray &data, int *error)
 {
     const char *out = nullptr;
     unsigned outLength = 0;
-    m_lastError = !m_conn ? SASL_NOTINIT
-                  : data.size() > qsizetype(UINT_MAX)
-                      ? SASL_BUFOVER
-                      : sasl_encode(m_conn, data.constData(), unsigned(data.size()), &out, &outLength);
-    if (m_lastError != SASL_OK)
+    *error = !conn ? SASL_NOTINIT
+             : data.size() > qsizetype(UINT_MAX)
+                 ? SASL_BUFOVER
+                 : call(conn, data.constData(), unsigned(data.size()), &out, &outLength);
+    if (*error != SASL_OK)
         return {};
     return QByteArray(out ? out : "", qsizetype(outLength));
+}
+} // namespace
+
+QByteArray SaslConn::encodeData(const QByteArray &data)
+{
+    return throughLayer(m_conn, sasl_encode, data, &m_lastError);
 }
 
 QByteArray SaslConn::decodeData(const QByteArray &data)
 {
-    const char *out = nullptr;
-    unsigned outLength = 0;
-    m_lastError = !m_conn ? SASL_NOTINIT
-                  : data.size() > qsizetype(UINT_MAX)
-                      ? SASL_BUFOVER
-                      : sasl_decode(m_conn, data.constData(), unsigned(data.size()), &out, &outLength);
-    if (m_lastError != SASL_OK)
-        return {};
-    return QByteArray(out ? out : "", qsizetype(outLength));
+    return throughLayer(m_conn, sasl_decode, data, &m_lastError);
 }
 
 zt::Error SaslConn::lastError() const
