@@ -58,14 +58,13 @@ void agentRole()
 
 } // namespace
 
-ZT_DEFINE_CLASS(BenchNode)
+ZT_DEFINE_CLASS_WITH_MEMBERS(BenchNode)
 void BenchNode::registerMembers(zt::ClassBuilder<BenchNode> &b)
 {
     b.property("count", &BenchNode::count, &BenchNode::setCount);
     b.property("topic", &BenchNode::topic, &BenchNode::setTopic);
 }
 ZT_DEFINE_CLASS(CountingRoot)
-void CountingRoot::registerMembers(zt::ClassBuilder<CountingRoot> &) {}
 
 static void BM_AgentIntegerChangeToRemoteRoot(benchmark::State &state)
 {

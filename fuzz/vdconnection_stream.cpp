@@ -90,7 +90,7 @@ public:
 
 } // namespace
 
-ZT_DEFINE_CLASS(FuzzRoot)
+ZT_DEFINE_CLASS_WITH_MEMBERS(FuzzRoot)
 
 void FuzzRoot::registerMembers(zt::ClassBuilder<FuzzRoot> &b)
 {

@@ -2,14 +2,14 @@
 
 #include "runtime/kvc.h"
 
-ZT_DEFINE_CLASS(DemoChannel)
+ZT_DEFINE_CLASS_WITH_MEMBERS(DemoChannel)
 void DemoChannel::registerMembers(zt::ClassBuilder<DemoChannel> &b)
 {
     b.property("name", &DemoChannel::name, &DemoChannel::setName);
     b.property("topic", &DemoChannel::topic, &DemoChannel::setTopic);
 }
 
-ZT_DEFINE_CLASS(DemoConnection)
+ZT_DEFINE_CLASS_WITH_MEMBERS(DemoConnection)
 void DemoConnection::registerMembers(zt::ClassBuilder<DemoConnection> &b)
 {
     b.property("status", &DemoConnection::status, &DemoConnection::setStatus);
@@ -19,18 +19,14 @@ void DemoConnection::registerMembers(zt::ClassBuilder<DemoConnection> &b)
     b.method("channelDictionaries", &DemoConnection::channelDictionaries);
     b.method("insertChannelDictionaries:atIndexes:", &DemoConnection::insertChannelDictionariesAtIndexes);
     b.method("removeChannelDictionariesAtIndexes:", &DemoConnection::removeChannelDictionariesAtIndexes);
-    b.method("processOutgoingLine:", &DemoConnection::processOutgoingLine);
-    b.method("channelList", &DemoConnection::channelList);
+    b.action("processOutgoingLine:", &DemoConnection::processOutgoingLine);
+    b.action("channelList", &DemoConnection::channelList);
 }
 
 ZT_DEFINE_CLASS(AgentChannel)
-void AgentChannel::registerMembers(zt::ClassBuilder<AgentChannel> &) {}
 ZT_DEFINE_CLASS(AgentConnection)
-void AgentConnection::registerMembers(zt::ClassBuilder<AgentConnection> &) {}
 ZT_DEFINE_CLASS(ClientChannel)
-void ClientChannel::registerMembers(zt::ClassBuilder<ClientChannel> &) {}
 ZT_DEFINE_CLASS(ClientConnection)
-void ClientConnection::registerMembers(zt::ClassBuilder<ClientConnection> &) {}
 
 QVariantMap DemoChannel::dictionary() const
 {

@@ -41,15 +41,14 @@ class MirroredThermostat : public Thermostat
     ZT_OBJECT(MirroredThermostat, Thermostat)
 };
 
-ZT_DEFINE_CLASS(Thermostat)
+ZT_DEFINE_CLASS_WITH_MEMBERS(Thermostat)
 void Thermostat::registerMembers(zt::ClassBuilder<Thermostat> &b)
 {
     b.property("label", &Thermostat::label, &Thermostat::setLabel);
     b.property("target", &Thermostat::target, &Thermostat::setTarget);
-    b.method("raiseBy:", &Thermostat::raiseBy);
+    b.action("raiseBy:", &Thermostat::raiseBy);
 }
 ZT_DEFINE_CLASS(MirroredThermostat)
-void MirroredThermostat::registerMembers(zt::ClassBuilder<MirroredThermostat> &) {}
 
 struct Agent : ZTAgentHostDelegate
 {

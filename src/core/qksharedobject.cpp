@@ -7,8 +7,6 @@
 
 ZT_DEFINE_CLASS(QKSharedObject)
 
-void QKSharedObject::registerMembers(zt::ClassBuilder<QKSharedObject> &) {}
-
 zt::Object *QKSharedObject::sharedInstanceOf(const zt::ClassInfo &cls)
 {
     // The instances live until the process ends; they are never released.

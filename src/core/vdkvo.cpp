@@ -1,6 +1,6 @@
 #include "core/vdkvo.h"
 
-ZT_DEFINE_CLASS(VDKVO)
+ZT_DEFINE_CLASS_WITH_MEMBERS(VDKVO)
 
 void VDKVO::registerMembers(zt::ClassBuilder<VDKVO> &b)
 {

@@ -8,7 +8,7 @@
 
 #include <atomic>
 
-ZT_DEFINE_CLASS(ZTAbstractIPC)
+ZT_DEFINE_CLASS_WITH_MEMBERS(ZTAbstractIPC)
 
 void ZTAbstractIPC::registerMembers(zt::ClassBuilder<ZTAbstractIPC> &b)
 {
@@ -204,7 +204,16 @@ void ZTAbstractIPC::setCounterpart(ZTIPCProxy *counterpart)
 
 QVariantMap ZTAbstractIPC::dictionary() const
 {
-    return {{QStringLiteral("description"), m_description}};
+    QVariantMap d;
+    d.insert(QStringLiteral("description"), m_description);
+    auto *self = const_cast<ZTAbstractIPC *>(this);
+    for (const zt::DictionaryEntry &entry : classInfo().dictionaryEntries()) {
+        QVariant value = entry.getter->call(self, nullptr);
+        if (entry.presence == zt::InDictionary::WhenNotNil && !value.isValid())
+            continue;
+        d.insert(entry.key, std::move(value));
+    }
+    return d;
 }
 
 QString ZTAbstractIPC::replacementKeyForWiring(const QString &key) const

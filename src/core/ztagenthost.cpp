@@ -54,10 +54,8 @@ void releaseLater(zt::Ref<VDConnection> connection)
 } // namespace
 
 ZT_DEFINE_CLASS(ZTHostFanOut)
-void ZTHostFanOut::registerMembers(zt::ClassBuilder<ZTHostFanOut> &) {}
 
 ZT_DEFINE_CLASS(ZTAgentHost)
-void ZTAgentHost::registerMembers(zt::ClassBuilder<ZTAgentHost> &) {}
 
 ZTAgentHostDelegate::~ZTAgentHostDelegate() = default;
 void ZTAgentHostDelegate::hostDidRegisterClient(ZTAgentHost *, VDConnection *) {}

@@ -7,7 +7,6 @@
 #include <QTimer>
 
 ZT_DEFINE_CLASS(ZTClientNode)
-void ZTClientNode::registerMembers(zt::ClassBuilder<ZTClientNode> &) {}
 
 ZTClientNodeDelegate::~ZTClientNodeDelegate() = default;
 void ZTClientNodeDelegate::nodeDidBecomeReady(ZTClientNode *, ZTAbstractIPC *) {}

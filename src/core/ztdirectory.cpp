@@ -8,7 +8,7 @@ struct ZTDirectory::LastHit : zt::fastpath::AddressKeyedCache<QString, ZTAbstrac
 {
 };
 
-ZT_DEFINE_CLASS(ZTDirectory)
+ZT_DEFINE_CLASS_WITH_MEMBERS(ZTDirectory)
 
 void ZTDirectory::registerMembers(zt::ClassBuilder<ZTDirectory> &b)
 {

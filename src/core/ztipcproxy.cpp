@@ -14,7 +14,7 @@
 #include <array>
 #include <atomic>
 
-ZT_DEFINE_CLASS(ZTIPCProxy)
+ZT_DEFINE_CLASS_WITH_MEMBERS(ZTIPCProxy)
 
 void ZTIPCProxy::registerMembers(zt::ClassBuilder<ZTIPCProxy> &b)
 {
@@ -242,12 +242,28 @@ zt::MethodSignature ZTIPCProxy::methodSignatureForSelector(const zt::Selector &s
     return m_parent ? m_parent->methodSignatureForSelector(selector) : zt::MethodSignature();
 }
 
+const zt::MethodEntry *ZTIPCProxy::forwardedAction(const ZTAbstractIPC *object, const zt::Selector &selector)
+{
+    const zt::MethodEntry *method = object->classInfo().instanceMethod(selector);
+    if (!method) {
+        zt::log(ztTransport, u"ERROR %@ does not respond to %@", object, QString::fromLatin1(selector));
+        return nullptr;
+    }
+    if (!method->action) {
+        zt::log(ztTransport, u"*** Refused forwarded call %@: not an action of %@",
+                QString::fromLatin1(selector), object->className());
+        return nullptr;
+    }
+    return method;
+}
+
 zt::MethodSignature ZTIPCProxy::forwardedSignature(const ZTAbstractIPC *object, const zt::Selector &selector)
 {
-    if (!object->respondsToSelector(selector)) {
-        zt::log(ztTransport, u"ERROR %@ does not respond to %@", object, QString::fromLatin1(selector));
+    const zt::MethodEntry *action = forwardedAction(object, selector);
+    if (!action)
         return {};
-    }
+    // The signature the abstract class declares: both processes agree on it,
+    // whatever their concrete classes make of the method.
     const zt::ClassInfo *super = object->classInfo().superclass();
     if (const zt::MethodEntry *method = super ? super->instanceMethod(selector) : nullptr)
         return method->signature;

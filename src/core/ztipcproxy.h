@@ -53,10 +53,15 @@ public:
     //! @sel clientDidChange:valuesAtIndexes:forKey:
     void clientDidChangeValuesAtIndexesForKey(quint64 kind, const zt::IndexSet &indexes, const QString &key);
 
+    //! The method a forwarded call of `selector` on `object` runs: one its
+    //! class declares as an action (ZT_ACTION). Null, after logging "ERROR %@
+    //! does not respond to %@" or "*** Refused forwarded call %@: not an
+    //! action of %@", for anything else.
+    static const zt::MethodEntry *forwardedAction(const ZTAbstractIPC *object, const zt::Selector &selector);
     //! The signature a forwarded call of `selector` on `object` travels with:
-    //! that of the method in the superclass of the object's class (or further
-    //! up). Invalid, after logging "ERROR %@ does not respond to %@" or "ERROR
-    //! %@ responds to %@, but couldn't find the method signature", otherwise.
+    //! that of the action in the superclass of the object's class (or further
+    //! up). Invalid, after logging as forwardedAction() does or "ERROR %@
+    //! responds to %@, but couldn't find the method signature", otherwise.
     static zt::MethodSignature forwardedSignature(const ZTAbstractIPC *object, const zt::Selector &selector);
 
     //! The parent's signature: a call is forwarded only if the model class declares it.

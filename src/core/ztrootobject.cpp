@@ -7,7 +7,7 @@
 #include "runtime/kvc.h"
 #include "runtime/logging.h"
 
-ZT_DEFINE_CLASS(ZTRootObject)
+ZT_DEFINE_CLASS_WITH_MEMBERS(ZTRootObject)
 
 struct ZTRootObject::ForwardedName
 {
@@ -236,8 +236,10 @@ zt::MethodSignature ZTRootObject::methodSignatureForSelector(const zt::Selector 
     if (const zt::MethodEntry *own = classInfo().instanceMethod(selector))
         return own->signature;
     zt::Selector real;
-    if (zt::Ref<ZTAbstractIPC> target = forwardedTarget(selector, &real))
-        return target->methodSignatureForSelector(real);
+    if (zt::Ref<ZTAbstractIPC> target = forwardedTarget(selector, &real)) {
+        if (const zt::MethodEntry *action = ZTIPCProxy::forwardedAction(target.get(), real))
+            return action->signature;
+    }
     return {};
 }
 
@@ -251,7 +253,9 @@ void ZTRootObject::forwardInvocation(zt::Invocation &invocation)
         Object::forwardInvocation(invocation);
         return;
     }
-    const auto count = size_t(invocation.methodSignature().numberOfArguments() - 2);
-    invocation.setReturnValue(
-        target->perform(real, std::span<const QVariant>(invocation.argumentData(), count)));
+    const zt::MethodEntry *action = ZTIPCProxy::forwardedAction(target.get(), real);
+    if (!action)
+        return;
+    // The arguments were decoded against this action's own signature.
+    invocation.setReturnValue(action->call(target.get(), invocation.argumentData()));
 }

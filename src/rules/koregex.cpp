@@ -14,7 +14,7 @@
 using namespace zt;
 using namespace zt::koregex;
 
-ZT_DEFINE_CLASS(KORegex)
+ZT_DEFINE_CLASS_WITH_MEMBERS(KORegex)
 
 namespace {
 

@@ -7,8 +7,8 @@
 using namespace zt;
 using namespace zt::koregex;
 
-ZT_DEFINE_CLASS(KORegexMatch)
-ZT_DEFINE_CLASS(KORegexMatchEnumerator)
+ZT_DEFINE_CLASS_WITH_MEMBERS(KORegexMatch)
+ZT_DEFINE_CLASS_WITH_MEMBERS(KORegexMatchEnumerator)
 
 void KORegexMatch::registerMembers(ClassBuilder<KORegexMatch> &b)
 {

@@ -173,6 +173,19 @@ ClassInfo::ClassInfo(const char *name, const ClassInfo *superclass, Factory fact
             i = (i + 1) & (capacity - 1);
         m_methodTable[i] = MethodSlot{hash, entry};
     }
+    if (m_superclass)
+        m_dictionaryEntries = m_superclass->m_dictionaryEntries;
+    for (const DictionaryEntry &entry : m_ownDictionaryKeys) {
+        fastpath::internKey(entry.key);
+        m_dictionaryEntries.push_back(entry);
+    }
+    m_ownDictionaryKeys.clear();
+    // The getter of a key is its own selector; a subclass that overrides an
+    // inherited getter is asked through its own.
+    for (DictionaryEntry &entry : m_dictionaryEntries) {
+        const QByteArray getter = entry.key.toLatin1();
+        entry.getter = findMethod(getter.constData(), getter.size());
+    }
     QMutexLocker locker(&registry().lock);
     registry().classes.insert(m_name, this);
 }
@@ -346,6 +359,11 @@ void ClassInfo::addMethod(MethodEntry entry)
 {
     Selector sel = entry.selector;
     m_methods.insert_or_assign(std::move(sel), std::move(entry));
+}
+
+void ClassInfo::addDictionaryKey(const QString &key, InDictionary presence)
+{
+    m_ownDictionaryKeys.push_back(DictionaryEntry{key, nullptr, presence});
 }
 
 void ClassInfo::addDependency(const QString &key, const QStringList &keyPaths)

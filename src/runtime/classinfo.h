@@ -1,15 +1,22 @@
 #pragma once
 // Class metadata: one ClassInfo per class, made once and kept for the life of
 // the process. It holds the class's name (as it travels on the wire: no "::",
-// no "_"), its superclass, its selector table and its key dependencies.
+// no "_"), its superclass, its selector table, its key dependencies, the keys
+// of its dictionary form and which of its methods the other process may call.
 //
 // A class declares itself with ZT_OBJECT(Class, Super) in its body and
-// ZT_DEFINE_CLASS(Class) in its source file, where it also defines
+// ZT_DEFINE_CLASS(Class) in its source file. Its members reachable by
+// selector are declared next to their C++ declarations (members.h):
+//     ZT_PROPERTY(QString, name, setName, zt::InDictionary::WhenNotNil)
+//     ZT_ACTION("resetLineCount", resetLineCount)
+//     ZT_DEPENDENCY("statusString", "identity.status")
+// A class may instead (or as well) list members in one function; it then uses
+// ZT_DEFINE_CLASS_WITH_MEMBERS(Class) and defines
 //     void Class::registerMembers(zt::ClassBuilder<Class> &b)
-// listing every method reachable by selector under its exact selector string:
-//     b.method("setName:", &Class::setName);
-//     b.property("name", &Class::name, &Class::setName);  // "name" and "setName:"
-//     b.dependency("statusString", {"identity.status"});
+//     {
+//         b.method("setName:", &Class::setName);
+//         b.property("name", &Class::name, &Class::setName);  // "name" and "setName:"
+//     }
 // Type codes of the signature are derived from the member-function type.
 
 #include "runtime/signature.h"
@@ -22,6 +29,7 @@
 #include <memory>
 #include <tuple>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace zt {
@@ -29,6 +37,14 @@ namespace zt {
 class Object;
 class ClassInfo;
 template<typename C> class ClassBuilder;
+
+//! Whether, and when, a key takes part in an object's dictionary form.
+enum class InDictionary
+{
+    No,
+    Always,
+    WhenNotNil, //!< left out while the getter answers nil
+};
 
 //! One entry of a selector table.
 struct ZT_EXPORT MethodEntry
@@ -39,6 +55,17 @@ struct ZT_EXPORT MethodEntry
     //! subclass) with one value per real argument; answers the result as a
     //! value (nil for void).
     std::function<QVariant(Object *self, const QVariant *arguments)> call;
+    //! The other process may call it as a forwarded call (an action of the
+    //! class). Nothing else of an object is reachable from there.
+    bool action = false;
+};
+
+//! One key of the dictionary form and the getter that answers it.
+struct DictionaryEntry
+{
+    QString key;
+    const MethodEntry *getter = nullptr;
+    InDictionary presence = InDictionary::Always;
 };
 
 //! The accessors that key-value coding found for one key of one class.
@@ -89,12 +116,16 @@ public:
     //! A new instance made with the class's plain constructor, or null for an
     //! abstract class.
     Ref<Object> createInstance() const;
+    //! The keys of the dictionary form, inherited ones first, each with the
+    //! getter that this class (or the nearest superclass) answers it with.
+    const std::vector<DictionaryEntry> &dictionaryEntries() const { return m_dictionaryEntries; }
     //! The class registered under a name, or null.
     static const ClassInfo *named(const QString &name);
 
     // Registration (ClassBuilder, while the class is being made).
     void addMethod(MethodEntry entry);
     void addDependency(const QString &key, const QStringList &keyPaths);
+    void addDictionaryKey(const QString &key, InDictionary presence);
 
     template<typename C> static Factory factoryFor()
     {
@@ -138,6 +169,9 @@ private:
     //! read it without a lock.
     std::vector<MethodSlot> m_methodTable;
     QHash<QString, QStringList> m_dependencies;
+    //! Own keys of the dictionary form while the class registers its members.
+    std::vector<DictionaryEntry> m_ownDictionaryKeys;
+    std::vector<DictionaryEntry> m_dictionaryEntries;
     //! Accessors found so far, by key (classinfo.cpp).
     std::unique_ptr<KeyCache> m_keys;
 };
@@ -215,14 +249,36 @@ public:
         return *this;
     }
 
-    //! Registers "key" and "setKey:" for a read-write property.
-    template<typename G, typename S> ClassBuilder &property(const char *key, G getter, S setter)
+    //! Registers a method that the other process may call (a forwarded call).
+    template<typename F> ClassBuilder &action(const char *selector, F fn)
     {
-        method(key, getter);
+        method(selector, fn);
+        MethodEntry entry = *m_info.ownInstanceMethod(Selector(selector));
+        entry.action = true;
+        m_info.addMethod(std::move(entry));
+        return *this;
+    }
+
+    //! Registers "key" and "setKey:" for a read-write property, and its place
+    //! in the dictionary form.
+    template<typename G, typename S>
+    ClassBuilder &property(const char *key, G getter, S setter, InDictionary presence = InDictionary::No)
+    {
+        getterKey(key, getter, presence);
         QByteArray set = QByteArray(key);
         set[0] = char(std::toupper(uchar(set[0])));
-        m_setterNames.push_back("set" + set + ':');
-        return method(m_setterNames.back().constData(), setter);
+        set = "set" + set + ':';
+        return method(set.constData(), setter);
+    }
+
+    //! Registers the getter of a key and its place in the dictionary form.
+    template<typename G>
+    ClassBuilder &getterKey(const char *key, G getter, InDictionary presence = InDictionary::No)
+    {
+        method(key, getter);
+        if (presence != InDictionary::No)
+            m_info.addDictionaryKey(QString::fromLatin1(key), presence);
+        return *this;
     }
 
     //! Declares that observers of `key` are also told of changes at `keyPaths`.
@@ -234,35 +290,67 @@ public:
 
 private:
     ClassInfo &m_info;
-    std::vector<QByteArray> m_setterNames;
 };
 
 } // namespace zt
+
+namespace zt::detail {
+//! Members declared in a class body are found by the line they are declared
+//! on, counted from the class's ZT_OBJECT line.
+template<int N> struct Slot
+{
+};
+inline constexpr int kSlotLines = 1024;
+template<typename C, size_t... I> void registerSlots(ClassBuilder<C> &b, std::index_sequence<I...>)
+{
+    [[maybe_unused]] const int unused[] = {(C::zt_member(Slot<int(I)>{}, b), 0)...};
+}
+template<typename C> void registerDeclaredMembers(ClassBuilder<C> &b)
+{
+    registerSlots<C>(b, std::make_index_sequence<kSlotLines>{});
+}
+} // namespace zt::detail
 
 //! In the body of a class derived (directly or not) from zt::Object.
 #define ZT_OBJECT(Class, Super)                                                                              \
 public:                                                                                                      \
     using super = Super;                                                                                     \
+    using zt_self = Class;                                                                                   \
     static const ::zt::ClassInfo &staticClassInfo();                                                         \
     const ::zt::ClassInfo &classInfo() const override                                                        \
     {                                                                                                        \
         return staticClassInfo();                                                                            \
     }                                                                                                        \
+    static constexpr int zt_first_line = __LINE__;                                                           \
+    template<int N, typename B> static void zt_member(::zt::detail::Slot<N>, B &) {}                         \
                                                                                                              \
 private:                                                                                                     \
     static void registerMembers(::zt::ClassBuilder<Class> &builder);                                         \
                                                                                                              \
 public:
 
-//! In the class's source file, at namespace scope.
-#define ZT_DEFINE_CLASS(Class)                                                                               \
+//! Opens a member declared in a class body: the registration that runs when
+//! the class's metadata is made (a template, so that it is compiled only
+//! where the class is defined and may name types the header only declares).
+//! Used by the member macros of members.h.
+#define ZT_DECLARED_MEMBER(builder)                                                                          \
+    template<typename B> static void zt_member(::zt::detail::Slot<__LINE__ - zt_first_line>, B &builder)
+
+#define ZT_DEFINE_CLASS_IMPL(Class, ...)                                                                     \
     const ::zt::ClassInfo &Class::staticClassInfo()                                                          \
     {                                                                                                        \
         static const ::zt::ClassInfo info(#Class, &super::staticClassInfo(),                                 \
                                           ::zt::ClassInfo::factoryFor<Class>(), [](::zt::ClassInfo &i) {     \
                                               ::zt::ClassBuilder<Class> b(i);                                \
-                                              registerMembers(b);                                            \
+                                              ::zt::detail::registerDeclaredMembers<Class>(b);               \
+                                              __VA_ARGS__                                                    \
                                           });                                                                \
         return info;                                                                                         \
     }                                                                                                        \
     [[maybe_unused]] static const ::zt::ClassInfo &zt_classinfo_##Class = Class::staticClassInfo();
+
+//! In the class's source file, at namespace scope: makes the class's metadata
+//! from the members declared in its body.
+#define ZT_DEFINE_CLASS(Class) ZT_DEFINE_CLASS_IMPL(Class, )
+//! The same, for a class that also lists members in registerMembers().
+#define ZT_DEFINE_CLASS_WITH_MEMBERS(Class) ZT_DEFINE_CLASS_IMPL(Class, registerMembers(b);)

@@ -352,3 +352,20 @@ void MutableArrayProxy::replaceObjectAtIndex(qsizetype index, const QVariant &ob
 }
 
 } // namespace zt
+
+namespace zt {
+
+void raiseIndexBeyondBounds(const Object *object, const char *selector, quint64 index, qsizetype count)
+{
+    Exception::raise(QString::fromUtf16(exceptions::RangeError),
+                     format(u"*** -[%@ %s]: index %lu beyond bounds [0 .. %ld]", object->className(),
+                            selector, index, qint64(count) - 1));
+}
+
+void raiseBadObjects(const Object *object, const char *selector, qsizetype objects, quint64 indexes)
+{
+    invalidArgument(format(u"*** -[%@ %s]: %lu objects (none nil) for %lu indexes required",
+                           object->className(), selector, quint64(objects), indexes));
+}
+
+} // namespace zt

@@ -68,7 +68,10 @@ public:
     T *operator->() const noexcept { return m_ptr; }
     T &operator*() const noexcept { return *m_ptr; }
     explicit operator bool() const noexcept { return m_ptr != nullptr; }
-    operator T *() const noexcept { return m_ptr; }
+    //! Only from a reference that outlives the expression: a pointer taken
+    //! from a temporary would dangle once the temporary releases its object.
+    operator T *() const &noexcept { return m_ptr; }
+    operator T *() const && = delete;
 
     void reset() noexcept { Ref().swap(*this); }
     void swap(Ref &other) noexcept { std::swap(m_ptr, other.m_ptr); }

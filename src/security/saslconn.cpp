@@ -10,7 +10,7 @@
 #include <climits>
 #include <cstdlib>
 
-ZT_DEFINE_CLASS(SaslConn)
+ZT_DEFINE_CLASS_WITH_MEMBERS(SaslConn)
 
 void SaslConn::registerMembers(zt::ClassBuilder<SaslConn> &b)
 {

@@ -17,7 +17,7 @@
 
 using namespace zt::security;
 
-ZT_DEFINE_CLASS(VXCrypto)
+ZT_DEFINE_CLASS_WITH_MEMBERS(VXCrypto)
 
 void VXCrypto::registerMembers(zt::ClassBuilder<VXCrypto> &b)
 {

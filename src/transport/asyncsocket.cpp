@@ -12,8 +12,6 @@
 
 ZT_DEFINE_CLASS(AsyncSocket)
 
-void AsyncSocket::registerMembers(zt::ClassBuilder<AsyncSocket> &) {}
-
 const QString AsyncSocket::DefaultRunLoopMode = QStringLiteral("kCFRunLoopDefaultMode");
 
 namespace {

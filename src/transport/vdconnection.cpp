@@ -41,7 +41,6 @@ VDAcceptingObject::~VDAcceptingObject() = default;
 // ---- VDReturnHandler ----
 
 ZT_DEFINE_CLASS(VDReturnHandler)
-void VDReturnHandler::registerMembers(zt::ClassBuilder<VDReturnHandler> &) {}
 
 VDReturnHandler::Block VDReturnHandler::returnHandlerBlock() const
 {
@@ -57,7 +56,7 @@ void VDReturnHandler::setReturnHandlerBlock(Block block)
 
 // ---- VDConnection ----
 
-ZT_DEFINE_CLASS(VDConnection)
+ZT_DEFINE_CLASS_WITH_MEMBERS(VDConnection)
 
 void VDConnection::registerMembers(zt::ClassBuilder<VDConnection> &b)
 {
@@ -332,7 +331,6 @@ void VDConnection::onSocketDidAcceptNewSocket(AsyncSocket *, AsyncSocket *newSoc
 // ---- VDConnectionRemoteProxy ----
 
 ZT_DEFINE_CLASS(VDConnectionRemoteProxy)
-void VDConnectionRemoteProxy::registerMembers(zt::ClassBuilder<VDConnectionRemoteProxy> &) {}
 
 bool VDConnectionRemoteProxy::acceptsSelector(const zt::Selector &selector) const
 {

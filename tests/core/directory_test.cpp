@@ -32,7 +32,6 @@ protected:
 } // namespace
 
 ZT_DEFINE_CLASS(DyingNode)
-void DyingNode::registerMembers(zt::ClassBuilder<DyingNode> &) {}
 
 TEST(DirectoryThreads, AnObjectBeingTornDownIsAnsweredAsAbsent)
 {

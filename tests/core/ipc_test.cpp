@@ -198,7 +198,7 @@ protected:
 
 using zttest::raised;
 
-ZT_DEFINE_CLASS(TestNode)
+ZT_DEFINE_CLASS_WITH_MEMBERS(TestNode)
 
 void TestNode::registerMembers(zt::ClassBuilder<TestNode> &b)
 {
@@ -211,15 +211,12 @@ void TestNode::registerMembers(zt::ClassBuilder<TestNode> &b)
     b.method("removeChildrenAtIndexes:", &TestNode::removeChildrenAtIndexes);
     b.method("replaceChildrenAtIndexes:withChildren:", &TestNode::replaceChildrenAtIndexesWithChildren);
     b.method("childDictionaries", &TestNode::childDictionaries);
-    b.method("renameTo:times:", &TestNode::renameTo);
+    b.action("renameTo:times:", &TestNode::renameTo);
 }
 
 ZT_DEFINE_CLASS(TestSingleton)
-void TestSingleton::registerMembers(zt::ClassBuilder<TestSingleton> &) {}
 ZT_DEFINE_CLASS(HeldNode)
-void HeldNode::registerMembers(zt::ClassBuilder<HeldNode> &) {}
 ZT_DEFINE_CLASS(RecordingRoot)
-void RecordingRoot::registerMembers(zt::ClassBuilder<RecordingRoot> &) {}
 
 using namespace zt;
 

@@ -65,7 +65,7 @@ public:
 
 } // namespace
 
-ZT_DEFINE_CLASS(ClientRoot)
+ZT_DEFINE_CLASS_WITH_MEMBERS(ClientRoot)
 void ClientRoot::registerMembers(zt::ClassBuilder<ClientRoot> &b)
 {
     b.method("agentFinished:", &ClientRoot::agentFinished);

@@ -2,7 +2,7 @@
 
 #include "runtime/kvc.h"
 
-ZT_DEFINE_CLASS(E2ENode)
+ZT_DEFINE_CLASS_WITH_MEMBERS(E2ENode)
 
 void E2ENode::registerMembers(zt::ClassBuilder<E2ENode> &b)
 {
@@ -14,14 +14,12 @@ void E2ENode::registerMembers(zt::ClassBuilder<E2ENode> &b)
     b.property("childDictionaries", &E2ENode::childDictionaries, &E2ENode::setChildDictionaries);
     b.method("insertChildDictionaries:atIndexes:", &E2ENode::insertChildDictionariesAtIndexes);
     b.method("removeChildDictionariesAtIndexes:", &E2ENode::removeChildDictionariesAtIndexes);
-    b.method("renameTo:", &E2ENode::renameTo);
-    b.method("summary", &E2ENode::summary);
+    b.action("renameTo:", &E2ENode::renameTo);
+    b.action("summary", &E2ENode::summary);
 }
 
 ZT_DEFINE_CLASS(E2EAgentNode)
-void E2EAgentNode::registerMembers(zt::ClassBuilder<E2EAgentNode> &) {}
 ZT_DEFINE_CLASS(E2EClientNode)
-void E2EClientNode::registerMembers(zt::ClassBuilder<E2EClientNode> &) {}
 
 void E2ENode::insertChildrenAtIndexes(const QList<zt::Ref<E2ENode>> &nodes, const zt::IndexSet &indexes)
 {

@@ -47,9 +47,9 @@ protected:
 
 } // namespace
 
-ZT_DEFINE_CLASS(Forwarder)
+ZT_DEFINE_CLASS_WITH_MEMBERS(Forwarder)
 void Forwarder::registerMembers(ClassBuilder<Forwarder> &) {}
-ZT_DEFINE_CLASS(Dying)
+ZT_DEFINE_CLASS_WITH_MEMBERS(Dying)
 void Dying::registerMembers(ClassBuilder<Dying> &) {}
 
 TEST(Signature, TypeCodesComeFromTheMemberFunctionType)

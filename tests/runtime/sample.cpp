@@ -1,6 +1,6 @@
 #include "sample.h"
 
-ZT_DEFINE_CLASS(Sample)
+ZT_DEFINE_CLASS_WITH_MEMBERS(Sample)
 
 void Sample::registerMembers(zt::ClassBuilder<Sample> &b)
 {
@@ -25,5 +25,3 @@ void Sample::registerMembers(zt::ClassBuilder<Sample> &b)
 }
 
 ZT_DEFINE_CLASS(Recorder)
-
-void Recorder::registerMembers(zt::ClassBuilder<Recorder> &) {}

@@ -79,7 +79,7 @@ private:
     QString m_name;
 };
 
-ZT_DEFINE_CLASS(VDTestRoot)
+ZT_DEFINE_CLASS_WITH_MEMBERS(VDTestRoot)
 
 void VDTestRoot::registerMembers(zt::ClassBuilder<VDTestRoot> &b)
 {
@@ -115,18 +115,18 @@ public:
     void ownOnly(const QVariant &) {}
 };
 
-ZT_DEFINE_CLASS(VDBaseThing)
+ZT_DEFINE_CLASS_WITH_MEMBERS(VDBaseThing)
 void VDBaseThing::registerMembers(zt::ClassBuilder<VDBaseThing> &b)
 {
-    b.method("rename:times:", &VDBaseThing::renameTimes);
-    b.method("ping", &VDBaseThing::ping);
+    b.action("rename:times:", &VDBaseThing::renameTimes);
+    b.action("ping", &VDBaseThing::ping);
 }
 
-ZT_DEFINE_CLASS(VDThing)
+ZT_DEFINE_CLASS_WITH_MEMBERS(VDThing)
 void VDThing::registerMembers(zt::ClassBuilder<VDThing> &b)
 {
-    b.method("rename:times:", &VDThing::renameShortTimes);
-    b.method("ownOnly:", &VDThing::ownOnly);
+    b.action("rename:times:", &VDThing::renameShortTimes);
+    b.action("ownOnly:", &VDThing::ownOnly);
 }
 
 namespace {
@@ -823,7 +823,11 @@ TEST_F(VDConnectionRemoteProxyTest, FindsSignaturesInTheProtocolOrThroughTheDire
         {"remote protocol", "echo:", "@@:@", {}},
         {"reply method", vd::ReturnedValueSelector, "v@:@@", {}},
         {"forwarded, taken from the superclass", "toAgent_VDThing_THING-1_rename:times:", "v@:@q", {}},
-        {"forwarded, inherited from further up", "toAgent_VDThing_THING-1_invalidate", "v@:", {}},
+        {"forwarded, a method that is not an action",
+         "toAgent_VDThing_THING-1_invalidate",
+         {},
+         {u"*** Refused forwarded call invalidate: not an action of VDThing"_s,
+          none("toAgent_VDThing_THING-1_invalidate")}},
         {"forwarded, only the object's own class has it",
          "toAgent_VDThing_THING-1_ownOnly:",
          {},

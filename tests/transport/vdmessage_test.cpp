@@ -577,4 +577,3 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
 } // namespace
 
 ZT_DEFINE_CLASS(CodecGadget)
-void CodecGadget::registerMembers(zt::ClassBuilder<CodecGadget> &) {}

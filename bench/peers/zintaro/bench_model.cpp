@@ -3,18 +3,16 @@
 #include <QTimer>
 #include <sys/resource.h>
 
-ZT_DEFINE_CLASS(BenchCounter)
+ZT_DEFINE_CLASS_WITH_MEMBERS(BenchCounter)
 void BenchCounter::registerMembers(zt::ClassBuilder<BenchCounter> &b)
 {
     b.property("value", &BenchCounter::value, &BenchCounter::setValue);
-    b.method("produceChanges:batch:", &BenchCounter::produceChangesBatch);
-    b.method("echo:", &BenchCounter::echo);
-    b.method("cpuSeconds", &BenchCounter::cpuSeconds);
+    b.action("produceChanges:batch:", &BenchCounter::produceChangesBatch);
+    b.action("echo:", &BenchCounter::echo);
+    b.action("cpuSeconds", &BenchCounter::cpuSeconds);
 }
 ZT_DEFINE_CLASS(AgentCounter)
-void AgentCounter::registerMembers(zt::ClassBuilder<AgentCounter> &) {}
 ZT_DEFINE_CLASS(ClientCounter)
-void ClientCounter::registerMembers(zt::ClassBuilder<ClientCounter> &) {}
 
 void BenchCounter::produceChangesBatch(qint64 count, qint64 batch)
 {

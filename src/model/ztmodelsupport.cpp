@@ -1,0 +1,48 @@
+#include "model/ztmodelsupport.h"
+
+#include <QCoreApplication>
+#include <QHash>
+#include <QReadWriteLock>
+
+namespace zt::model {
+
+QString localizedString(const char *key)
+{
+    return QCoreApplication::translate("Zintaro", key);
+}
+
+namespace {
+struct Transformers
+{
+    QReadWriteLock lock;
+    QHash<QString, ValueTransformer> byName;
+};
+Transformers &transformers()
+{
+    static Transformers t;
+    return t;
+}
+} // namespace
+
+void setValueTransformer(const QString &name, ValueTransformer transformer)
+{
+    Transformers &t = transformers();
+    QWriteLocker locker(&t.lock);
+    if (transformer)
+        t.byName.insert(name, std::move(transformer));
+    else
+        t.byName.remove(name);
+}
+
+QVariant transformedValue(const QString &name, const QVariant &value)
+{
+    Transformers &t = transformers();
+    ValueTransformer transformer;
+    {
+        QReadLocker locker(&t.lock);
+        transformer = t.byName.value(name);
+    }
+    return transformer ? transformer(value) : QVariant();
+}
+
+} // namespace zt::model

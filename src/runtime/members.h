@@ -1,0 +1,277 @@
+#pragma once
+// Members declared once, in the class body.
+//
+// Each macro below declares one member of a class that uses ZT_OBJECT and
+// ZT_DEFINE_CLASS: its C++ accessors, its selectors, its change announcement
+// and its place in the dictionary form (InDictionary), all from one line.
+// Put them in the public part of the class body, one per line (the line
+// tells them apart; a class body may span kSlotLines lines).
+//
+//   ZT_PROPERTY(Type, key, setKey, presence?)
+//       a stored value m_key, `Type key() const`, `void setKey(value)` that
+//       announces "key"; selectors "key" and "setKey:".
+//   ZT_PROPERTY_GET(Type, key, setKey, presence?)
+//       the same, but the class defines `Type key() const` itself (a getter
+//       that computes, such as an effective port), reading m_key.
+//   ZT_WEAK(Type, key, setKey)
+//       a non-owning `Type *` (the owner clears it; see ref.h).
+//   ZT_KEY(key, setKey, presence?)  /  ZT_READONLY_KEY(key, presence?)
+//       hand-written accessors registered under the key's selectors.
+//   ZT_TO_MANY(Type, key, Key)
+//       an ordered to-many key: `QList<Ref<Type>> key() const`, the indexed
+//       accessors "insertKey:atIndexes:", "removeKeyAtIndexes:",
+//       "replaceKeyAtIndexes:withKey:" (each checks its indexes and raises
+//       NSRangeException or NSInvalidArgumentException as the platform's
+//       arrays do, whoever calls it), "setKey:" and mutableKey(), the
+//       announcing view that key-value coding and the class's own
+//       operations use.
+//   ZT_WIRED_TO_MANY(Type, key, Key, wired, Wired)
+//       ZT_TO_MANY plus the wired form of the key: "wired" (each element's
+//       dictionary), "setWired:", "insertWired:atIndexes:",
+//       "removeWiredAtIndexes:", converted back through the class's
+//       `std::optional<QList<Ref<Type>>> replacementObjectsForWired(const
+//       QVariantList &)`; nil (nullopt) leaves the list alone in the setter.
+//   ZT_METHOD("selector:", function)  /  ZT_ACTION("selector:", function)
+//       a method reachable by selector; an action is one that the other
+//       process may call (a forwarded call), nothing else is.
+//   ZT_DEPENDENCY("key", "keyPath", ...)
+//       observers of "key" are also told of changes at the key paths.
+
+#include "runtime/indexset.h"
+#include "runtime/kvc.h"
+#include "runtime/ref.h"
+
+#include <optional>
+
+namespace zt {
+
+//! Raises NSRangeException for an index past the end of a to-many key.
+[[noreturn]] ZT_EXPORT void raiseIndexBeyondBounds(const Object *object, const char *selector, quint64 index,
+                                                   qsizetype count);
+//! Raises NSInvalidArgumentException for objects and indexes that differ in
+//! number, or a nil object.
+[[noreturn]] ZT_EXPORT void raiseBadObjects(const Object *object, const char *selector, qsizetype objects,
+                                            quint64 indexes);
+
+namespace detail {
+
+template<typename T> using ParamOf = std::conditional_t<std::is_scalar_v<T>, T, const T &>;
+
+template<typename T>
+void checkObjects(const Object *self, const char *selector, const QList<Ref<T>> &objects,
+                  const IndexSet &indexes)
+{
+    if (quint64(objects.size()) != indexes.count())
+        raiseBadObjects(self, selector, objects.size(), indexes.count());
+    for (const Ref<T> &object : objects)
+        if (!object)
+            raiseBadObjects(self, selector, objects.size(), indexes.count());
+}
+
+template<typename T>
+void insertAtIndexes(const Object *self, const char *selector, QList<Ref<T>> &list,
+                     const QList<Ref<T>> &objects, const IndexSet &indexes)
+{
+    checkObjects(self, selector, objects, indexes);
+    if (objects.isEmpty())
+        return;
+    // Ascending indexes below the final count are each within the list at
+    // the moment their object goes in.
+    if (indexes.last() >= quint64(list.size() + objects.size()))
+        raiseIndexBeyondBounds(self, selector, indexes.last(), list.size() + objects.size());
+    if (indexes.first() == quint64(list.size())) { // appending, the common case
+        list.append(objects);
+        return;
+    }
+    qsizetype k = 0;
+    for (quint64 i : indexes)
+        list.insert(qsizetype(i), objects[k++]);
+}
+
+template<typename T>
+void removeAtIndexes(const Object *self, const char *selector, QList<Ref<T>> &list, const IndexSet &indexes)
+{
+    if (indexes.isEmpty())
+        return;
+    if (indexes.last() >= quint64(list.size()))
+        raiseIndexBeyondBounds(self, selector, indexes.last(), list.size());
+    const auto &ranges = indexes.ranges();
+    for (auto r = ranges.rbegin(); r != ranges.rend(); ++r)
+        list.remove(qsizetype(r->location), qsizetype(r->length));
+}
+
+template<typename T>
+void replaceAtIndexes(const Object *self, const char *selector, QList<Ref<T>> &list, const IndexSet &indexes,
+                      const QList<Ref<T>> &objects)
+{
+    checkObjects(self, selector, objects, indexes);
+    if (objects.isEmpty())
+        return;
+    if (indexes.last() >= quint64(list.size()))
+        raiseIndexBeyondBounds(self, selector, indexes.last(), list.size());
+    qsizetype k = 0;
+    for (quint64 i : indexes)
+        list[qsizetype(i)] = objects[k++];
+}
+
+template<typename T> QVariantList dictionariesOf(const QList<Ref<T>> &list)
+{
+    QVariantList out;
+    out.reserve(list.size());
+    for (const Ref<T> &object : list)
+        out.append(object->dictionary());
+    return out;
+}
+
+template<typename T> QVariantList objectValues(const QList<Ref<T>> &list)
+{
+    QVariantList out;
+    out.reserve(list.size());
+    for (const Ref<T> &object : list)
+        out.append(objectValue(object.get()));
+    return out;
+}
+
+} // namespace detail
+} // namespace zt
+
+#define ZT_PROPERTY_FIELD(Type, key)                                                                         \
+private:                                                                                                     \
+    Type m_##key{};                                                                                          \
+                                                                                                             \
+public:
+
+#define ZT_PROPERTY_SETTER(Type, key, Setter)                                                                \
+    void Setter(::zt::detail::ParamOf<Type> value)                                                           \
+    {                                                                                                        \
+        setAndNotify(m_##key, value, QStringLiteral(#key));                                                  \
+    }
+
+#define ZT_PROPERTY(Type, key, Setter, ...)                                                                  \
+    Type key() const                                                                                         \
+    {                                                                                                        \
+        return m_##key;                                                                                      \
+    }                                                                                                        \
+    ZT_PROPERTY_SETTER(Type, key, Setter)                                                                    \
+    ZT_KEY(key, Setter __VA_OPT__(, ) __VA_ARGS__)                                                           \
+    ZT_PROPERTY_FIELD(Type, key)
+
+#define ZT_PROPERTY_GET(Type, key, Setter, ...)                                                              \
+    Type key() const;                                                                                        \
+    ZT_PROPERTY_SETTER(Type, key, Setter)                                                                    \
+    ZT_KEY(key, Setter __VA_OPT__(, ) __VA_ARGS__)                                                           \
+    ZT_PROPERTY_FIELD(Type, key)
+
+#define ZT_WEAK(Type, key, Setter)                                                                           \
+    Type *key() const                                                                                        \
+    {                                                                                                        \
+        return m_##key;                                                                                      \
+    }                                                                                                        \
+    void Setter(Type *value)                                                                                 \
+    {                                                                                                        \
+        setAndNotify(m_##key, value, QStringLiteral(#key));                                                  \
+    }                                                                                                        \
+    ZT_KEY(key, Setter)                                                                                      \
+                                                                                                             \
+private:                                                                                                     \
+    Type *m_##key = nullptr;                                                                                 \
+                                                                                                             \
+public:
+
+#define ZT_KEY(key, Setter, ...)                                                                             \
+    ZT_DECLARED_MEMBER(b)                                                                                    \
+    {                                                                                                        \
+        b.property(#key, &zt_self::key, &zt_self::Setter __VA_OPT__(, ) __VA_ARGS__);                        \
+    }
+
+#define ZT_READONLY_KEY(key, ...)                                                                            \
+    ZT_DECLARED_MEMBER(b)                                                                                    \
+    {                                                                                                        \
+        b.getterKey(#key, &zt_self::key __VA_OPT__(, ) __VA_ARGS__);                                         \
+    }
+
+#define ZT_METHOD(selector, function)                                                                        \
+    ZT_DECLARED_MEMBER(b)                                                                                    \
+    {                                                                                                        \
+        b.method(selector, &zt_self::function);                                                              \
+    }
+
+#define ZT_ACTION(selector, function)                                                                        \
+    ZT_DECLARED_MEMBER(b)                                                                                    \
+    {                                                                                                        \
+        b.action(selector, &zt_self::function);                                                              \
+    }
+
+#define ZT_DEPENDENCY(key, ...)                                                                              \
+    ZT_DECLARED_MEMBER(b)                                                                                    \
+    {                                                                                                        \
+        b.dependency(key, {__VA_ARGS__});                                                                    \
+    }
+
+#define ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                 \
+    QList<::zt::Ref<Type>> key() const                                                                       \
+    {                                                                                                        \
+        return m_##key;                                                                                      \
+    }                                                                                                        \
+    void insert##Key##AtIndexes(const QList<::zt::Ref<Type>> &objects, const ::zt::IndexSet &indexes)        \
+    {                                                                                                        \
+        ::zt::detail::insertAtIndexes(this, "insert" #Key ":atIndexes:", m_##key, objects, indexes);         \
+    }                                                                                                        \
+    void remove##Key##AtIndexes(const ::zt::IndexSet &indexes)                                               \
+    {                                                                                                        \
+        ::zt::detail::removeAtIndexes(this, "remove" #Key "AtIndexes:", m_##key, indexes);                   \
+    }                                                                                                        \
+    void replace##Key##AtIndexesWith##Key(const ::zt::IndexSet &indexes,                                     \
+                                          const QList<::zt::Ref<Type>> &objects)                             \
+    {                                                                                                        \
+        ::zt::detail::replaceAtIndexes(this, "replace" #Key "AtIndexes:with" #Key ":", m_##key, indexes,     \
+                                       objects);                                                             \
+    }                                                                                                        \
+    void set##Key(const QList<::zt::Ref<Type>> &objects)                                                     \
+    {                                                                                                        \
+        setAndNotify(m_##key, objects, QStringLiteral(#key));                                                \
+    }                                                                                                        \
+    ::zt::MutableArrayProxy mutable##Key()                                                                   \
+    {                                                                                                        \
+        return mutableArrayValueForKey(QStringLiteral(#key));                                                \
+    }
+
+#define ZT_TO_MANY_REGISTER(b, key, Key)                                                                     \
+    b.property(#key, &zt_self::key, &zt_self::set##Key);                                                     \
+    b.method("insert" #Key ":atIndexes:", &zt_self::insert##Key##AtIndexes);                                 \
+    b.method("remove" #Key "AtIndexes:", &zt_self::remove##Key##AtIndexes);                                  \
+    b.method("replace" #Key "AtIndexes:with" #Key ":", &zt_self::replace##Key##AtIndexesWith##Key);
+
+#define ZT_TO_MANY(Type, key, Key)                                                                           \
+    ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                     \
+    ZT_DECLARED_MEMBER(b){ZT_TO_MANY_REGISTER(b, key, Key)} ZT_PROPERTY_FIELD(QList<::zt::Ref<Type>>, key)
+
+#define ZT_WIRED_TO_MANY(Type, key, Key, wired, Wired)                                                       \
+    ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                     \
+    QVariantList wired() const                                                                               \
+    {                                                                                                        \
+        return ::zt::detail::dictionariesOf(m_##key);                                                        \
+    }                                                                                                        \
+    void set##Wired(const QVariantList &dictionaries)                                                        \
+    {                                                                                                        \
+        if (std::optional<QList<::zt::Ref<Type>>> objects = replacementObjectsFor##Wired(dictionaries))      \
+            set##Key(*objects);                                                                              \
+    }                                                                                                        \
+    void insert##Wired##AtIndexes(const QVariantList &dictionaries, const ::zt::IndexSet &indexes)           \
+    {                                                                                                        \
+        const std::optional<QList<::zt::Ref<Type>>> objects = replacementObjectsFor##Wired(dictionaries);    \
+        mutable##Key().insertObjectsAtIndexes(                                                               \
+            objects ? ::zt::detail::objectValues(*objects) : QVariantList(), indexes);                       \
+    }                                                                                                        \
+    void remove##Wired##AtIndexes(const ::zt::IndexSet &indexes)                                             \
+    {                                                                                                        \
+        mutable##Key().removeObjectsAtIndexes(indexes);                                                      \
+    }                                                                                                        \
+    ZT_DECLARED_MEMBER(b)                                                                                    \
+    {                                                                                                        \
+        ZT_TO_MANY_REGISTER(b, key, Key)                                                                     \
+        b.property(#wired, &zt_self::wired, &zt_self::set##Wired);                                           \
+        b.method("insert" #Wired ":atIndexes:", &zt_self::insert##Wired##AtIndexes);                         \
+        b.method("remove" #Wired "AtIndexes:", &zt_self::remove##Wired##AtIndexes);                          \
+    }                                                                                                        \
+    ZT_PROPERTY_FIELD(QList<::zt::Ref<Type>>, key)
