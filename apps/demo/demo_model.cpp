@@ -1,85 +1,40 @@
 #include "demo_model.h"
 
-#include "runtime/kvc.h"
-
-ZT_DEFINE_CLASS_WITH_MEMBERS(DemoChannel)
-void DemoChannel::registerMembers(zt::ClassBuilder<DemoChannel> &b)
-{
-    b.property("name", &DemoChannel::name, &DemoChannel::setName);
-    b.property("topic", &DemoChannel::topic, &DemoChannel::setTopic);
-}
-
-ZT_DEFINE_CLASS_WITH_MEMBERS(DemoConnection)
-void DemoConnection::registerMembers(zt::ClassBuilder<DemoConnection> &b)
-{
-    b.property("status", &DemoConnection::status, &DemoConnection::setStatus);
-    b.method("channels", &DemoConnection::channels);
-    b.method("insertChannels:atIndexes:", &DemoConnection::insertChannelsAtIndexes);
-    b.method("removeChannelsAtIndexes:", &DemoConnection::removeChannelsAtIndexes);
-    b.method("channelDictionaries", &DemoConnection::channelDictionaries);
-    b.method("insertChannelDictionaries:atIndexes:", &DemoConnection::insertChannelDictionariesAtIndexes);
-    b.method("removeChannelDictionariesAtIndexes:", &DemoConnection::removeChannelDictionariesAtIndexes);
-    b.action("processOutgoingLine:", &DemoConnection::processOutgoingLine);
-    b.action("channelList", &DemoConnection::channelList);
-}
-
+ZT_DEFINE_CLASS(DemoChannel)
+ZT_DEFINE_CLASS(DemoConnection)
 ZT_DEFINE_CLASS(AgentChannel)
 ZT_DEFINE_CLASS(AgentConnection)
 ZT_DEFINE_CLASS(ClientChannel)
 ZT_DEFINE_CLASS(ClientConnection)
 
-QVariantMap DemoChannel::dictionary() const
+void DemoConnection::init()
 {
-    QVariantMap d = super::dictionary();
-    d.insert(QStringLiteral("name"), m_name);
-    d.insert(QStringLiteral("topic"), m_topic);
-    return d;
+    super::init();
+    setStatus(3);
 }
 
-void DemoConnection::insertChannelsAtIndexes(const QList<zt::Ref<DemoChannel>> &list,
-                                             const zt::IndexSet &indexes)
+std::optional<QList<zt::Ref<DemoChannel>>>
+DemoConnection::replacementObjectsForChannelDictionaries(const QVariantList &)
 {
-    qsizetype k = 0;
-    for (quint64 i : indexes)
-        m_channels.insert(qsizetype(i), list[k++]);
+    return std::nullopt;
 }
 
-void DemoConnection::removeChannelsAtIndexes(const zt::IndexSet &indexes)
+void DemoConnection::willChangeValuesAtIndexesForKey(zt::KeyValueChange kind, const zt::IndexSet &indexes,
+                                                     const QString &key)
 {
-    for (auto r = indexes.ranges().rbegin(); r != indexes.ranges().rend(); ++r)
-        m_channels.remove(qsizetype(r->location), qsizetype(r->length));
+    if (kind == zt::KeyValueChange::Removal && key == u"channels")
+        for (quint64 i : indexes)
+            if (i < quint64(m_channels.size()))
+                m_departing.append(m_channels[qsizetype(i)]);
+    super::willChangeValuesAtIndexesForKey(kind, indexes, key);
 }
 
-QVariantList DemoConnection::channelDictionaries() const
+void DemoConnection::didChangeValuesAtIndexesForKey(zt::KeyValueChange kind, const zt::IndexSet &indexes,
+                                                    const QString &key)
 {
-    QVariantList list;
-    for (const auto &c : m_channels)
-        list.append(c->dictionary());
-    return list;
-}
-
-void DemoConnection::insertChannelDictionariesAtIndexes(const QVariantList &dictionaries,
-                                                        const zt::IndexSet &indexes)
-{
-    mutableArrayValueForKey(QStringLiteral("channels"))
-        .insertObjectsAtIndexes(zt::toValue(replacementObjectsForChannelDictionaries(dictionaries)).toList(),
-                                indexes);
-}
-
-void DemoConnection::removeChannelDictionariesAtIndexes(const zt::IndexSet &indexes)
-{
-    QList<zt::Ref<DemoChannel>> departed;
-    for (quint64 i : indexes)
-        if (i < quint64(m_channels.size()))
-            departed.append(m_channels[qsizetype(i)]);
-    mutableArrayValueForKey(QStringLiteral("channels")).removeObjectsAtIndexes(indexes);
-    for (const auto &c : departed)
-        c->invalidate();
-}
-
-QList<zt::Ref<DemoChannel>> DemoConnection::replacementObjectsForChannelDictionaries(const QVariantList &)
-{
-    return {};
+    super::didChangeValuesAtIndexesForKey(kind, indexes, key);
+    for (const auto &channel : std::exchange(m_departing, {}))
+        channel->invalidate();
 }
 
 void DemoConnection::processOutgoingLine(const QString &line)
@@ -91,23 +46,21 @@ void DemoConnection::processOutgoingLine(const QString &line)
 QString DemoConnection::channelList() const
 {
     QStringList names;
-    for (const auto &c : m_channels)
+    for (const auto &c : channels())
         names.append(c->name());
     return names.join(QStringLiteral(", "));
 }
 
-void DemoConnection::invalidateTree()
+void DemoConnection::nilify()
 {
-    for (const auto &c : m_channels)
-        c->invalidate();
-    invalidate();
+    m_channels.clear();
 }
 
-QVariantMap DemoConnection::dictionary() const
+void DemoConnection::invalidateTree()
 {
-    QVariantMap d = super::dictionary();
-    d.insert(QStringLiteral("status"), m_status);
-    return d;
+    for (const auto &c : channels())
+        c->invalidate();
+    invalidate();
 }
 
 QString DemoConnection::replacementKeyForWiring(const QString &key) const
@@ -115,7 +68,7 @@ QString DemoConnection::replacementKeyForWiring(const QString &key) const
     return key == u"channels" ? QStringLiteral("channelDictionaries") : super::replacementKeyForWiring(key);
 }
 
-QList<zt::Ref<DemoChannel>>
+std::optional<QList<zt::Ref<DemoChannel>>>
 ClientConnection::replacementObjectsForChannelDictionaries(const QVariantList &dictionaries)
 {
     QList<zt::Ref<DemoChannel>> out;

@@ -5,52 +5,46 @@
 
 #include "core/ztagenthost.h"
 #include "core/ztclientnode.h"
+#include "runtime/members.h"
 
 class DemoChannel : public ZTAbstractIPC
 {
     ZT_OBJECT(DemoChannel, ZTAbstractIPC)
 public:
-    QString name() const { return m_name; }
-    void setName(const QString &v) { setAndNotify(m_name, v, QStringLiteral("name")); }
-    QString topic() const { return m_topic; }
-    void setTopic(const QString &v) { setAndNotify(m_topic, v, QStringLiteral("topic")); }
-    QVariantMap dictionary() const override;
-
-private:
-    QString m_name, m_topic;
+    ZT_PROPERTY(QString, name, setName, zt::InDictionary::Always)
+    ZT_PROPERTY(QString, topic, setTopic, zt::InDictionary::Always)
 };
 
 class DemoConnection : public ZTAbstractIPC
 {
     ZT_OBJECT(DemoConnection, ZTAbstractIPC)
 public:
-    qint64 status() const { return m_status; }
-    void setStatus(qint64 v) { setAndNotify(m_status, v, QStringLiteral("status")); }
-    QList<zt::Ref<DemoChannel>> channels() const { return m_channels; }
-    void insertChannelsAtIndexes(const QList<zt::Ref<DemoChannel>> &list, const zt::IndexSet &indexes);
-    void removeChannelsAtIndexes(const zt::IndexSet &indexes);
-
-    QVariantList channelDictionaries() const;
-    void insertChannelDictionariesAtIndexes(const QVariantList &dictionaries, const zt::IndexSet &indexes);
-    void removeChannelDictionariesAtIndexes(const zt::IndexSet &indexes);
-    virtual QList<zt::Ref<DemoChannel>>
+    ZT_PROPERTY(qint64, status, setStatus, zt::InDictionary::Always)
+    ZT_WIRED_TO_MANY(DemoChannel, channels, Channels, channelDictionaries, ChannelDictionaries)
+    virtual std::optional<QList<zt::Ref<DemoChannel>>>
     replacementObjectsForChannelDictionaries(const QVariantList &dictionaries);
 
     //! Actions the client sends to the agent.
     void processOutgoingLine(const QString &line);
+    ZT_ACTION("processOutgoingLine:", processOutgoingLine)
     QString channelList() const;
+    ZT_ACTION("channelList", channelList)
 
-    QVariantMap dictionary() const override;
+    void init() override;
+    //! Channels that leave the list leave the directory.
+    void willChangeValuesAtIndexesForKey(zt::KeyValueChange kind, const zt::IndexSet &indexes,
+                                         const QString &key) override;
+    void didChangeValuesAtIndexesForKey(zt::KeyValueChange kind, const zt::IndexSet &indexes,
+                                        const QString &key) override;
     QString replacementKeyForWiring(const QString &key) const override;
-    void nilify() override { m_channels.clear(); }
+    void nilify() override;
     //! The owner's end of the model: the channels, then the connection leave the directory.
     void invalidateTree();
 
     std::function<void(const QString &)> onOutgoingLine;
 
 private:
-    qint64 m_status = 3;
-    QList<zt::Ref<DemoChannel>> m_channels;
+    QList<zt::Ref<DemoChannel>> m_departing;
 };
 
 class AgentChannel : public DemoChannel
@@ -69,7 +63,7 @@ class ClientConnection : public DemoConnection
 {
     ZT_OBJECT(ClientConnection, DemoConnection)
 public:
-    QList<zt::Ref<DemoChannel>>
+    std::optional<QList<zt::Ref<DemoChannel>>>
     replacementObjectsForChannelDictionaries(const QVariantList &dictionaries) override;
 };
 

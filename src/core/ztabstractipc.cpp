@@ -209,8 +209,8 @@ QVariantMap ZTAbstractIPC::dictionary() const
     auto *self = const_cast<ZTAbstractIPC *>(this);
     for (const zt::DictionaryEntry &entry : classInfo().dictionaryEntries()) {
         QVariant value = entry.getter->call(self, nullptr);
-        if (entry.presence == zt::InDictionary::WhenNotNil && !value.isValid())
-            continue;
+        if (!value.isValid())
+            continue; // a dictionary cannot hold nil
         d.insert(entry.key, std::move(value));
     }
     return d;
