@@ -4,6 +4,7 @@
 #include "model/ztidentity.h"
 #include "model/ztperson.h"
 #include "model/ztsettings.h"
+#include "runtime/dictionary.h"
 #include "runtime/logging.h"
 
 #include <QSet>
@@ -36,9 +37,8 @@ QVariantList dictionariesOfEntries(const QVariantList &entries)
 qsizetype lastLineWithID(const QVariantList &lines, const QString &uuid)
 {
     for (qsizetype i = lines.size() - 1; i >= 0; --i) {
-        const QVariantMap line = lines[i].toMap();
-        const auto id = line.constFind(MsgID);
-        if (id != line.cend() && zt::valuesEqual(*id, QVariant(uuid)))
+        const QVariant id = zt::entryValue(lines[i], MsgID);
+        if (id.typeId() == QMetaType::QString && id.toString() == uuid)
             return i;
     }
     return -1;
@@ -459,7 +459,7 @@ void ZTAbstractChannel::removeStarOccurenceWithUUID(const QString &uuid)
 QVariantMap ZTAbstractChannel::linesDictionary()
 {
     for (QVariant &line : m_content) {
-        if (line.typeId() != QMetaType::QVariantMap)
+        if (zt::kindOf(line) != zt::ValueKind::Dictionary)
             continue;
         QVariantMap map = line.toMap();
         map.insert(MsgEmbedded, false);
