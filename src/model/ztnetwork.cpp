@@ -57,9 +57,9 @@ void ZTAbstractServer::setNetworkUUID(const QString &uuid)
 
 bool ZTAbstractServer::isEqual(const ZTAbstractServer *other) const
 {
-    return other && other->isKindOfClass(classInfo())
-        && m_address.compare(other->m_address, Qt::CaseInsensitive) == 0 && m_password == other->m_password
-        && port() == other->port() && m_secure == other->m_secure;
+    return other && other->isKindOfClass(classInfo()) &&
+           m_address.compare(other->m_address, Qt::CaseInsensitive) == 0 && m_password == other->m_password &&
+           port() == other->port() && m_secure == other->m_secure;
 }
 
 quint64 ZTAbstractServer::hash() const
@@ -69,7 +69,8 @@ quint64 ZTAbstractServer::hash() const
 
 size_t qHash(const ZTAbstractServer &server, size_t seed)
 {
-    return qHashMulti(seed, server.address().toCaseFolded(), server.password(), server.port(), server.secure());
+    return qHashMulti(seed, server.address().toCaseFolded(), server.password(), server.port(),
+                      server.secure());
 }
 
 QString ZTAbstractServer::replacementKeyForWiring(const QString &key) const
@@ -154,7 +155,8 @@ void ZTAbstractNetwork::removeServersAtLocations(const zt::IndexSet &indexes)
 qint64 ZTAbstractNetwork::indexOfServerWithAddressAndPort(const QString &address, quint64 port) const
 {
     for (qsizetype i = 0; i < m_servers.size(); ++i)
-        if (m_servers[i]->address().compare(address, Qt::CaseInsensitive) == 0 && m_servers[i]->port() == port)
+        if (m_servers[i]->address().compare(address, Qt::CaseInsensitive) == 0 &&
+            m_servers[i]->port() == port)
             return i;
     return NotFound;
 }
@@ -239,9 +241,9 @@ void ZTAbstractNetworkDirectory::setNetworkDictionaries(const QVariantList &dict
 void ZTAbstractNetworkDirectory::insertNetworkDictionariesAtIndexes(const QVariantList &dictionaries,
                                                                     const zt::IndexSet &indexes)
 {
-    insertNetworksAtLocations(replacementObjectsForNetworkDictionaries(dictionaries).value_or(
-                                  QList<zt::Ref<ZTAbstractNetwork>>()),
-                              indexes);
+    insertNetworksAtLocations(
+        replacementObjectsForNetworkDictionaries(dictionaries).value_or(QList<zt::Ref<ZTAbstractNetwork>>()),
+        indexes);
 }
 
 void ZTAbstractNetworkDirectory::removeNetworkDictionariesAtIndexes(const zt::IndexSet &indexes)

@@ -108,7 +108,8 @@ public:
     //! Removes every server equal to `server` (server equality); a server
     //! the network does not list is a no-op with a log line.
     void removeServer(const zt::Ref<ZTAbstractServer> &server);
-    void insertServersAtLocations(const QList<zt::Ref<ZTAbstractServer>> &servers, const zt::IndexSet &indexes);
+    void insertServersAtLocations(const QList<zt::Ref<ZTAbstractServer>> &servers,
+                                  const zt::IndexSet &indexes);
     void removeServersAtLocations(const zt::IndexSet &indexes);
     //! The first server with that address (ignoring case) and effective
     //! port; NotFound when none has.

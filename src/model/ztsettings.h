@@ -80,8 +80,8 @@ public:
 
     //! A new ban of class T made with init, with the given values (`date` in
     //! seconds since 1970).
-    template<typename T> static zt::Ref<T> banWithMaskBannerDate(const QString &mask, const QString &banner,
-                                                                 double date)
+    template<typename T>
+    static zt::Ref<T> banWithMaskBannerDate(const QString &mask, const QString &banner, double date)
     {
         auto ban = zt::make<T>();
         ban->init();
