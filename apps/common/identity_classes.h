@@ -15,19 +15,30 @@ namespace peopleapps {
 //! `object`, by key-value coding, in key order.
 void applyDictionary(ZTAbstractIPC *object, const QVariant &dictionary, QStringView skip = {});
 
+//! A new object of class T: init in the agent, a fresh UUID in the client.
+template<typename T> zt::Ref<T> newObject()
+{
+    zt::Ref<T> object = zt::make<T>();
+    if (ZTIPCProxy::isAgent())
+        object->init();
+    else
+        object->initWithUUID(zt::process::globallyUniqueString());
+    return object;
+}
+
 //! The object of class T for a dictionary form: the one registered under its
 //! "description" (the UUID) when there is one of that class, else a new one
 //! (the client takes the UUID with initWithUUID; the agent, which cannot,
 //! makes a new object with init and takes the UUID text as initWithDictionary
-//! does). Then every other entry is set on it. Null for a dictionary without
-//! a UUID.
+//! does; a dictionary without a UUID makes a new object). Then every other
+//! entry is set on it.
 template<typename T> zt::Ref<T> objectFromDictionary(const QVariant &dictionary)
 {
     const QString uuid = zt::dictionaryFrom(dictionary).value(u"description").toString();
-    if (uuid.isEmpty())
-        return {};
     zt::Ref<T> object = zt::dynamicCast<T>(ZTDirectory::sharedInstance()->objectWithID(uuid));
-    if (!object) {
+    if (!object && uuid.isEmpty()) {
+        object = newObject<T>();
+    } else if (!object) {
         object = zt::make<T>();
         if (ZTIPCProxy::isAgent()) {
             object->init();
@@ -37,17 +48,6 @@ template<typename T> zt::Ref<T> objectFromDictionary(const QVariant &dictionary)
         }
     }
     applyDictionary(object.get(), dictionary);
-    return object;
-}
-
-//! A new object of class T: init in the agent, a fresh UUID in the client.
-template<typename T> zt::Ref<T> newObject()
-{
-    zt::Ref<T> object = zt::make<T>();
-    if (ZTIPCProxy::isAgent())
-        object->init();
-    else
-        object->initWithUUID(zt::process::globallyUniqueString());
     return object;
 }
 

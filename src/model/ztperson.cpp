@@ -6,6 +6,7 @@
 #include "model/ztmodelsupport.h"
 #include "model/ztnetwork.h"
 #include "rules/koregex.h"
+#include "rules/koregexmatch.h"
 #include "runtime/kvc.h"
 
 #include <QMutex>
@@ -22,18 +23,6 @@ template<typename T> T *rawPointer(T *p)
 template<typename T> T *rawPointer(const zt::Ref<T> &p)
 {
     return p.get();
-}
-ZTAbstractPerson *personIn(const QVariant &value)
-{
-    return dynamic_cast<ZTAbstractPerson *>(zt::objectFrom(value));
-}
-template<typename T> ZTAbstractPerson *personIn(const zt::Ref<T> &p)
-{
-    return p.get();
-}
-ZTAbstractPerson *personIn(ZTAbstractPerson *p)
-{
-    return p;
 }
 
 // The parties of queries. A query's party stays valid for as long as the
@@ -164,7 +153,7 @@ void ZTAbstractPerson::induceProperties()
         return;
     const QString nick = m_identity->nickname();
     for (const auto &entry : m_connection->personsWithName(nick)) {
-        ZTAbstractPerson *other = personIn(entry);
+        ZTAbstractPerson *other = entry.get();
         if (!other || other == this || !other->m_identity)
             continue;
         const ZTAbstractIdentity &theirs = *other->m_identity;
