@@ -39,7 +39,8 @@ class RecordingDelegate : public ZTApplicationDelegate
 {
 public:
     zt::Object *counterpart() const override { return root.get(); }
-    void sendForwardedInvocation(zt::Invocation &, const ZTAbstractIPC *, const zt::Selector &selector) override
+    void sendForwardedInvocation(zt::Invocation &, const ZTAbstractIPC *,
+                                 const zt::Selector &selector) override
     {
         forwarded.append(selector);
     }
