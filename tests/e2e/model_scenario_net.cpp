@@ -7,6 +7,8 @@
 #include "network_classes.h"
 #include "settings_classes.h"
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 zt::Ref<ZTAbstractServer> server(ZTAbstractNetwork *network, const QString &address, quint64 port = 0)
@@ -47,8 +49,8 @@ QList<ScenarioStep> networkSteps()
         {QStringLiteral("directory: add networks"),
          [](ScenarioContext &ctx) {
              ctx.directory->addNetwork(
-                 network(QStringLiteral("Libera"), {u"irc.libera.chat"_qs, u"eu.libera.chat"_qs}));
-             ctx.directory->addNetwork(network(QStringLiteral("OFTC"), {u"irc.oftc.net"_qs}));
+                 network(QStringLiteral("Libera"), {u"irc.libera.chat"_s, u"eu.libera.chat"_s}));
+             ctx.directory->addNetwork(network(QStringLiteral("OFTC"), {u"irc.oftc.net"_s}));
          }},
         {QStringLiteral("server: every key"),
          [](ScenarioContext &ctx) {
@@ -77,7 +79,7 @@ QList<ScenarioStep> networkSteps()
              ZTAbstractNetwork *n = ctx.directory->networks()[0].get();
              zt::Ref<ZTAbstractServer> gone = n->servers()[0];
              n->mutableServers().replaceObjectAtIndex(0,
-                                                      zt::objectValue(server(n, u"ca.libera.chat"_qs).get()));
+                                                      zt::objectValue(server(n, u"ca.libera.chat"_s).get()));
              gone->invalidate();
          }},
         {QStringLiteral("network: name, auth service, custom"),
@@ -90,13 +92,13 @@ QList<ScenarioStep> networkSteps()
         {QStringLiteral("directory: replace a network"),
          [](ScenarioContext &ctx) {
              zt::Ref<ZTAbstractNetwork> gone = ctx.directory->networks()[1];
-             auto fresh = network(QStringLiteral("EFnet"), {u"irc.efnet.org"_qs, u"efnet.port80.se"_qs});
+             auto fresh = network(QStringLiteral("EFnet"), {u"irc.efnet.org"_s, u"efnet.port80.se"_s});
              ctx.directory->mutableNetworks().replaceObjectAtIndex(1, zt::objectValue(fresh.get()));
              invalidateNetworkTree(gone.get());
          }},
         {QStringLiteral("directory: add then remove a network"),
          [](ScenarioContext &ctx) {
-             auto extra = network(QStringLiteral("Rizon"), {u"irc.rizon.net"_qs});
+             auto extra = network(QStringLiteral("Rizon"), {u"irc.rizon.net"_s});
              ctx.directory->addNetwork(extra);
              ctx.directory->addNetwork(network(QStringLiteral("QuakeNet"), {}));
              ctx.directory->removeNetwork(extra);
@@ -112,9 +114,9 @@ QList<ScenarioStep> networkSteps()
              proxy->setProxyAddress(QStringLiteral("proxy.local"));
              ctx.adopt(proxy);
              // A date finer than a millisecond survives the dictionary.
-             ctx.adopt(ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@spam.example"_qs, u"op"_qs,
+             ctx.adopt(ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@spam.example"_s, u"op"_s,
                                                                       1700000000.123456));
-             ctx.adopt(ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"troll!*@*"_qs, u"op"_qs, 1.5));
+             ctx.adopt(ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"troll!*@*"_s, u"op"_s, 1.5));
              auto transfer = zt::make<AgentTransfer>();
              transfer->init();
              transfer->setAttributes({{QStringLiteral("file"), QStringLiteral("notes.txt")},
