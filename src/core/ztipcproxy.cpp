@@ -250,7 +250,7 @@ const zt::MethodEntry *ZTIPCProxy::forwardedAction(const ZTAbstractIPC *object, 
         return nullptr;
     }
     if (!method->action) {
-        zt::log(ztTransport, u"*** Refused forwarded call %@: not an action of %@",
+        zt::log(ztTransport, u"*** Refused forwarded call %@ (not an action of %@)",
                 QString::fromLatin1(selector), object->className());
         return nullptr;
     }

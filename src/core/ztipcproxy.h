@@ -55,8 +55,8 @@ public:
 
     //! The method a forwarded call of `selector` on `object` runs: one its
     //! class declares as an action (ZT_ACTION). Null, after logging "ERROR %@
-    //! does not respond to %@" or "*** Refused forwarded call %@: not an
-    //! action of %@", for anything else.
+    //! does not respond to %@" or "*** Refused forwarded call %@ (not an
+    //! action of %@)", for anything else.
     static const zt::MethodEntry *forwardedAction(const ZTAbstractIPC *object, const zt::Selector &selector);
     //! The signature a forwarded call of `selector` on `object` travels with:
     //! that of the action in the superclass of the object's class (or further

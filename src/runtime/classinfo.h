@@ -287,6 +287,13 @@ public:
         m_info.addDependency(QString::fromLatin1(key), keyPaths);
         return *this;
     }
+    ClassBuilder &dependency(const char *key, std::initializer_list<const char *> keyPaths)
+    {
+        QStringList paths;
+        for (const char *path : keyPaths)
+            paths.append(QString::fromLatin1(path));
+        return dependency(key, paths);
+    }
 
 private:
     ClassInfo &m_info;

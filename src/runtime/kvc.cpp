@@ -1,4 +1,5 @@
 #include "runtime/kvc.h"
+#include "runtime/members.h"
 
 #include "runtime/dictionary.h"
 #include "runtime/exception.h"

@@ -826,7 +826,7 @@ TEST_F(VDConnectionRemoteProxyTest, FindsSignaturesInTheProtocolOrThroughTheDire
         {"forwarded, a method that is not an action",
          "toAgent_VDThing_THING-1_invalidate",
          {},
-         {u"*** Refused forwarded call invalidate: not an action of VDThing"_s,
+         {u"*** Refused forwarded call invalidate (not an action of VDThing)"_s,
           none("toAgent_VDThing_THING-1_invalidate")}},
         {"forwarded, only the object's own class has it",
          "toAgent_VDThing_THING-1_ownOnly:",
