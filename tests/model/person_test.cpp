@@ -42,7 +42,7 @@ protected:
         connection = agentObject<AgentConnection>();
         connection->setServer(server);
         connection->setNickname(u"Me"_s);
-        auto self = agentObject<AgentSelfIdentity>();
+        self = agentObject<AgentSelfIdentity>();
         self->setStatus(6);
         connection->setCurrentIdentity(self);
         for (const QString &name : {u"#a"_s, u"#b"_s}) {
@@ -55,6 +55,7 @@ protected:
     void TearDown() override
     {
         connection->invalidate();
+        self->invalidate();
         network->invalidate();
         RoleTest::TearDown();
     }
@@ -67,6 +68,7 @@ protected:
     }
     zt::Ref<AgentNetwork> network;
     zt::Ref<AgentConnection> connection;
+    zt::Ref<AgentSelfIdentity> self;
 };
 
 TEST_F(PersonTest, InductionFromTheConnection)
