@@ -435,3 +435,41 @@ void ZTAbstractSelfIdentity::nilify()
         candidate->invalidate();
     m_avatarData = QByteArray();
 }
+
+void ZTAbstractSelfIdentity::willChangeValueForKey(const QString &key)
+{
+    if (key == u"candidates")
+        m_candidatesBefore = m_candidates;
+    super::willChangeValueForKey(key);
+}
+
+void ZTAbstractSelfIdentity::didChangeValueForKey(const QString &key)
+{
+    super::didChangeValueForKey(key);
+    if (key == u"candidates")
+        invalidateDepartedCandidates();
+}
+
+void ZTAbstractSelfIdentity::willChangeValuesAtIndexesForKey(zt::KeyValueChange kind,
+                                                             const zt::IndexSet &indexes, const QString &key)
+{
+    if (key == u"candidates" && kind != zt::KeyValueChange::Insertion)
+        m_candidatesBefore = m_candidates;
+    super::willChangeValuesAtIndexesForKey(kind, indexes, key);
+}
+
+void ZTAbstractSelfIdentity::didChangeValuesAtIndexesForKey(zt::KeyValueChange kind,
+                                                            const zt::IndexSet &indexes, const QString &key)
+{
+    super::didChangeValuesAtIndexesForKey(kind, indexes, key);
+    if (key == u"candidates")
+        invalidateDepartedCandidates();
+}
+
+void ZTAbstractSelfIdentity::invalidateDepartedCandidates()
+{
+    const QList<zt::Ref<ZTAbstractNickCandidate>> before = std::exchange(m_candidatesBefore, {});
+    for (const auto &candidate : before)
+        if (!m_candidates.contains(candidate))
+            candidate->invalidate();
+}

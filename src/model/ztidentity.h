@@ -211,7 +211,19 @@ public:
     //! drops the picture; the identity's and base class's nilify do not run.
     void nilify() override;
 
+    // A candidate that leaves "candidates" (by any mutation) is invalidated:
+    // the identity owns its candidates.
+    void willChangeValueForKey(const QString &key) override;
+    void didChangeValueForKey(const QString &key) override;
+    void willChangeValuesAtIndexesForKey(zt::KeyValueChange kind, const zt::IndexSet &indexes,
+                                         const QString &key) override;
+    void didChangeValuesAtIndexesForKey(zt::KeyValueChange kind, const zt::IndexSet &indexes,
+                                        const QString &key) override;
+
 private:
+    void invalidateDepartedCandidates();
+
+    QList<zt::Ref<ZTAbstractNickCandidate>> m_candidatesBefore; // during a change of "candidates"
     bool m_isObserving = false;
     bool m_candidatesNil = false;
 };

@@ -62,5 +62,4 @@ template<typename F> QString raisedName(F &&f)
     }
     return {};
 }
-
 } // namespace personfamily
