@@ -1,5 +1,6 @@
 #include "channel_classes.h"
 
+#include "dictionary_objects.h"
 #include "model/ztconnection.h"
 #include "runtime/process.h"
 
@@ -62,9 +63,31 @@ QList<zt::Ref<ZTAbstractPerson>> peopleFor(ZTAbstractChannel *channel, const QVa
     return people;
 }
 
+template<typename Settings, typename Ban>
+void adoptSettingsAndBans(ZTAbstractChannel *channel, const QVariant *settings, const QVariantList *bans)
+{
+    if (settings)
+        channel->setAdvancedSettings(
+            zt::isNilOrNull(*settings)
+                ? zt::Ref<ZTAbstractAdvancedSettings>()
+                : zt::apps::objectFromDictionary<Settings, ZTAbstractAdvancedSettings>(settings->toMap()));
+    if (bans)
+        channel->setBanlist(*zt::apps::objectsFromDictionaries<Ban, ZTAbstractBan>(*bans));
+}
+
 } // namespace
 
 // ---- agent ----
+
+void AgentChannel::setAdvancedSettingsDictionary(const QVariant &dictionary)
+{
+    adoptSettingsAndBans<AgentAdvancedSettings, AgentBan>(this, &dictionary, nullptr);
+}
+
+void AgentChannel::setBanlistDictionaries(const QVariantList &dictionaries)
+{
+    adoptSettingsAndBans<AgentAdvancedSettings, AgentBan>(this, nullptr, &dictionaries);
+}
 
 std::optional<QList<zt::Ref<ZTAbstractPerson>>>
 AgentChannel::replacementObjectsForUserDictionaries(const QVariantList &dictionaries)
@@ -115,6 +138,16 @@ void AgentChannel::echo(const QString &line)
 }
 
 // ---- client ----
+
+void ClientChannel::setAdvancedSettingsDictionary(const QVariant &dictionary)
+{
+    adoptSettingsAndBans<ClientAdvancedSettings, ClientBan>(this, &dictionary, nullptr);
+}
+
+void ClientChannel::setBanlistDictionaries(const QVariantList &dictionaries)
+{
+    adoptSettingsAndBans<ClientAdvancedSettings, ClientBan>(this, nullptr, &dictionaries);
+}
 
 std::optional<QList<zt::Ref<ZTAbstractPerson>>>
 ClientChannel::replacementObjectsForUserDictionaries(const QVariantList &dictionaries)

@@ -6,12 +6,13 @@
 // (AgentConnection records them), and echo appends a line to the content.
 // The client's channel forwards every action to its mirror in the agent.
 //
-// Both build their people from dictionary forms: the person with the
-// dictionary's UUID when one is registered, else a new one; each person is
-// tied to the channel and its connection.
+// Both build their people, bans and advanced settings from dictionary forms:
+// the object with the dictionary's UUID when one is registered, else a new
+// one; each person is tied to the channel and its connection.
 
 #include "model/ztchannel.h"
 #include "person_classes.h"
+#include "settings_classes.h"
 
 namespace chatapps {
 
@@ -58,6 +59,8 @@ class AgentChannel : public ZTAbstractChannel
     ZT_OBJECT(AgentChannel, ZTAbstractChannel)
 public:
     int importance() const override { return chatapps::importanceOf(*this); }
+    void setAdvancedSettingsDictionary(const QVariant &dictionary) override;
+    void setBanlistDictionaries(const QVariantList &dictionaries) override;
     std::optional<QList<zt::Ref<ZTAbstractPerson>>>
     replacementObjectsForUserDictionaries(const QVariantList &dictionaries) override;
     std::optional<QVariantList>
@@ -79,6 +82,8 @@ class ClientChannel : public ZTAbstractChannel
     ZT_OBJECT(ClientChannel, ZTAbstractChannel)
 public:
     int importance() const override { return chatapps::importanceOf(*this); }
+    void setAdvancedSettingsDictionary(const QVariant &dictionary) override;
+    void setBanlistDictionaries(const QVariantList &dictionaries) override;
     std::optional<QList<zt::Ref<ZTAbstractPerson>>>
     replacementObjectsForUserDictionaries(const QVariantList &dictionaries) override;
     std::optional<QVariantList>

@@ -1,5 +1,7 @@
 #include "connection_classes.h"
 
+#include "dictionary_objects.h"
+
 ZT_DEFINE_CLASS(AgentConnection)
 ZT_DEFINE_CLASS(ClientConnection)
 
@@ -50,9 +52,38 @@ template<typename I> zt::Ref<ZTAbstractSelfIdentity> identityFor(const QVariant 
     return peopleapps::objectFromDictionary<I>(dictionary);
 }
 
+template<typename C, typename A> zt::Ref<A> objectFor(const QVariant &dictionary)
+{
+    if (zt::isNilOrNull(dictionary))
+        return {};
+    return zt::apps::objectFromDictionary<C, A>(dictionary.toMap());
+}
+
 } // namespace
 
 // ---- agent ----
+
+std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
+AgentConnection::replacementObjectsForTransferDictionaries(const QVariantList &dictionaries)
+{
+    return zt::apps::objectsFromDictionaries<AgentTransfer, ZTAbstractTransfer>(dictionaries);
+}
+
+void AgentConnection::setAdvancedSettingsDictionary(const QVariant &dictionary)
+{
+    setAdvancedSettings(objectFor<AgentAdvancedSettings, ZTAbstractAdvancedSettings>(dictionary));
+}
+
+void AgentConnection::setProxyDictionary(const QVariant &dictionary)
+{
+    setProxy(objectFor<AgentProxy, ZTAbstractProxy>(dictionary));
+}
+
+void AgentConnection::setServerDictionary(const QVariant &dictionary)
+{
+    ZTAbstractConnection::setServerDictionary(dictionary);
+    setServer(objectFor<AgentServer, ZTAbstractServer>(dictionary));
+}
 
 std::optional<QList<zt::Ref<ZTAbstractChannel>>>
 AgentConnection::replacementObjectsForChannelDictionaries(const QVariantList &dictionaries)
@@ -113,6 +144,28 @@ void AgentConnection::disconnectWithReason(const QString &reason)
 }
 
 // ---- client ----
+
+std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
+ClientConnection::replacementObjectsForTransferDictionaries(const QVariantList &dictionaries)
+{
+    return zt::apps::objectsFromDictionaries<ClientTransfer, ZTAbstractTransfer>(dictionaries);
+}
+
+void ClientConnection::setAdvancedSettingsDictionary(const QVariant &dictionary)
+{
+    setAdvancedSettings(objectFor<ClientAdvancedSettings, ZTAbstractAdvancedSettings>(dictionary));
+}
+
+void ClientConnection::setProxyDictionary(const QVariant &dictionary)
+{
+    setProxy(objectFor<ClientProxy, ZTAbstractProxy>(dictionary));
+}
+
+void ClientConnection::setServerDictionary(const QVariant &dictionary)
+{
+    ZTAbstractConnection::setServerDictionary(dictionary);
+    setServer(objectFor<ClientServer, ZTAbstractServer>(dictionary));
+}
 
 std::optional<QList<zt::Ref<ZTAbstractChannel>>>
 ClientConnection::replacementObjectsForChannelDictionaries(const QVariantList &dictionaries)

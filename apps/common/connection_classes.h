@@ -6,12 +6,14 @@
 // order; connect makes the next identity the current one. The client's connection forwards every protocol
 // action to its mirror in the agent.
 //
-// Both build channels, the console and identities from dictionary forms
+// Both build channels, the console, identities, transfers, settings, the
+// proxy and the server from dictionary forms
 // (the object with the dictionary's UUID when one is registered, else a new
 // one) and answer personsWithName from their channels.
 
 #include "channel_classes.h"
 #include "model/ztconnection.h"
+#include "network_classes.h"
 
 namespace chatapps {
 
@@ -37,6 +39,12 @@ public:
     void setConsoleDictionary(const QVariant &dictionary) override;
     void setCurrentIdentityDictionary(const QVariant &dictionary) override;
     void setNextIdentityDictionary(const QVariant &dictionary) override;
+    void setAdvancedSettingsDictionary(const QVariant &dictionary) override;
+    void setProxyDictionary(const QVariant &dictionary) override;
+    //! Stores the dictionary and takes the server it describes.
+    void setServerDictionary(const QVariant &dictionary) override;
+    std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
+    replacementObjectsForTransferDictionaries(const QVariantList &dictionaries) override;
     QList<zt::Ref<ZTAbstractPerson>> personsWithName(const QString &name) const override;
 
     void processOutgoingLine(const QString &line) override;
@@ -63,6 +71,12 @@ public:
     void setConsoleDictionary(const QVariant &dictionary) override;
     void setCurrentIdentityDictionary(const QVariant &dictionary) override;
     void setNextIdentityDictionary(const QVariant &dictionary) override;
+    void setAdvancedSettingsDictionary(const QVariant &dictionary) override;
+    void setProxyDictionary(const QVariant &dictionary) override;
+    //! Stores the dictionary and takes the server it describes.
+    void setServerDictionary(const QVariant &dictionary) override;
+    std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
+    replacementObjectsForTransferDictionaries(const QVariantList &dictionaries) override;
     QList<zt::Ref<ZTAbstractPerson>> personsWithName(const QString &name) const override;
 
     // Forwarded to the agent.

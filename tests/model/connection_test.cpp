@@ -64,16 +64,23 @@ TEST_F(ChatTest, ObjectValuedKeysTravelAsDictionaries)
 
 TEST_F(ChatTest, ServerDictionaryIsReadFromTheServer)
 {
-    auto connection = make<AgentConnection>();
+    auto connection = zt::make<ZTAbstractConnection>();
+    connection->init();
+    made.append(connection);
     auto server = make<AgentServer>();
+    auto other = make<AgentServer>();
     connection->setServer(server);
     EXPECT_EQ(connection->serverDictionary().toMap(), server->dictionary());
-    const QVariantMap other{{QStringLiteral("description"), QStringLiteral("S2")}};
-    connection->setServerDictionary(other);
+    connection->setServerDictionary(other->dictionary()); // stored, no server built
     EXPECT_EQ(connection->server().get(), server.get());
-    EXPECT_EQ(connection->storedServerDictionary().toMap(), other);
+    EXPECT_EQ(connection->storedServerDictionary().toMap(), other->dictionary());
     connection->setServer({});
     EXPECT_FALSE(connection->serverDictionary().isValid());
+
+    // The applications' connection takes the server the dictionary names.
+    auto agent = make<AgentConnection>();
+    agent->setServerDictionary(other->dictionary());
+    EXPECT_EQ(agent->server().get(), other.get());
 }
 
 TEST_F(ChatTest, AbstractDictionarySettersOnlyLog)
