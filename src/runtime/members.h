@@ -114,6 +114,16 @@ void replaceAtIndexes(const Object *self, const char *selector, QList<Ref<T>> &l
         list[qsizetype(i)] = objects[k++];
 }
 
+//! Key paths written as literals (ZT_DEPENDENCY), as the builder takes them.
+inline QStringList keyPathList(std::initializer_list<const char *> keyPaths)
+{
+    QStringList out;
+    out.reserve(qsizetype(keyPaths.size()));
+    for (const char *path : keyPaths)
+        out.append(QString::fromLatin1(path));
+    return out;
+}
+
 template<typename T> QVariantList dictionariesOf(const QList<Ref<T>> &list)
 {
     QVariantList out;
@@ -205,7 +215,7 @@ public:
 #define ZT_DEPENDENCY(key, ...)                                                                              \
     ZT_DECLARED_MEMBER(b)                                                                                    \
     {                                                                                                        \
-        b.dependency(key, {__VA_ARGS__});                                                                    \
+        b.dependency(key, ::zt::detail::keyPathList({__VA_ARGS__}));                                         \
     }
 
 #define ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                 \

@@ -1,0 +1,87 @@
+#pragma once
+// The agent's and the client's advanced settings, proxies, bans and
+// transfers.
+//
+// Advanced settings send their changes from both processes. Changes that
+// arrive by key-value coding (a change applied from the other process, or
+// the object being built from a dictionary) are not sent back: the classes
+// here answer NO to enableInterProcessKVO while such a change is applied,
+// which breaks the echo between the two sides.
+//
+// The agent's transfer records each operation in its attributes under
+// "state" ("accepted", "resuming", "rejected", "cancelled", "removed"), the
+// stand-in for the engine that performs them.
+
+#include "model/ztsettings.h"
+
+template<typename Base> class EchoFreeSettings : public Base
+{
+public:
+    bool enableInterProcessKVO() const override { return m_applying == 0 && Base::enableInterProcessKVO(); }
+    void setValueForKey(const QVariant &value, const QString &key) override
+    {
+        ++m_applying;
+        try {
+            Base::setValueForKey(value, key);
+        } catch (...) {
+            --m_applying;
+            throw;
+        }
+        --m_applying;
+    }
+
+private:
+    int m_applying = 0;
+};
+
+class AgentAdvancedSettings : public EchoFreeSettings<ZTAbstractAdvancedSettings>
+{
+    ZT_OBJECT(AgentAdvancedSettings, ZTAbstractAdvancedSettings)
+};
+
+class ClientAdvancedSettings : public EchoFreeSettings<ZTAbstractAdvancedSettings>
+{
+    ZT_OBJECT(ClientAdvancedSettings, ZTAbstractAdvancedSettings)
+};
+
+class AgentProxy : public ZTAbstractProxy
+{
+    ZT_OBJECT(AgentProxy, ZTAbstractProxy)
+};
+
+class ClientProxy : public ZTAbstractProxy
+{
+    ZT_OBJECT(ClientProxy, ZTAbstractProxy)
+};
+
+class AgentBan : public ZTAbstractBan
+{
+    ZT_OBJECT(AgentBan, ZTAbstractBan)
+};
+
+class ClientBan : public ZTAbstractBan
+{
+    ZT_OBJECT(ClientBan, ZTAbstractBan)
+};
+
+class AgentTransfer : public ZTAbstractTransfer
+{
+    ZT_OBJECT(AgentTransfer, ZTAbstractTransfer)
+public:
+    void accept() override { setState(QStringLiteral("accepted")); }
+    void acceptByResumingIfPossible(bool resume) override
+    {
+        setState(resume ? QStringLiteral("resuming") : QStringLiteral("accepted"));
+    }
+    void reject() override { setState(QStringLiteral("rejected")); }
+    void cancel() override { setState(QStringLiteral("cancelled")); }
+    void remove() override { setState(QStringLiteral("removed")); }
+
+private:
+    void setState(const QString &state);
+};
+
+class ClientTransfer : public ZTAbstractTransfer
+{
+    ZT_OBJECT(ClientTransfer, ZTAbstractTransfer)
+};

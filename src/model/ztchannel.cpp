@@ -1,0 +1,469 @@
+#include "model/ztchannel.h"
+
+#include "model/ztconnection.h"
+#include "model/ztidentity.h"
+#include "model/ztperson.h"
+#include "model/ztsettings.h"
+#include "runtime/dictionary.h"
+#include "runtime/logging.h"
+
+#include <QSet>
+
+ZT_DEFINE_CLASS(ZTAbstractChannel)
+
+namespace {
+
+const QString UsersKey = QStringLiteral("users");
+const QString MsgID = QStringLiteral("msgID");
+const QString MsgStarred = QStringLiteral("msgStarred");
+const QString MsgEmbedded = QStringLiteral("msgEmbedded");
+
+//! The dictionary form of a highlight entry: a model object's dictionary,
+//! or the entry itself when it is a plain value.
+QVariantList dictionariesOfEntries(const QVariantList &entries)
+{
+    QVariantList out;
+    out.reserve(entries.size());
+    for (const QVariant &entry : entries) {
+        if (auto *object = dynamic_cast<ZTAbstractIPC *>(zt::objectFrom(entry)))
+            out.append(object->dictionary());
+        else
+            out.append(entry);
+    }
+    return out;
+}
+
+//! The index of the last line whose "msgID" equals `uuid`, or -1.
+qsizetype lastLineWithID(const QVariantList &lines, const QString &uuid)
+{
+    for (qsizetype i = lines.size() - 1; i >= 0; --i) {
+        const QVariant id = zt::entryValue(lines[i], MsgID);
+        if (id.typeId() == QMetaType::QString && id.toString() == uuid)
+            return i;
+    }
+    return -1;
+}
+
+} // namespace
+
+ZTAbstractChannel::ZTAbstractChannel() = default;
+ZTAbstractChannel::~ZTAbstractChannel() = default;
+
+// ---- related objects ----
+
+zt::Ref<ZTAbstractAdvancedSettings> ZTAbstractChannel::advancedSettings() const
+{
+    return m_advancedSettings;
+}
+
+void ZTAbstractChannel::setAdvancedSettings(const zt::Ref<ZTAbstractAdvancedSettings> &settings)
+{
+    setAndNotify(m_advancedSettings, settings, QStringLiteral("advancedSettings"));
+}
+
+QVariant ZTAbstractChannel::advancedSettingsDictionary() const
+{
+    return m_advancedSettings ? QVariant(m_advancedSettings->dictionary()) : QVariant();
+}
+
+void ZTAbstractChannel::setAdvancedSettingsDictionary(const QVariant &)
+{
+    zt::log(ztModel, u"Abstract method: %@", QStringLiteral("setAdvancedSettingsDictionary:"));
+}
+
+// ---- users ----
+
+QList<zt::Ref<ZTAbstractPerson>> ZTAbstractChannel::users() const
+{
+    return m_users;
+}
+
+void ZTAbstractChannel::setUsers(const QList<zt::Ref<ZTAbstractPerson>> &users)
+{
+    setAndNotify(m_users, users, UsersKey);
+}
+
+void ZTAbstractChannel::insertUsersAtIndexes(const QList<zt::Ref<ZTAbstractPerson>> &users,
+                                             const zt::IndexSet &indexes)
+{
+    zt::detail::insertAtIndexes(this, "insertUsers:atIndexes:", m_users, users, indexes);
+}
+
+void ZTAbstractChannel::removeUsersAtIndexes(const zt::IndexSet &indexes)
+{
+    zt::detail::removeAtIndexes(this, "removeUsersAtIndexes:", m_users, indexes);
+}
+
+void ZTAbstractChannel::replaceUsersAtIndexesWithUsers(const zt::IndexSet &indexes,
+                                                       const QList<zt::Ref<ZTAbstractPerson>> &users)
+{
+    zt::detail::replaceAtIndexes(this, "replaceUsersAtIndexes:withUsers:", m_users, indexes, users);
+}
+
+QVariantList ZTAbstractChannel::userDictionaries() const
+{
+    return zt::detail::dictionariesOf(m_users);
+}
+
+void ZTAbstractChannel::setUserDictionaries(const QVariantList &dictionaries)
+{
+    if (auto users = replacementObjectsForUserDictionaries(dictionaries))
+        setUsers(*users);
+}
+
+void ZTAbstractChannel::insertUserDictionariesAtIndexes(const QVariantList &dictionaries,
+                                                        const zt::IndexSet &indexes)
+{
+    const auto users = replacementObjectsForUserDictionaries(dictionaries);
+    mutableUsers().insertObjectsAtIndexes(users ? zt::detail::objectValues(*users) : QVariantList(), indexes);
+}
+
+void ZTAbstractChannel::removeUserDictionariesAtIndexes(const zt::IndexSet &indexes)
+{
+    mutableUsers().removeObjectsAtIndexes(indexes);
+}
+
+std::optional<QList<zt::Ref<ZTAbstractPerson>>>
+ZTAbstractChannel::replacementObjectsForUserDictionaries(const QVariantList &)
+{
+    return std::nullopt;
+}
+
+// ---- highlights ----
+
+QVariantList ZTAbstractChannel::highlightDictionaries() const
+{
+    return dictionariesOfEntries(m_highlights);
+}
+
+void ZTAbstractChannel::setHighlightDictionaries(const QVariantList &dictionaries)
+{
+    m_highlightDictionaries = dictionaries;
+    if (auto entries = replacementObjectsForHighlightDictionaries(dictionaries))
+        setHighlights(*entries);
+}
+
+std::optional<QVariantList>
+ZTAbstractChannel::replacementObjectsForHighlightDictionaries(const QVariantList &)
+{
+    return std::nullopt;
+}
+
+// ---- bans ----
+
+QList<zt::Ref<ZTAbstractBan>> ZTAbstractChannel::banlist() const
+{
+    return m_banlist;
+}
+
+void ZTAbstractChannel::setBanlist(const QList<zt::Ref<ZTAbstractBan>> &bans)
+{
+    setAndNotify(m_banlist, bans, QStringLiteral("banlist"));
+}
+
+void ZTAbstractChannel::insertBanlistAtIndexes(const QList<zt::Ref<ZTAbstractBan>> &bans,
+                                               const zt::IndexSet &indexes)
+{
+    zt::detail::insertAtIndexes(this, "insertBanlist:atIndexes:", m_banlist, bans, indexes);
+}
+
+void ZTAbstractChannel::removeBanlistAtIndexes(const zt::IndexSet &indexes)
+{
+    zt::detail::removeAtIndexes(this, "removeBanlistAtIndexes:", m_banlist, indexes);
+}
+
+void ZTAbstractChannel::replaceBanlistAtIndexesWithBanlist(const zt::IndexSet &indexes,
+                                                           const QList<zt::Ref<ZTAbstractBan>> &bans)
+{
+    zt::detail::replaceAtIndexes(this, "replaceBanlistAtIndexes:withBanlist:", m_banlist, indexes, bans);
+}
+
+QVariantList ZTAbstractChannel::banlistDictionaries() const
+{
+    return zt::detail::dictionariesOf(m_banlist);
+}
+
+void ZTAbstractChannel::setBanlistDictionaries(const QVariantList &) {}
+
+// ---- derived values ----
+
+quint64 ZTAbstractChannel::encoding() const
+{
+    if (m_encoding != 0 || !m_connection)
+        return m_encoding;
+    return m_connection->encoding();
+}
+
+zt::Ref<ZTAbstractPerson> ZTAbstractChannel::party() const
+{
+    return m_isQuery ? personWithName(m_name) : zt::Ref<ZTAbstractPerson>();
+}
+
+// ---- object life ----
+
+void ZTAbstractChannel::init()
+{
+    super::init();
+    setUsers({});
+    setBanlist({});
+    setName(QStringLiteral(""));
+    setPassword(QStringLiteral(""));
+    setAttributes({});
+    setStatus(0);
+    setHighlights({});
+    setAutoexec({});
+    setHighlightOccurences({});
+    setStarOccurences({});
+    setHistory({});
+    setContent({});
+    setDidValidateNames(false);
+    // The departure rule. The handler reads the list as it is now rather
+    // than the change record's new value, so the observation asks only for
+    // old values: an insertion then costs the list no copy at all.
+    addObservationToken(VDKVO::observeAtKeyPathOptionsHandler(
+        this, UsersKey, zt::ObservingOption::Old, [this](zt::Object *, const zt::KVOChange &change) {
+            if (zt::isNilOrNull(change.oldValue))
+                return;
+            const auto old = zt::fromValue<QList<zt::Ref<ZTAbstractPerson>>>(change.oldValue);
+            switch (change.kind) {
+            case zt::KeyValueChange::Removal:
+                invalidateDeparted(old, {});
+                break;
+            case zt::KeyValueChange::Replacement: {
+                QList<zt::Ref<ZTAbstractPerson>> now;
+                for (quint64 i : change.indexes)
+                    if (i < quint64(m_users.size()))
+                        now.append(m_users[qsizetype(i)]);
+                invalidateDeparted(old, now);
+                break;
+            }
+            default:
+                invalidateDeparted(old, m_users);
+                break;
+            }
+        }));
+}
+
+void ZTAbstractChannel::invalidateDeparted(const QList<zt::Ref<ZTAbstractPerson>> &old,
+                                           const QList<zt::Ref<ZTAbstractPerson>> &now)
+{
+    QSet<const ZTAbstractPerson *> staying;
+    staying.reserve(now.size());
+    for (const auto &person : now)
+        staying.insert(person.get());
+    for (const auto &person : old)
+        if (person && !staying.contains(person.get()))
+            person->invalidate();
+}
+
+void ZTAbstractChannel::nilify()
+{
+    setAttributes({});
+    // The departure observation has ended by now (invalidate empties the
+    // observer set first; teardown too): the people still present are
+    // invalidated here.
+    const QList<zt::Ref<ZTAbstractPerson>> present = m_users;
+    setUsers({});
+    invalidateDeparted(present, {});
+    setHighlightOccurences({});
+    setStarOccurences({});
+    setHighlights({});
+    setAutoexec({});
+    setHistory({});
+    setContent({});
+    setBanlist({});
+    setName(QString());
+    setPassword(QString());
+    setAdvancedSettings({});
+    super::nilify();
+}
+
+void ZTAbstractChannel::dealloc()
+{
+    Q_ASSERT_X(!inDirectory(), "ZTAbstractChannel", "a channel must be invalidated before it is freed");
+    super::dealloc();
+}
+
+QVariantMap ZTAbstractChannel::dictionary() const
+{
+    QVariantMap d = super::dictionary();
+    d.insert(QStringLiteral("unreadLines"), qint64(qint32(m_unreadLines)));
+    d.insert(QStringLiteral("unreadHighlights"), qint64(qint32(m_unreadHighlights)));
+    d.insert(QStringLiteral("importance"), qint64(qint32(importance())));
+    d.insert(QStringLiteral("index"), qint64(qint32(m_index)));
+    if (!m_highlightDictionaries.isNull())
+        d.insert(QStringLiteral("highlightDictionaries"), m_highlightDictionaries);
+    d.insert(QStringLiteral("userDictionaries"), userDictionaries());
+    d.insert(QStringLiteral("linesDictionary"), const_cast<ZTAbstractChannel *>(this)->linesDictionary());
+    d.insert(QStringLiteral("banlistDictionaries"), banlistDictionaries());
+    d.insert(QStringLiteral("highlights"), highlightDictionaries());
+    if (m_advancedSettings)
+        d.insert(QStringLiteral("advancedSettings"), m_advancedSettings->dictionary());
+    return d;
+}
+
+QString ZTAbstractChannel::replacementKeyForWiring(const QString &key) const
+{
+    if (key == UsersKey)
+        return QStringLiteral("userDictionaries");
+    if (key == QLatin1String("banlist"))
+        return QStringLiteral("banlistDictionaries");
+    if (key == QLatin1String("advancedSettings"))
+        return QStringLiteral("advancedSettingsDictionary");
+    if (key == QLatin1String("highlights"))
+        return QStringLiteral("highlightDictionaries");
+    return super::replacementKeyForWiring(key);
+}
+
+bool ZTAbstractChannel::shouldPropagateValueChangesForKey(const QString &key) const
+{
+    return super::shouldPropagateValueChangesForKey(key) && key != QLatin1String("connection");
+}
+
+// ---- outgoing commands ----
+
+void ZTAbstractChannel::askTopic()
+{
+    if (m_connection)
+        m_connection->processOutgoingLine(QStringLiteral("TOPIC %1").arg(m_name));
+}
+
+void ZTAbstractChannel::quietlyAskTopic()
+{
+    setHideTopicReply(true);
+    askTopic();
+}
+
+void ZTAbstractChannel::askMode()
+{
+    if (m_connection)
+        m_connection->writeString(QStringLiteral("MODE ") + m_name);
+}
+
+void ZTAbstractChannel::askBans()
+{
+    if (m_connection)
+        m_connection->writeString(QStringLiteral("MODE %1 +b").arg(m_name));
+}
+
+void ZTAbstractChannel::askExceptions()
+{
+    if (m_connection)
+        m_connection->writeString(QStringLiteral("MODE %1 +e").arg(m_name));
+}
+
+void ZTAbstractChannel::askWho()
+{
+    if (m_connection)
+        m_connection->writeString(QStringLiteral("WHO ") + m_name);
+}
+
+// ---- people ----
+
+void ZTAbstractChannel::addPerson(const zt::Ref<ZTAbstractPerson> &person)
+{
+    if (person)
+        mutableUsers().addObject(zt::objectValue(person.get()));
+}
+
+void ZTAbstractChannel::removePerson(const zt::Ref<ZTAbstractPerson> &person)
+{
+    zt::IndexSet found;
+    for (qsizetype i = 0; i < m_users.size(); ++i)
+        if (m_users[i].get() == person.get())
+            found.add(quint64(i));
+    if (!found.isEmpty())
+        mutableUsers().removeObjectsAtIndexes(found);
+}
+
+void ZTAbstractChannel::resetUsers()
+{
+    mutableUsers().removeAllObjects();
+}
+
+zt::Ref<ZTAbstractPerson> ZTAbstractChannel::personWithName(const QString &name) const
+{
+    for (const auto &person : m_users) {
+        const auto identity = person->identity();
+        if (identity && identity->nickname().compare(name, Qt::CaseInsensitive) == 0)
+            return person;
+    }
+    return {};
+}
+
+// ---- state, lines and stars ----
+
+void ZTAbstractChannel::clearActivity()
+{
+    setAttributes({});
+    setDidValidateNames(false);
+    resetUsers();
+    setBanlist({});
+}
+
+void ZTAbstractChannel::clearLines()
+{
+    setHistory({});
+    setContent({});
+    resetLineCount();
+    clear();
+}
+
+void ZTAbstractChannel::resetLineCount()
+{
+    if (m_unreadLines == 0 && m_unreadHighlights == 0)
+        return;
+    setUnreadLines(0);
+    setUnreadHighlights(0);
+    if (ZTIPCProxy *mirror = counterpart())
+        mirror->perform(zt::Selector("resetLineCount"));
+}
+
+QVariant ZTAbstractChannel::messageWithUUID(const QString &uuid) const
+{
+    const qsizetype inContent = lastLineWithID(m_content, uuid);
+    if (inContent >= 0)
+        return m_content[inContent];
+    const qsizetype inHistory = lastLineWithID(m_history, uuid);
+    return inHistory >= 0 ? m_history[inHistory] : QVariant();
+}
+
+QVariant ZTAbstractChannel::starredMessageWithUUID(const QString &uuid) const
+{
+    const qsizetype at = lastLineWithID(m_starOccurences, uuid);
+    return at >= 0 ? m_starOccurences[at] : QVariant();
+}
+
+void ZTAbstractChannel::addHighlightOccurence(const QVariantMap &line)
+{
+    mutableArrayValueForKey(QStringLiteral("highlightOccurences")).addObject(line);
+}
+
+void ZTAbstractChannel::addStarOccurenceWithUUID(const QString &uuid)
+{
+    QVariantMap star = messageWithUUID(uuid).toMap();
+    star.insert(MsgStarred, true);
+    mutableArrayValueForKey(QStringLiteral("starOccurences")).addObject(star);
+}
+
+void ZTAbstractChannel::removeStarOccurenceWithUUID(const QString &uuid)
+{
+    const qsizetype at = lastLineWithID(m_starOccurences, uuid);
+    if (at < 0)
+        return;
+    // The removed copy would be marked unstarred; it is a value here, so
+    // nothing else sees that mark.
+    mutableArrayValueForKey(QStringLiteral("starOccurences")).removeObjectAtIndex(at);
+}
+
+QVariantMap ZTAbstractChannel::linesDictionary()
+{
+    for (QVariant &line : m_content) {
+        if (zt::kindOf(line) != zt::ValueKind::Dictionary)
+            continue;
+        QVariantMap map = line.toMap();
+        map.insert(MsgEmbedded, false);
+        line = map;
+    }
+    return {{QStringLiteral("content"), m_content}, {QStringLiteral("pastcontent"), m_history}};
+}

@@ -1,0 +1,225 @@
+#pragma once
+// The three per-process roots of the chat model. Each is a singleton with a
+// fixed staticUUID(), so the agent's and the client's instances are
+// counterparts from the start; make them with plain init() in both
+// processes.
+//
+//   ZTAbstractConnectionController  "ConnectionController"  all connections
+//   ZTAbstractIdentityController    "IdentityController"    the user's self identities
+//   ZTAbstractPersonListController  "NetworkDirectory"      the pseudo-persons
+//
+// The person list controller shares its UUID with the network directory:
+// whichever of the two registers first in a process is the one found under
+// it (the directory keeps the first registration).
+//
+// Wiring: "connections" → "connectionDictionaries", "identities" →
+// "identityDictionaries", "pseudoPersons" → "pseudoPersonDictionaries". The
+// concrete controllers rebuild the objects from the dictionaries.
+
+#include "model/ztconnection.h"
+
+class ZTAbstractSelfIdentity;
+class ZTAbstractPseudoPerson;
+class ZTAbstractNetwork;
+
+class ZT_EXPORT ZTAbstractConnectionController : public ZTAbstractIPC
+{
+    ZT_OBJECT(ZTAbstractConnectionController, ZTAbstractIPC)
+public:
+    ZTAbstractConnectionController();
+    ~ZTAbstractConnectionController() override;
+
+    ZT_WIRED_TO_MANY(ZTAbstractConnection, connections, Connections, connectionDictionaries,
+                     ConnectionDictionaries)
+    //! Abstract: nil (so setConnectionDictionaries changes nothing here).
+    virtual std::optional<QList<zt::Ref<ZTAbstractConnection>>>
+    replacementObjectsForConnectionDictionaries(const QVariantList &dictionaries);
+
+    //! Appends through the announcing view of "connections".
+    void addConnection(const zt::Ref<ZTAbstractConnection> &connection);
+    ZT_METHOD("addConnection:", addConnection)
+    //! Removes every element of the array (each occurrence).
+    void removeConnections(const QList<zt::Ref<ZTAbstractConnection>> &connections);
+    ZT_METHOD("removeConnections:", removeConnections)
+    void removeConnection(const zt::Ref<ZTAbstractConnection> &connection);
+    ZT_METHOD("removeConnection:", removeConnection)
+
+    //! Every connection's channels, in connection order, then every
+    //! connection's console, in connection order.
+    QList<zt::Ref<ZTAbstractChannel>> allChannels() const;
+    ZT_READONLY_KEY(allChannels)
+    //! The channels of allChannels() named `name`, ignoring case. Without a
+    //! name, logs "Bad key given (value: %@)." and answers nil.
+    std::optional<QList<zt::Ref<ZTAbstractChannel>>> allChannelsForName(const QString &name) const;
+    QVariant allChannelsForNameValue(const QString &name) const;
+    ZT_METHOD("allChannelsForName:", allChannelsForNameValue)
+
+    void init() override;
+    void nilify() override;
+    QString staticUUID() const override;
+    //! Only "connections" propagates.
+    bool shouldPropagateValueChangesForKey(const QString &key) const override;
+    QString replacementKeyForWiring(const QString &key) const override;
+
+protected:
+    void dealloc() override;
+
+private:
+    static void invalidateDeparted(const QList<zt::Ref<ZTAbstractConnection>> &old,
+                                   const QList<zt::Ref<ZTAbstractConnection>> &now);
+};
+
+class ZT_EXPORT ZTAbstractIdentityController : public ZTAbstractIPC
+{
+    ZT_OBJECT(ZTAbstractIdentityController, ZTAbstractIPC)
+public:
+    ZTAbstractIdentityController();
+    ~ZTAbstractIdentityController() override;
+
+    QList<zt::Ref<ZTAbstractSelfIdentity>> identities() const;
+    void setIdentities(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities);
+    void insertIdentitiesAtIndexes(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities,
+                                   const zt::IndexSet &indexes);
+    void removeIdentitiesAtIndexes(const zt::IndexSet &indexes);
+    void replaceIdentitiesAtIndexesWithIdentities(const zt::IndexSet &indexes,
+                                                  const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities);
+    zt::MutableArrayProxy mutableIdentities()
+    {
+        return mutableArrayValueForKey(QStringLiteral("identities"));
+    }
+    ZT_KEY(identities, setIdentities)
+    ZT_METHOD("insertIdentities:atIndexes:", insertIdentitiesAtIndexes)
+    ZT_METHOD("removeIdentitiesAtIndexes:", removeIdentitiesAtIndexes)
+    ZT_METHOD("replaceIdentitiesAtIndexes:withIdentities:", replaceIdentitiesAtIndexesWithIdentities)
+    QVariantList identityDictionaries() const;
+    void setIdentityDictionaries(const QVariantList &dictionaries);
+    void insertIdentityDictionariesAtIndexes(const QVariantList &dictionaries, const zt::IndexSet &indexes);
+    void removeIdentityDictionariesAtIndexes(const zt::IndexSet &indexes);
+    ZT_KEY(identityDictionaries, setIdentityDictionaries)
+    ZT_METHOD("insertIdentityDictionaries:atIndexes:", insertIdentityDictionariesAtIndexes)
+    ZT_METHOD("removeIdentityDictionariesAtIndexes:", removeIdentityDictionariesAtIndexes)
+    //! Abstract: raises "Abstract method" ("Implement
+    //! -replacementObjectsForIdentityDictionaries: in <class>").
+    virtual std::optional<QList<zt::Ref<ZTAbstractSelfIdentity>>>
+    replacementObjectsForIdentityDictionaries(const QVariantList &dictionaries);
+
+    void addIdentity(const zt::Ref<ZTAbstractSelfIdentity> &identity);
+    ZT_METHOD("addIdentity:", addIdentity)
+    //! Removes every element of the array; the identities stay valid.
+    void removeIdentities(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities);
+    ZT_METHOD("removeIdentities:", removeIdentities)
+    void removeIdentity(const zt::Ref<ZTAbstractSelfIdentity> &identity);
+    ZT_METHOD("removeIdentity:", removeIdentity)
+    void insertIdentitiesAtLocations(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities,
+                                     const zt::IndexSet &indexes);
+    ZT_METHOD("insertIdentities:atLocations:", insertIdentitiesAtLocations)
+    void removeIdentitiesAtLocations(const zt::IndexSet &indexes);
+    ZT_METHOD("removeIdentitiesAtLocations:", removeIdentitiesAtLocations)
+
+    void init() override;
+    QString staticUUID() const override;
+    //! Only "identities" propagates.
+    bool shouldPropagateValueChangesForKey(const QString &key) const override;
+    QString replacementKeyForWiring(const QString &key) const override;
+
+protected:
+    void dealloc() override;
+
+private:
+    QList<zt::Ref<ZTAbstractSelfIdentity>> m_identities;
+};
+
+class ZT_EXPORT ZTAbstractPersonListController : public ZTAbstractIPC
+{
+    ZT_OBJECT(ZTAbstractPersonListController, ZTAbstractIPC)
+public:
+    ZTAbstractPersonListController();
+    ~ZTAbstractPersonListController() override;
+
+    QList<zt::Ref<ZTAbstractPseudoPerson>> pseudoPersons() const;
+    void setPseudoPersons(const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons);
+    void insertPseudoPersonsAtIndexes(const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons,
+                                      const zt::IndexSet &indexes);
+    void removePseudoPersonsAtIndexes(const zt::IndexSet &indexes);
+    void replacePseudoPersonsAtIndexesWithPseudoPersons(
+        const zt::IndexSet &indexes, const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons);
+    zt::MutableArrayProxy mutablePseudoPersons()
+    {
+        return mutableArrayValueForKey(QStringLiteral("pseudoPersons"));
+    }
+    ZT_KEY(pseudoPersons, setPseudoPersons)
+    ZT_METHOD("insertPseudoPersons:atIndexes:", insertPseudoPersonsAtIndexes)
+    ZT_METHOD("removePseudoPersonsAtIndexes:", removePseudoPersonsAtIndexes)
+    ZT_METHOD("replacePseudoPersonsAtIndexes:withPseudoPersons:",
+              replacePseudoPersonsAtIndexesWithPseudoPersons)
+    QVariantList pseudoPersonDictionaries() const;
+    //! nil conversion leaves the list unchanged.
+    void setPseudoPersonDictionaries(const QVariantList &dictionaries);
+    void insertPseudoPersonDictionariesAtIndexes(const QVariantList &dictionaries,
+                                                 const zt::IndexSet &indexes);
+    void removePseudoPersonDictionariesAtIndexes(const zt::IndexSet &indexes);
+    ZT_KEY(pseudoPersonDictionaries, setPseudoPersonDictionaries)
+    ZT_METHOD("insertPseudoPersonDictionaries:atIndexes:", insertPseudoPersonDictionariesAtIndexes)
+    ZT_METHOD("removePseudoPersonDictionariesAtIndexes:", removePseudoPersonDictionariesAtIndexes)
+    //! Abstract: nil.
+    virtual std::optional<QList<zt::Ref<ZTAbstractPseudoPerson>>>
+    replacementObjectsForPseudoPersonDictionaries(const QVariantList &dictionaries);
+
+    void addPseudoPerson(const zt::Ref<ZTAbstractPseudoPerson> &pseudoPerson);
+    ZT_METHOD("addPseudoPerson:", addPseudoPerson)
+    //! Removes every occurrence.
+    void removePseudoPerson(const zt::Ref<ZTAbstractPseudoPerson> &pseudoPerson);
+    ZT_METHOD("removePseudoPerson:", removePseudoPerson)
+    void removePseudoPersons(const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons);
+    ZT_METHOD("removePseudoPersons:", removePseudoPersons)
+    void insertPseudoPersonsAtLocations(const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons,
+                                        const zt::IndexSet &indexes);
+    ZT_METHOD("insertPseudoPersons:atLocations:", insertPseudoPersonsAtLocations)
+    void removePseudoPersonsAtLocations(const zt::IndexSet &indexes);
+    ZT_METHOD("removePseudoPersonsAtLocations:", removePseudoPersonsAtLocations)
+
+    // ---- look-ups ----
+    //! Every pseudo-person, in order, that matches the person.
+    QList<zt::Ref<ZTAbstractPseudoPerson>> matchesForPerson(const zt::Ref<ZTAbstractPerson> &person) const;
+    ZT_METHOD("matchesForPerson:", matchesForPerson)
+    //! Those whose real person's nickname equals `name`, ignoring case.
+    QList<zt::Ref<ZTAbstractPseudoPerson>> pseudoPersonsWithName(const QString &name) const;
+    ZT_METHOD("pseudoPersonsWithName:", pseudoPersonsWithName)
+    //! Those of pseudoPersonsWithName whose real person is on the network.
+    QList<zt::Ref<ZTAbstractPseudoPerson>>
+    pseudoPersonsWithNameOnNetwork(const QString &name, const zt::Ref<ZTAbstractNetwork> &network) const;
+    ZT_METHOD("pseudoPersonsWithName:onNetwork:", pseudoPersonsWithNameOnNetwork)
+    //! Every pseudo-person's real person, in order; the null marker for one
+    //! without a real person.
+    QVariantList realPersons() const;
+    ZT_READONLY_KEY(realPersons)
+    //! The real persons whose nickname equals `name`, ignoring case.
+    QList<zt::Ref<ZTAbstractPerson>> realPersonsWithName(const QString &name) const;
+    ZT_METHOD("realPersonsWithName:", realPersonsWithName)
+    //! Those of realPersonsWithName on the network.
+    QList<zt::Ref<ZTAbstractPerson>>
+    personsWithNameOnNetwork(const QString &name, const zt::Ref<ZTAbstractNetwork> &network) const;
+    ZT_METHOD("personsWithName:onNetwork:", personsWithNameOnNetwork)
+    //! Looks the network up in the directory, then addPersonWithMask:onNetwork:.
+    zt::Ref<ZTAbstractPseudoPerson> addPersonWithMaskOnNetworkWithUUID(const QString &mask,
+                                                                       const QString &uuid);
+    ZT_METHOD("addPersonWithMask:onNetworkWithUUID:", addPersonWithMaskOnNetworkWithUUID)
+    //! Abstract: nil.
+    virtual zt::Ref<ZTAbstractPseudoPerson>
+    addPersonWithMaskOnNetwork(const QString &mask, const zt::Ref<ZTAbstractNetwork> &network);
+    ZT_METHOD("addPersonWithMask:onNetwork:", addPersonWithMaskOnNetwork)
+    //! The ignore-rule controller; nil here. Whatever object the concrete
+    //! class answers is sent "emptyRuleCache" whenever the list changes.
+    virtual zt::Ref<zt::Object> ruleController() const;
+    ZT_READONLY_KEY(ruleController)
+
+    void init() override;
+    QString staticUUID() const override;
+    QString replacementKeyForWiring(const QString &key) const override;
+
+protected:
+    void dealloc() override;
+
+private:
+    QList<zt::Ref<ZTAbstractPseudoPerson>> m_pseudoPersons;
+};

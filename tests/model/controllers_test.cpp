@@ -1,0 +1,112 @@
+// The model controllers: fixed UUIDs, propagation, look-ups across
+// connections and the departure rule.
+#include "chat_fixture.h"
+#include "support/raised.h"
+
+using chattest::ChatTest;
+
+TEST_F(ChatTest, ControllersUseFixedUUIDsAndPropagateOnlyTheirList)
+{
+    auto connections = zt::make<AgentConnectionController>();
+    auto identities = zt::make<AgentIdentityController>();
+    auto personList = zt::make<AgentPersonListController>();
+    connections->init();
+    identities->init();
+    ZTAbstractIPC::disableRegistration(); // the network directory's UUID may be taken
+    personList->init();
+    ZTAbstractIPC::enableRegistration();
+    made.append(connections);
+    made.append(identities);
+    const struct
+    {
+        ZTAbstractIPC *controller;
+        QString uuid, list, wired;
+        bool propagatesOthers;
+    } rows[] = {
+        {connections.get(), QStringLiteral("ConnectionController"), QStringLiteral("connections"),
+         QStringLiteral("connectionDictionaries"), false},
+        {identities.get(), QStringLiteral("IdentityController"), QStringLiteral("identities"),
+         QStringLiteral("identityDictionaries"), false},
+        {personList.get(), QStringLiteral("NetworkDirectory"), QStringLiteral("pseudoPersons"),
+         QStringLiteral("pseudoPersonDictionaries"), true},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.uuid.toStdString());
+        EXPECT_EQ(row.controller->description(), row.uuid);
+        EXPECT_TRUE(row.controller->shouldPropagateValueChangesForKey(row.list));
+        EXPECT_EQ(row.controller->shouldPropagateValueChangesForKey(QStringLiteral("other")),
+                  row.propagatesOthers);
+        EXPECT_EQ(row.controller->replacementKeyForWiring(row.list), row.wired);
+    }
+}
+
+TEST_F(ChatTest, AllChannelsListsChannelsThenConsoles)
+{
+    auto controller = make<AgentConnectionController>();
+    auto first = make<AgentConnection>();
+    auto second = make<AgentConnection>();
+    auto a = channel(QStringLiteral("#a"), first.get());
+    auto b = channel(QStringLiteral("#B"), first.get());
+    auto c = channel(QStringLiteral("#b"), second.get());
+    auto console1 = channel(QStringLiteral("one"), first.get());
+    auto console2 = channel(QStringLiteral("two"), second.get());
+    first->addChannels({a, b});
+    second->addChannel(c);
+    first->setConsole(console1);
+    second->setConsole(console2);
+    controller->addConnection(first);
+    controller->addConnection(second);
+    EXPECT_EQ(controller->allChannels(), (QList<zt::Ref<ZTAbstractChannel>>{a, b, c, console1, console2}));
+    EXPECT_EQ(controller->allChannelsForName(QStringLiteral("#b")),
+              (QList<zt::Ref<ZTAbstractChannel>>{b, c}));
+    EXPECT_FALSE(controller->allChannelsForName(QString()));
+
+    // Removing a connection invalidates it and its channels and console.
+    controller->removeConnection(first);
+    EXPECT_FALSE(first->inDirectory());
+    EXPECT_FALSE(a->inDirectory());
+    EXPECT_FALSE(console1->inDirectory());
+    EXPECT_TRUE(second->inDirectory());
+    EXPECT_EQ(controller->allChannels(), (QList<zt::Ref<ZTAbstractChannel>>{c, console2}));
+}
+
+TEST_F(ChatTest, IdentityControllerRemovalsKeepIdentities)
+{
+    auto controller = make<AgentIdentityController>();
+    auto identity = make<AgentSelfIdentity>();
+    controller->addIdentity(identity);
+    controller->removeIdentity(identity);
+    EXPECT_TRUE(controller->identities().isEmpty());
+    EXPECT_TRUE(identity->inDirectory());
+
+    auto abstract = zt::make<ZTAbstractIdentityController>();
+    ZTAbstractIPC::disableRegistration();
+    abstract->init();
+    ZTAbstractIPC::enableRegistration();
+    EXPECT_EQ(zttest::raised([&] { abstract->setIdentityDictionaries({}); }),
+              std::make_pair(QStringLiteral("Abstract method"),
+                             QStringLiteral("Implement -replacementObjectsForIdentityDictionaries: in "
+                                            "ZTAbstractIdentityController")));
+}
+
+TEST_F(ChatTest, ControllerListsTravelAsDictionaries)
+{
+    auto controller = make<AgentConnectionController>();
+    auto connection = make<AgentConnection>();
+    delegate.root->sent.clear();
+    controller->addConnection(connection);
+    ASSERT_EQ(delegate.root->sent.size(), 1);
+    EXPECT_EQ(delegate.root->sent[0].arguments[2].toString(), QStringLiteral("connectionDictionaries"));
+
+    // The client's controller rebuilds the connection under the agent's UUID.
+    const QVariantList wired = delegate.root->sent[0].arguments[0].toList();
+    const QString uuid = connection->description();
+    controller->invalidate(); // leaves the fixed UUID to the client's controller
+    playRole(false);
+    auto client = zt::make<ClientConnectionController>();
+    client->init();
+    made.append(client);
+    client->insertConnectionDictionariesAtIndexes(wired, zt::IndexSet(0));
+    ASSERT_EQ(client->connections().size(), 1);
+    EXPECT_EQ(client->connections()[0]->description(), uuid);
+}

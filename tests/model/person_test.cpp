@@ -1,0 +1,224 @@
+// People and pseudo-people: induction from the connection, status texts,
+// pattern rules, dictionary and archive forms, teardown and query parties.
+#include "connection_classes.h"
+#include "core/ztdirectory.h"
+#include "network_classes.h"
+#include "person_classes.h"
+#include "person_family_support.h"
+#include "runtime/kvc.h"
+#include "support/log_capture.h"
+
+using namespace personfamily;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// Counts teardowns, to see which people are freed.
+class CountedPerson : public AgentPerson
+{
+    ZT_OBJECT(CountedPerson, AgentPerson)
+public:
+    static inline int deallocs = 0;
+
+protected:
+    void dealloc() override
+    {
+        ++deallocs;
+        super::dealloc();
+    }
+};
+ZT_DEFINE_CLASS(CountedPerson)
+
+// A connection "Me" on a network, with two channels.
+class PersonTest : public RoleTest
+{
+protected:
+    void SetUp() override
+    {
+        RoleTest::SetUp();
+        network = agentObject<AgentNetwork>();
+        auto server = agentObject<AgentServer>();
+        server->setNetwork(network);
+        connection = agentObject<AgentConnection>();
+        connection->setServer(server);
+        connection->setNickname(u"Me"_s);
+        self = agentObject<AgentSelfIdentity>();
+        self->setStatus(6);
+        connection->setCurrentIdentity(self);
+        for (const QString &name : {u"#a"_s, u"#b"_s}) {
+            auto channel = agentObject<AgentChannel>();
+            channel->setName(name);
+            channel->setConnection(connection.get());
+            connection->mutableChannels().addObject(zt::objectValue(channel.get()));
+        }
+    }
+    void TearDown() override
+    {
+        connection->invalidate();
+        self->invalidate();
+        network->invalidate();
+        RoleTest::TearDown();
+    }
+    template<typename P = AgentPerson> zt::Ref<P> join(const QString &nick, int channel = 0)
+    {
+        auto person = zt::make<P>();
+        person->initWithNicknameOnChannel(nick, connection->channels().at(channel).get());
+        connection->channels().at(channel)->addPerson(person);
+        return person;
+    }
+    zt::Ref<AgentNetwork> network;
+    zt::Ref<AgentConnection> connection;
+    zt::Ref<AgentSelfIdentity> self;
+};
+
+TEST_F(PersonTest, InductionFromTheConnection)
+{
+    auto first = join(u"bob"_s);
+    first->identity()->setUsername(u"u"_s);
+    first->identity()->setHostname(u"h"_s);
+    first->setAuthenticated(true);
+    auto second = join(u"BOB"_s, 1);
+    EXPECT_EQ(second->nuh(), u"BOB!u@h"_s);
+    EXPECT_TRUE(second->authenticated());
+
+    auto me = join(u"Me"_s, 1), meInOtherCase = join(u"me"_s);
+    EXPECT_TRUE(me->isMe());
+    EXPECT_TRUE(meInOtherCase->isMe());
+    EXPECT_EQ(me->identity()->status(), 6);            // copied from the current identity
+    EXPECT_EQ(meInOtherCase->identity()->status(), 7); // the copy compares exactly
+}
+
+TEST_F(PersonTest, StatusString)
+{
+    struct Row
+    {
+        int status;
+        const char *message, *expected;
+    } rows[] = {{7, "gone", "AVAILABLE"}, {6, "", "AWAY"}, {6, "gone", "gone"}};
+    auto person = join(u"bob"_s);
+    int notified = 0;
+    auto token = zt::observeKeyPathOptionsHandler(person.get(), u"statusString"_s, {},
+                                                  [&](zt::Object *, const zt::KVOChange &) { ++notified; });
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.expected);
+        person->identity()->setStatus(qint16(r.status));
+        person->identity()->setAwayMessage(qs(r.message));
+        EXPECT_EQ(person->statusString(), qs(r.expected));
+    }
+    EXPECT_GE(notified, 4);
+    for (const char *key : {"statusString", "displayNickname", "channel", "connection"})
+        EXPECT_FALSE(person->shouldPropagateValueChangesForKey(QString::fromLatin1(key))) << key;
+}
+
+TEST_F(PersonTest, PseudoPersonPatterns)
+{
+    struct Row
+    {
+        const char *name, *content, *user, *host;
+        bool sameNetwork, matches;
+    } rows[] = {
+        {"star is not anchored", "bob*", "u", "h", true, true},
+        {"letters ignore case", "BOB", "u", "h", true, true},
+        {"dot is literal", "b.b", "u", "h", true, false},
+        {"mask", "*!*@host.org", "u", "host.org", true, true},
+        {"dot in a mask", "*!*@host.org", "u", "hostXorg", true, false},
+        {"other network", "bob", "u", "h", false, false},
+    };
+    auto person = join(u"xbobby"_s);
+    auto other = agentObject<AgentNetwork>();
+    for (const Row &r : rows) {
+        SCOPED_TRACE(r.name);
+        person->identity()->setUsername(qs(r.user));
+        person->identity()->setHostname(qs(r.host));
+        auto rule = zt::make<AgentPseudoPerson>();
+        rule->initWithContentOnNetwork(qs(r.content), r.sameNetwork ? network.get() : other.get());
+        EXPECT_EQ(rule->matchesPerson(person.get()), r.matches);
+        rule->invalidate();
+    }
+    other->invalidate();
+    EXPECT_EQ(ZTAbstractPseudoPerson::patternForContent(u"a.b*"_s), u"a\\.b.*"_s);
+
+    auto rule = agentObject<AgentPseudoPerson>();
+    EXPECT_FALSE(rule->regex());
+    rule->setContent(u"bob"_s);
+    const zt::Ref<KORegex> compiled = rule->regex();
+    ASSERT_TRUE(compiled);
+    rule->setContent(QString());
+    EXPECT_EQ(rule->regex(), compiled); // clearing the content keeps the pattern
+    rule->invalidate();
+}
+
+TEST_F(PersonTest, DictionaryFormsAndClientRebuild)
+{
+    auto person = join(u"bob"_s);
+    person->identity()->setUsername(u"u"_s);
+    person->identity()->setPrivileges(QVariantList{qint64(3)});
+    const QVariantMap d = person->dictionary();
+    EXPECT_EQ(d.keys(), QStringList({u"authenticated"_s, u"connectionUUID"_s, u"description"_s,
+                                     u"identityDictionary"_s}));
+    EXPECT_EQ(d.value(u"connectionUUID"_s), connection->description());
+
+    auto rule = agentObject<AgentPseudoPerson>();
+    rule->setContent(u"bob"_s);
+    rule->setPublicAllowed(false);
+    rule->assignRealPersonFromPerson(person.get());
+    EXPECT_FALSE(rule->privateAllowed().isValid()); // not set
+    EXPECT_EQ(rule->dictionary().keys(),
+              QStringList({u"content"_s, u"description"_s, u"realPersonDictionary"_s}));
+    rule->invalidate();
+
+    const QString identityUUID = person->identity()->description();
+    connection->channels().at(0)->removePerson(person); // leaves: invalidated with its identity
+    EXPECT_FALSE(ZTDirectory::sharedInstance()->objectWithID(d.value(u"description"_s).toString()));
+    EXPECT_FALSE(ZTDirectory::sharedInstance()->objectWithID(identityUUID));
+
+    playRole(false);
+    auto mirror = ClientPerson::personWithDictionary(d);
+    ASSERT_TRUE(mirror);
+    EXPECT_EQ(mirror->identity()->description(), identityUUID);
+    EXPECT_EQ(mirror->identity()->prefixablePrivileges(), u"@"_s);
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(identityUUID).get(), mirror->identity().get());
+    mirror->invalidate();
+    EXPECT_FALSE(ZTDirectory::sharedInstance()->objectWithID(identityUUID));
+    playRole(true);
+}
+
+TEST_F(PersonTest, PseudoPersonArchive)
+{
+    auto rule = zt::make<AgentPseudoPerson>();
+    rule->initWithContentOnNetwork(u"bob*"_s, network.get());
+    rule->setAddressBookID(u"card"_s);
+    auto back = roundTrip<AgentPseudoPerson>(rule.get());
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->content(), u"bob*"_s);
+    EXPECT_EQ(back->networkUUID(), network->description());
+    EXPECT_EQ(back->addressBookID(), u"card"_s);
+    EXPECT_TRUE(back->regex()); // compiled again from the decoded content
+    back->invalidate();
+}
+
+TEST_F(PersonTest, QueryPartiesLiveForTheProcess)
+{
+    connection->channels().at(1)->setIsQuery(true);
+    const int before = CountedPerson::deallocs;
+    {
+        auto plain = join<CountedPerson>(u"a"_s);
+        auto party = join<CountedPerson>(u"b"_s, 1);
+        EXPECT_TRUE(party->isQueryParty());
+        connection->channels().at(0)->removePerson(plain);
+        connection->channels().at(1)->removePerson(party);
+    }
+    EXPECT_EQ(CountedPerson::deallocs, before + 1);
+}
+
+TEST_F(PersonTest, OnlyActionsAreForwarded)
+{
+    zttest::LogCapture log;
+    auto person = join(u"bob"_s);
+    EXPECT_TRUE(ZTIPCProxy::forwardedAction(person.get(), zt::Selector("resetWhois")));
+    EXPECT_FALSE(ZTIPCProxy::forwardedAction(person.get(), zt::Selector("setAuthenticated:")));
+    EXPECT_TRUE(
+        log.contains(u"*** Refused forwarded call setAuthenticated:: not an action of AgentPerson"_s));
+}
+
+} // namespace
