@@ -1,5 +1,7 @@
 #include "person_classes.h"
 
+#include "channel_classes.h"
+
 ZT_DEFINE_CLASS(AgentPerson)
 ZT_DEFINE_CLASS(ClientPerson)
 ZT_DEFINE_CLASS(AgentPseudoPerson)
@@ -85,4 +87,59 @@ void ClientPerson::init()
 void ClientPerson::setIdentityDictionary(const QVariant &dictionary)
 {
     adoptIdentity<ClientIdentity>(this, dictionary);
+}
+
+void ClientPerson::sendFileAtPath(const QString &path)
+{
+    chatapps::forwardToCounterpart(this, "sendFileAtPath:", {path});
+}
+
+void ClientPerson::scheduleAuthCheckPrioritizing(bool prioritize)
+{
+    chatapps::forwardToCounterpart(this, "scheduleAuthCheckPrioritizing:", {prioritize});
+}
+
+void ClientPerson::resetWhois()
+{
+    chatapps::forwardToCounterpart(this, "resetWhois");
+}
+
+void ClientPerson::addToFilters()
+{
+    chatapps::forwardToCounterpart(this, "addToFilters");
+}
+
+void ClientPerson::removeFromFilters()
+{
+    chatapps::forwardToCounterpart(this, "removeFromFilters");
+}
+
+void ClientPerson::addToFriends()
+{
+    chatapps::forwardToCounterpart(this, "addToFriends");
+}
+
+void ClientPerson::removeFromFriends()
+{
+    chatapps::forwardToCounterpart(this, "removeFromFriends");
+}
+
+void ClientPseudoPerson::addToFriends()
+{
+    chatapps::forwardToCounterpart(this, "addToFriends");
+}
+
+void ClientPseudoPerson::removeFromFriends()
+{
+    chatapps::forwardToCounterpart(this, "removeFromFriends");
+}
+
+void ClientPseudoPerson::addToFilters()
+{
+    chatapps::forwardToCounterpart(this, "addToFilters");
+}
+
+void ClientPseudoPerson::removeFromFilters()
+{
+    chatapps::forwardToCounterpart(this, "removeFromFilters");
 }
