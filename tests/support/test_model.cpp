@@ -1,4 +1,4 @@
-#include "sample.h"
+#include "support/test_model.h"
 
 ZT_DEFINE_CLASS(Sample)
 
@@ -27,3 +27,28 @@ void Sample::registerMembers(zt::ClassBuilder<Sample> &b)
 ZT_DEFINE_CLASS(Recorder)
 
 void Recorder::registerMembers(zt::ClassBuilder<Recorder> &) {}
+
+ZT_DEFINE_CLASS(TestNode)
+
+void TestNode::registerMembers(zt::ClassBuilder<TestNode> &b)
+{
+    b.property("name", &TestNode::name, &TestNode::setName);
+    b.property("count", &TestNode::count, &TestNode::setCount);
+    b.property("representation", &TestNode::representation, &TestNode::setRepresentation);
+    b.property("buddy", &TestNode::buddy, &TestNode::setBuddy);
+    b.method("children", &TestNode::children);
+    b.method("insertChildren:atIndexes:", &TestNode::insertChildrenAtIndexes);
+    b.method("removeChildrenAtIndexes:", &TestNode::removeChildrenAtIndexes);
+    b.method("replaceChildrenAtIndexes:withChildren:", &TestNode::replaceChildrenAtIndexesWithChildren);
+    b.method("childDictionaries", &TestNode::childDictionaries);
+    b.method("renameTo:times:", &TestNode::renameTo);
+}
+
+ZT_DEFINE_CLASS(TestSingleton)
+void TestSingleton::registerMembers(zt::ClassBuilder<TestSingleton> &) {}
+ZT_DEFINE_CLASS(HeldNode)
+void HeldNode::registerMembers(zt::ClassBuilder<HeldNode> &b)
+{
+    b.method("renameTo:times:", &HeldNode::renameShortTo);
+    b.method("ownOnly:", &HeldNode::ownOnly);
+}
