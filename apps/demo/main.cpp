@@ -2,9 +2,11 @@
 //
 // `zt-demo` is the client: it starts `zt-demo --agent`, connects to it, and
 // prints what its mirror of the agent's model does as the changes arrive. The
-// agent brings a connection online, joins and leaves channels and changes a
-// topic; then the client sends the agent an action and a call that returns a
-// value.
+// agent brings a connection online, joins, replaces (the mirror sees a
+// removal and an insertion) and leaves channels and changes a topic; then
+// the client sends the agent an action and a call that returns a value.
+// `zt-demo --port <n>` connects to an agent already listening on port n
+// instead of starting one (the end-to-end test does).
 
 #include "core/vdkvo.h"
 #include "demo_model.h"
@@ -71,8 +73,14 @@ private:
             },
             [this, channels] {
                 auto qt = model->channels().last();
-                channels->removeObjectAtIndex(1);
+                channels->replaceObjectAtIndex(
+                    1, zt::objectValue(channel(QStringLiteral("#kde"), QStringLiteral("Plasma")).get()));
                 qt->invalidate();
+            },
+            [this, channels] {
+                auto kde = model->channels().last();
+                channels->removeObjectAtIndex(1);
+                kde->invalidate();
             },
             [clients] { clients->counterpart()->perform("agentFinished"); },
         };
@@ -172,22 +180,26 @@ private:
     }
 };
 
-int runClient(QCoreApplication &app)
+// `port`: an agent already listening there (`zt-demo --agent` started by
+// someone else); 0: the client starts its own.
+int runClient(QCoreApplication &app, quint16 port)
 {
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Zintaro2"));
     QProcess agent;
-    agent.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    agent.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--agent")});
-    if (!agent.waitForStarted(10000) || !agent.waitForReadyRead(10000)) {
-        out << "cannot start the agent" << Qt::endl;
-        return 1;
+    if (port == 0) {
+        agent.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        agent.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--agent")});
+        if (!agent.waitForStarted(10000) || !agent.waitForReadyRead(10000)) {
+            out << "cannot start the agent" << Qt::endl;
+            return 1;
+        }
+        const QByteArray ready = agent.readLine().trimmed();
+        port = quint16(ready.mid(10).toUInt());
+        out << "[client] started the agent (pid " << agent.processId() << "), listening on port " << port
+            << Qt::endl;
+        QObject::connect(&agent, &QProcess::readyReadStandardOutput,
+                         [&agent] { out << QString::fromUtf8(agent.readAllStandardOutput()) << Qt::flush; });
     }
-    const QByteArray ready = agent.readLine().trimmed();
-    const quint16 port = quint16(ready.mid(10).toUInt());
-    out << "[client] started the agent (pid " << agent.processId() << "), listening on port " << port
-        << Qt::endl;
-    QObject::connect(&agent, &QProcess::readyReadStandardOutput,
-                     [&agent] { out << QString::fromUtf8(agent.readAllStandardOutput()) << Qt::flush; });
 
     Events events;
     zt::Ref<ZTClientNode> client = ZTClientNode::create<ClientConnection>(&events);
@@ -205,8 +217,11 @@ int runClient(QCoreApplication &app)
     if (events.model)
         events.model->invalidateTree();
     client->close(); // the agent sees its last client go and quits
-    agent.waitForFinished(5000);
-    out << QString::fromUtf8(agent.readAllStandardOutput()) << "[client] done" << Qt::endl;
+    if (agent.state() != QProcess::NotRunning) {
+        agent.waitForFinished(5000);
+        out << QString::fromUtf8(agent.readAllStandardOutput());
+    }
+    out << "[client] done" << Qt::endl;
     return rc;
 }
 
@@ -225,5 +240,6 @@ int main(int argc, char **argv)
         return runAgent(app);
     out << "Zintaro Core demo: an agent and a client process mirroring a chat model over loopback.\n"
         << Qt::endl;
-    return runClient(app);
+    const qsizetype at = app.arguments().indexOf(QStringLiteral("--port"));
+    return runClient(app, at > 0 ? quint16(app.arguments().value(at + 1).toUInt()) : 0);
 }

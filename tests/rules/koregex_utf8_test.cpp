@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -214,27 +213,6 @@ TEST_P(Utf8Encoder, EveryRunAndPositionOfEveryLength)
                     return;
             }
         }
-    }
-}
-
-// Dense mixtures of every kind of unit, including surrogates in any order.
-TEST_P(Utf8Encoder, GeneratedMixtures)
-{
-    const char16_t palette[] = {'a',    ' ',    0,      0x7F,   0x80,   0xE9,   0x3B1,  0x7FF,  0x800,
-                                0x4E2D, 0xFFFD, 0xFFFF, 0xD800, 0xD83D, 0xDBFF, 0xDC00, 0xDC4D, 0xDFFF};
-    std::mt19937 random(20240611);
-    for (int sample = 0; sample < 3000; ++sample) {
-        const int length = int(random() % 70);
-        const unsigned asciiShare = random() % 4; // 0: no ASCII bias … 3: mostly ASCII
-        QString text;
-        for (int i = 0; i < length; ++i) {
-            const bool ascii = random() % 4 < asciiShare;
-            text += QChar(ascii ? char16_t('a' + random() % 26) : palette[random() % std::size(palette)]);
-        }
-        SCOPED_TRACE(::testing::Message() << "sample " << sample);
-        expectSameAsReference(text);
-        if (HasFailure())
-            return;
     }
 }
 

@@ -2,7 +2,7 @@
 // archives that must fail cleanly.
 
 #include "runtime/plist.h"
-#include "sample.h"
+#include "support/test_model.h"
 
 using namespace zt;
 

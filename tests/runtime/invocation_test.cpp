@@ -1,8 +1,8 @@
 // Selectors, signatures, invocations and forwarding; object life cycle.
 
 #include "runtime/format.h"
-#include "sample.h"
 #include "support/object_access.h"
+#include "support/test_model.h"
 
 using namespace zt;
 

@@ -1,7 +1,7 @@
 // Key-value coding: accessor search, key paths, collections, undefined keys,
 // and the ordered to-many view.
 
-#include "sample.h"
+#include "support/test_model.h"
 
 using namespace zt;
 

@@ -1,7 +1,7 @@
 // Key-value observation: options, duplicates, removal rules, key paths and
 // dependent keys.
 
-#include "sample.h"
+#include "support/test_model.h"
 
 using namespace zt;
 

@@ -2,7 +2,7 @@
 // the name's characters and per class in tables that grow while in use. These
 // check that no cached answer outlives what it was made from.
 
-#include "sample.h"
+#include "support/test_model.h"
 
 #include <QThread>
 #include <atomic>

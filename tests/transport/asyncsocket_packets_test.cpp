@@ -3,7 +3,6 @@
 #include "transport/asyncsocket_p.h"
 #include "transport/asyncsocket_packets.h"
 
-#include <QRandomGenerator>
 #include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -84,73 +83,6 @@ INSTANTIATE_TEST_SUITE_P(
         LengthRow{"PrebufferCappedByCallerFreeSpace", Rule::Prebuffer, "\r\n", 0, 0, 50, 40, "abc", 7}),
     [](const auto &info) { return std::string(info.param.name); });
 
-// Feeding a stream in random chunks through each rule: every read ends at the
-// first terminator, and pre-buffering keeps back exactly what follows it.
-TEST(AsyncReadPacket, TerminatorReadsSplitARandomStreamExactly)
-{
-    const QList<QByteArray> terms = {"\n", "\r\n", "ABAB", "xyzzy"};
-    for (int round = 0; round < 200; ++round) {
-        QRandomGenerator rng{quint32(round)};
-        const QByteArray term = terms[round % terms.size()];
-        QByteArray stream;
-        const int pieces = rng.bounded(1, 6);
-        for (int i = 0; i < pieces; ++i) {
-            for (int k = rng.bounded(0, 40); k > 0; --k)
-                stream.append("ABxyz\r\n"[rng.bounded(7)]);
-            stream.append(term);
-        }
-        for (bool prebuffer : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "round " << round << " prebuffer " << prebuffer);
-            QList<QByteArray> expected;
-            qsizetype from = 0;
-            for (qsizetype at; (at = stream.indexOf(term, from)) >= 0; from = at + term.size())
-                expected.append(stream.mid(from, at + term.size() - from));
-
-            QList<QByteArray> got;
-            QByteArray pending = stream; // what the "stream" still holds
-            while (!pending.isEmpty() && got.size() < expected.size()) {
-                AsyncReadPacket p(nullptr, 0, 0, -1, 0, term, 0);
-                for (;;) {
-                    const qsizetype wanted =
-                        prebuffer ? p.prebufferReadLengthForTerm() : p.readLengthForTerm();
-                    const qsizetype n =
-                        std::min<qsizetype>({wanted, pending.size(), qsizetype(rng.bounded(1, 9))});
-                    ASSERT_GT(n, 0);
-                    std::memcpy(p.prepareWrite(n), pending.constData(), size_t(n));
-                    p.commit(n);
-                    pending.remove(0, n);
-                    if (prebuffer) {
-                        const qsizetype beyond = p.searchForTermAfterPreBuffering(n);
-                        if (beyond >= 0) {
-                            pending.prepend(p.buffer().right(beyond));
-                            p.unwind(beyond);
-                            break;
-                        }
-                    } else if (p.endsWithTerminator()) {
-                        break;
-                    }
-                }
-                got.append(p.takeData());
-            }
-            EXPECT_EQ(got, expected);
-        }
-    }
-}
-
-TEST(AsyncReadPacket, CallerBufferIsFilledFromItsOffsetAndKeepsItsTail)
-{
-    auto buffer = std::make_shared<QByteArray>("0123456789");
-    AsyncReadPacket p(buffer, 4, 0, -1, 0, "\n", 1);
-    std::memcpy(p.prepareWrite(2), "ab", 2);
-    p.commit(2);
-    EXPECT_EQ(*buffer, "0123ab6789"); // the free space is overwritten, not the length
-    std::memcpy(p.prepareWrite(6), "cdef\nZ", 6);
-    p.commit(6);
-    p.unwind(1); // "Z" went past the terminator
-    EXPECT_EQ(*buffer, "0123abcdef\n");
-    EXPECT_EQ(p.takeData(), "abcdef\n");
-}
-
 struct SpareRow
 {
     const char *name;
@@ -191,36 +123,6 @@ INSTANTIATE_TEST_SUITE_P(Rows, AsyncReadPacketSpare,
                                            SpareRow{"SharedIsLeftAlone", 200, 8, true, 0},
                                            SpareRow{"UnsharedButShort", 8, 180, false, -1}),
                          [](const auto &info) { return std::string(info.param.name); });
-
-// A fixed-length read's length may be a peer's claim: its own buffer grows
-// with the bytes that arrive, never past the length.
-TEST(AsyncReadPacket, FixedLengthBufferGrowsWithTheBytesNotTheClaim)
-{
-    for (const qsizetype claimed : {qsizetype(1) << 32, qsizetype(300000), qsizetype(70000)}) {
-        SCOPED_TRACE(claimed);
-        AsyncReadPacket p(nullptr, 0, 0, -1, claimed, {}, 1);
-        EXPECT_LE(p.buffer().capacity(), AsyncReadPacket::FixedReadInitialSize);
-        QByteArray sent;
-        for (int step = 0; p.bytesDone() < qMin(claimed, qsizetype(1) << 20); ++step) {
-            const qsizetype n = qMin<qsizetype>(4096 + step, p.readLength() - p.bytesDone());
-            const QByteArray bytes(n, char('a' + step % 26));
-            if (step % 2) { // the two ways the socket fills a read
-                p.append(bytes.constData(), n);
-            } else {
-                std::memcpy(p.prepareWrite(n), bytes.constData(), size_t(n));
-                p.commit(n);
-            }
-            sent += bytes;
-            // Qt rounds an allocation up to a power of two.
-            ASSERT_LE(p.buffer().capacity(), 4 * qMax(p.bytesDone(), AsyncReadPacket::FixedReadInitialSize));
-            ASSERT_LE(p.buffer().size(), claimed);
-        }
-        EXPECT_EQ(p.doneData(), sent);
-        if (p.bytesDone() == claimed) {
-            EXPECT_EQ(p.takeData(), sent);
-        }
-    }
-}
 
 // The socket's request queues: first in, first out across the wrap of the
 // ring and across growing while wrapped; popped slots are emptied at once.

@@ -117,55 +117,46 @@ INSTANTIATE_TEST_SUITE_P(Rows, AsyncSocketStartTLS,
                                            TlsRow{"WrongPeerNameFails", "example.org", true, true, false}),
                          [](const auto &info) { return std::string(info.param.name); });
 
-TEST(AsyncSocketStartTLSOnAccept, ThePreBufferedServerStillSwitchesAfterAFixedLengthRead)
-{
-    // With pre-buffering on, only terminator reads take bytes ahead; a
-    // fixed-length greeting leaves the handshake in the stream.
-    ASSERT_TRUE(credentials().problem.isEmpty());
-    Pair pair;
-    ASSERT_TRUE(pair.open(u"127.0.0.1"_s));
-    AsyncSocket *server = pair.server();
-    server->enablePreBuffering();
-    server->readDataToLengthWithTimeoutTag(5, 10, 1);
-    server->startTLS(serverSettings());
-    server->readDataToDataWithTimeoutTag("\n", 10, 2);
-    pair.client->writeDataWithTimeoutTag("HELLO", 10, 1);
-    pair.client->startTLS({{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}});
-    pair.client->writeDataWithTimeoutTag("line one\nline two\n", 10, 2);
-    server->readDataToDataWithTimeoutTag("\n", 10, 3);
-    ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 3; }));
-    EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"HELLO", "line one\n", "line two\n"}));
-}
-
-// Once the handshake is done nothing plain can follow, so the socket may read
-// ahead of the decrypted bytes; a switch queued before refuses it.
-TEST(AsyncSocketStartTLSOnAccept, ReadsAheadOnlyAfterTheSwitch)
+// A fixed-length greeting, then the switch, then lines. With pre-buffering on,
+// only terminator reads take bytes ahead, so the handshake stays in the
+// stream. Once the handshake is done nothing plain can follow, so the socket
+// may read ahead of the decrypted bytes; a switch queued before refuses it.
+TEST(AsyncSocketStartTLSOnAccept, AFixedLengthGreetingLeavesTheHandshakeInTheStream)
 {
     ASSERT_TRUE(credentials().problem.isEmpty());
-    Pair pair;
-    ASSERT_TRUE(pair.open(u"127.0.0.1"_s));
-    AsyncSocket *server = pair.server();
-    server->readDataToLengthWithTimeoutTag(5, 10, 1);
-    server->startTLS(serverSettings());
-    EXPECT_THROW(server->enableReadAhead(), zt::Exception);
-    EXPECT_FALSE(AsyncSocketTestAccess::readsAhead(server));
-    pair.client->writeDataWithTimeoutTag("HELLO", 10, 1);
-    pair.client->startTLS({{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}});
-    QByteArray lines;
-    QList<QByteArray> expected{"HELLO"};
-    for (int i = 0; i < 50; ++i) {
-        expected << "line " + QByteArray::number(i) + "\n";
-        lines += expected.last();
+    for (bool readAhead : {false, true}) {
+        SCOPED_TRACE(readAhead ? "reading ahead after the switch" : "pre-buffering");
+        Pair pair;
+        ASSERT_TRUE(pair.open(u"127.0.0.1"_s));
+        AsyncSocket *server = pair.server();
+        if (!readAhead)
+            server->enablePreBuffering();
+        server->readDataToLengthWithTimeoutTag(5, 10, 1);
+        server->startTLS(serverSettings());
+        if (readAhead) {
+            EXPECT_THROW(server->enableReadAhead(), zt::Exception);
+            EXPECT_FALSE(AsyncSocketTestAccess::readsAhead(server));
+        }
+        pair.client->writeDataWithTimeoutTag("HELLO", 10, 1);
+        pair.client->startTLS({{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}});
+        QByteArray lines;
+        QList<QByteArray> expected{"HELLO"};
+        for (int i = 0; i < 50; ++i) {
+            expected << "line " + QByteArray::number(i) + "\n";
+            lines += expected.last();
+        }
+        pair.client->writeDataWithTimeoutTag(lines.left(100), 10, 2);
+        pair.client->writeDataWithTimeoutTag(lines.mid(100), 10, 3);
+        if (readAhead) {
+            ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.secured == 1; }));
+            server->enableReadAhead();
+            EXPECT_TRUE(AsyncSocketTestAccess::readsAhead(server));
+        }
+        for (long tag = 10; tag < 60; ++tag)
+            server->readDataToDataWithTimeoutTag("\n", 10, tag);
+        ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 51; }));
+        EXPECT_EQ(pair.serverEvents.data, expected);
     }
-    pair.client->writeDataWithTimeoutTag(lines.left(100), 10, 2);
-    pair.client->writeDataWithTimeoutTag(lines.mid(100), 10, 3);
-    ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.secured == 1; }));
-    server->enableReadAhead();
-    EXPECT_TRUE(AsyncSocketTestAccess::readsAhead(server));
-    for (long tag = 10; tag < 60; ++tag)
-        server->readDataToDataWithTimeoutTag("\n", 10, tag);
-    ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 51; }));
-    EXPECT_EQ(pair.serverEvents.data, expected);
 }
 
 // A TLS client that sends "STARTTLS\r\n" and its ClientHello in a single

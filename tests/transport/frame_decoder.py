@@ -3,7 +3,9 @@
 
     frame_decoder.py FILE
 
-reads FILE as a stream of whole messages and prints, for each one,
+reads FILE as a stream of whole messages (or, for a .txt file, one message
+per line, in hex after a name; lines starting with # are comments) and
+prints, for each one,
 
     frame B=<body length> selector=<name> handler=<identifier> count=<K>
 
@@ -152,6 +154,9 @@ def main(argv):
         return 2
     with open(argv[1], "rb") as f:
         data = f.read()
+    if argv[1].endswith(".txt"):
+        data = b"".join(bytes.fromhex(line.split(None, 1)[1].decode())
+                        for line in data.splitlines() if line and not line.startswith(b"#"))
     out = []
     try:
         decode_stream(data, out)

@@ -1,6 +1,9 @@
 #pragma once
-// Small classes that exercise the runtime the way model classes do.
+// The test model: Sample exercises the runtime the way model classes do;
+// TestNode (with TestSingleton and HeldNode) is a mirrored model class for
+// the core and the connection tests.
 
+#include "core/ztabstractipc.h"
 #include "runtime/exception.h"
 #include "runtime/invocation.h"
 #include "runtime/keyedarchive.h"
@@ -118,3 +121,108 @@ inline QString raisedName(const std::function<void()> &f, QString *reason = null
         *reason = why;
     return name;
 }
+
+// A mirrored node: scalar and string properties, an ordered list of child
+// nodes that crosses the boundary as their dictionaries, a local-only key.
+class TestNode : public ZTAbstractIPC
+{
+    ZT_OBJECT(TestNode, ZTAbstractIPC)
+public:
+    QString name() const { return m_name; }
+    void setName(const QString &v) { setAndNotify(m_name, v, QStringLiteral("name")); }
+    qint64 count() const { return m_count; }
+    void setCount(qint64 v) { setAndNotify(m_count, v, QStringLiteral("count")); }
+    QString representation() const { return m_representation; }
+    void setRepresentation(const QString &v)
+    {
+        setAndNotify(m_representation, v, QStringLiteral("representation"));
+    }
+    //! A model object: cannot be wired.
+    zt::Ref<TestNode> buddy() const { return m_buddy; }
+    void setBuddy(zt::Ref<TestNode> v) { setAndNotify(m_buddy, std::move(v), QStringLiteral("buddy")); }
+
+    QList<zt::Ref<TestNode>> children() const { return m_children; }
+    void insertChildrenAtIndexes(const QList<zt::Ref<TestNode>> &nodes, const zt::IndexSet &indexes)
+    {
+        qsizetype k = 0;
+        for (quint64 i : indexes)
+            m_children.insert(qsizetype(i), nodes[k++]);
+    }
+    void removeChildrenAtIndexes(const zt::IndexSet &indexes)
+    {
+        for (auto r = indexes.ranges().rbegin(); r != indexes.ranges().rend(); ++r)
+            m_children.remove(qsizetype(r->location), qsizetype(r->length));
+    }
+    void replaceChildrenAtIndexesWithChildren(const zt::IndexSet &indexes,
+                                              const QList<zt::Ref<TestNode>> &nodes)
+    {
+        qsizetype k = 0;
+        for (quint64 i : indexes)
+            m_children[qsizetype(i)] = nodes[k++];
+    }
+    QVariantList childDictionaries() const
+    {
+        QVariantList out;
+        for (const auto &c : m_children)
+            out.append(c->dictionary());
+        return out;
+    }
+
+    //! A forwardable action.
+    void renameTo(const QString &name, qint64 times) { setName(name.repeated(int(times))); }
+
+    QString replacementKeyForWiring(const QString &key) const override
+    {
+        // "buddy" stays unmapped: its value, a model object, cannot be wired.
+        return key == u"children" ? QStringLiteral("childDictionaries") : super::replacementKeyForWiring(key);
+    }
+    QVariantMap dictionary() const override
+    {
+        QVariantMap d = super::dictionary();
+        d.insert(QStringLiteral("name"), m_name);
+        return d;
+    }
+    void encodeWithCoder(zt::KeyedArchiver &coder) const override
+    {
+        super::encodeWithCoder(coder);
+        coder.encodeObject(m_name, QStringLiteral("name"));
+    }
+    void initWithCoder(zt::KeyedUnarchiver &coder) override
+    {
+        super::initWithCoder(coder);
+        m_name = coder.decodeObjectForKey(QStringLiteral("name")).toString();
+    }
+    void nilify() override
+    {
+        ++nilified;
+        m_buddy.reset();
+    }
+    int nilified = 0;
+
+private:
+    QString m_name;
+    qint64 m_count = 0;
+    QString m_representation;
+    zt::Ref<TestNode> m_buddy;
+    QList<zt::Ref<TestNode>> m_children;
+};
+
+// A per-process singleton with a fixed UUID.
+class TestSingleton : public ZTAbstractIPC
+{
+    ZT_OBJECT(TestSingleton, ZTAbstractIPC)
+public:
+    QString staticUUID() const override { return QStringLiteral("TEST-SINGLETON-UUID"); }
+};
+
+// A node the directory keeps alive while it is registered (as it does servers).
+// Also registers the superclass's "renameTo:times:" with a narrower count and
+// a method of its own: a forwarded call's signature comes from the superclass.
+class HeldNode : public TestNode
+{
+    ZT_OBJECT(HeldNode, TestNode)
+public:
+    bool isRetainedByDirectory() const override { return true; }
+    void renameShortTo(const QString &, qint32) {}
+    void ownOnly(const QVariant &) {}
+};

@@ -1,4 +1,4 @@
-#include "sample.h"
+#include "support/test_model.h"
 
 ZT_DEFINE_CLASS_WITH_MEMBERS(Sample)
 
@@ -25,3 +25,27 @@ void Sample::registerMembers(zt::ClassBuilder<Sample> &b)
 }
 
 ZT_DEFINE_CLASS(Recorder)
+
+ZT_DEFINE_CLASS_WITH_MEMBERS(TestNode)
+
+void TestNode::registerMembers(zt::ClassBuilder<TestNode> &b)
+{
+    b.property("name", &TestNode::name, &TestNode::setName);
+    b.property("count", &TestNode::count, &TestNode::setCount);
+    b.property("representation", &TestNode::representation, &TestNode::setRepresentation);
+    b.property("buddy", &TestNode::buddy, &TestNode::setBuddy);
+    b.method("children", &TestNode::children);
+    b.method("insertChildren:atIndexes:", &TestNode::insertChildrenAtIndexes);
+    b.method("removeChildrenAtIndexes:", &TestNode::removeChildrenAtIndexes);
+    b.method("replaceChildrenAtIndexes:withChildren:", &TestNode::replaceChildrenAtIndexesWithChildren);
+    b.method("childDictionaries", &TestNode::childDictionaries);
+    b.action("renameTo:times:", &TestNode::renameTo);
+}
+
+ZT_DEFINE_CLASS(TestSingleton)
+ZT_DEFINE_CLASS_WITH_MEMBERS(HeldNode)
+void HeldNode::registerMembers(zt::ClassBuilder<HeldNode> &b)
+{
+    b.action("renameTo:times:", &HeldNode::renameShortTo);
+    b.action("ownOnly:", &HeldNode::ownOnly);
+}
