@@ -17,7 +17,7 @@ template<typename IdentityClass> void adoptIdentity(ZTAbstractPerson *person, co
     if (!zt::isNilOrNull(dictionary) && zt::kindOf(dictionary) != zt::ValueKind::Dictionary)
         return;
     const zt::Ref<ZTAbstractIdentity> current = person->identity();
-    const QString uuid = zt::dictionaryFrom(dictionary).value(u"description").toString();
+    const QString uuid = zt::entryValue(dictionary, QStringLiteral("description")).toString();
     if (current && (uuid.isEmpty() || uuid == current->description())) {
         peopleapps::applyDictionary(current.get(), dictionary);
         return;
@@ -51,8 +51,7 @@ void AgentPerson::setIdentityDictionary(const QVariant &dictionary)
 
 zt::Ref<ClientPerson> ClientPerson::personWithDictionary(const QVariant &dictionary)
 {
-    const zt::Dictionary entries = zt::dictionaryFrom(dictionary);
-    const QString uuid = entries.value(u"description").toString();
+    const QString uuid = zt::entryValue(dictionary, QStringLiteral("description")).toString();
     if (uuid.isEmpty())
         return {};
     zt::Ref<ClientPerson> person =
@@ -60,7 +59,7 @@ zt::Ref<ClientPerson> ClientPerson::personWithDictionary(const QVariant &diction
     QStringView applied;
     if (!person) {
         person = zt::make<ClientPerson>();
-        person->m_initialIdentity = entries.value(u"identityDictionary");
+        person->m_initialIdentity = zt::entryValue(dictionary, QStringLiteral("identityDictionary"));
         person->initWithUUID(uuid);
         person->m_initialIdentity = QVariant();
         applied = u"identityDictionary"; // init() built the identity from it
