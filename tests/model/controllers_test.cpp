@@ -112,8 +112,6 @@ TEST_F(ChatTest, ControllerListsTravelAsDictionaries)
     EXPECT_EQ(client->connections()[0]->description(), uuid);
 }
 
-namespace {
-
 // Counts the "emptyRuleCache" calls the person list controller makes.
 class RuleCacheCounter : public zt::Object
 {
@@ -133,8 +131,6 @@ public:
     zt::Ref<RuleCacheCounter> counter = zt::make<RuleCacheCounter>();
 };
 ZT_DEFINE_CLASS(CountingPersonList)
-
-} // namespace
 
 TEST_F(ChatTest, PersonListLookUps)
 {
