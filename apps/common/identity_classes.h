@@ -34,7 +34,7 @@ template<typename T> zt::Ref<T> newObject()
 //! entry is set on it.
 template<typename T> zt::Ref<T> objectFromDictionary(const QVariant &dictionary)
 {
-    const QString uuid = zt::dictionaryFrom(dictionary).value(u"description").toString();
+    const QString uuid = zt::entryValue(dictionary, QStringLiteral("description")).toString();
     zt::Ref<T> object = zt::dynamicCast<T>(ZTDirectory::sharedInstance()->objectWithID(uuid));
     if (!object && uuid.isEmpty()) {
         object = newObject<T>();

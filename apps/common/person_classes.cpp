@@ -1,5 +1,7 @@
 #include "person_classes.h"
 
+#include "channel_classes.h"
+
 ZT_DEFINE_CLASS(AgentPerson)
 ZT_DEFINE_CLASS(ClientPerson)
 ZT_DEFINE_CLASS(AgentPseudoPerson)
@@ -15,7 +17,7 @@ template<typename IdentityClass> void adoptIdentity(ZTAbstractPerson *person, co
     if (!zt::isNilOrNull(dictionary) && zt::kindOf(dictionary) != zt::ValueKind::Dictionary)
         return;
     const zt::Ref<ZTAbstractIdentity> current = person->identity();
-    const QString uuid = zt::dictionaryFrom(dictionary).value(u"description").toString();
+    const QString uuid = zt::entryValue(dictionary, QStringLiteral("description")).toString();
     if (current && (uuid.isEmpty() || uuid == current->description())) {
         peopleapps::applyDictionary(current.get(), dictionary);
         return;
@@ -49,8 +51,7 @@ void AgentPerson::setIdentityDictionary(const QVariant &dictionary)
 
 zt::Ref<ClientPerson> ClientPerson::personWithDictionary(const QVariant &dictionary)
 {
-    const zt::Dictionary entries = zt::dictionaryFrom(dictionary);
-    const QString uuid = entries.value(u"description").toString();
+    const QString uuid = zt::entryValue(dictionary, QStringLiteral("description")).toString();
     if (uuid.isEmpty())
         return {};
     zt::Ref<ClientPerson> person =
@@ -58,7 +59,7 @@ zt::Ref<ClientPerson> ClientPerson::personWithDictionary(const QVariant &diction
     QStringView applied;
     if (!person) {
         person = zt::make<ClientPerson>();
-        person->m_initialIdentity = entries.value(u"identityDictionary");
+        person->m_initialIdentity = zt::entryValue(dictionary, QStringLiteral("identityDictionary"));
         person->initWithUUID(uuid);
         person->m_initialIdentity = QVariant();
         applied = u"identityDictionary"; // init() built the identity from it
@@ -85,4 +86,59 @@ void ClientPerson::init()
 void ClientPerson::setIdentityDictionary(const QVariant &dictionary)
 {
     adoptIdentity<ClientIdentity>(this, dictionary);
+}
+
+void ClientPerson::sendFileAtPath(const QString &path)
+{
+    chatapps::forwardToCounterpart(this, "sendFileAtPath:", {path});
+}
+
+void ClientPerson::scheduleAuthCheckPrioritizing(bool prioritize)
+{
+    chatapps::forwardToCounterpart(this, "scheduleAuthCheckPrioritizing:", {prioritize});
+}
+
+void ClientPerson::resetWhois()
+{
+    chatapps::forwardToCounterpart(this, "resetWhois");
+}
+
+void ClientPerson::addToFilters()
+{
+    chatapps::forwardToCounterpart(this, "addToFilters");
+}
+
+void ClientPerson::removeFromFilters()
+{
+    chatapps::forwardToCounterpart(this, "removeFromFilters");
+}
+
+void ClientPerson::addToFriends()
+{
+    chatapps::forwardToCounterpart(this, "addToFriends");
+}
+
+void ClientPerson::removeFromFriends()
+{
+    chatapps::forwardToCounterpart(this, "removeFromFriends");
+}
+
+void ClientPseudoPerson::addToFriends()
+{
+    chatapps::forwardToCounterpart(this, "addToFriends");
+}
+
+void ClientPseudoPerson::removeFromFriends()
+{
+    chatapps::forwardToCounterpart(this, "removeFromFriends");
+}
+
+void ClientPseudoPerson::addToFilters()
+{
+    chatapps::forwardToCounterpart(this, "addToFilters");
+}
+
+void ClientPseudoPerson::removeFromFilters()
+{
+    chatapps::forwardToCounterpart(this, "removeFromFilters");
 }

@@ -40,6 +40,15 @@ public:
     //! identity with another UUID is invalidated.
     void setIdentityDictionary(const QVariant &dictionary) override;
 
+    // Forwarded to the agent.
+    void sendFileAtPath(const QString &path) override;
+    void scheduleAuthCheckPrioritizing(bool prioritize) override;
+    void resetWhois() override;
+    void addToFilters() override;
+    void removeFromFilters() override;
+    void addToFriends() override;
+    void removeFromFriends() override;
+
 private:
     QVariant m_initialIdentity; // read by init()
 };
@@ -52,4 +61,10 @@ class AgentPseudoPerson : public ZTAbstractPseudoPerson
 class ClientPseudoPerson : public ZTAbstractPseudoPerson
 {
     ZT_OBJECT(ClientPseudoPerson, ZTAbstractPseudoPerson)
+public:
+    // Forwarded to the agent.
+    void addToFriends() override;
+    void removeFromFriends() override;
+    void addToFilters() override;
+    void removeFromFilters() override;
 };

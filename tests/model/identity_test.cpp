@@ -142,6 +142,7 @@ TEST_F(IdentityTest, CandidatesEqualityAndDescription)
     auto a = agentObject<AgentSelfIdentity>();
     auto b = agentObject<AgentSelfIdentity>();
     for (auto *self : {a.get(), b.get()}) {
+        self->setUsername(u"u"_s);
         self->setRealname(u"Real"_s);
         self->setCandidateDictionaries(
             {QVariantMap{{u"nickname"_s, u"first"_s}}, QVariantMap{{u"nickname"_s, u"second"_s}}});
