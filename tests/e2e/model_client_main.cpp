@@ -20,6 +20,13 @@ namespace {
 
 QTextStream out(stdout);
 
+struct Events : ZTClientNodeDelegate
+{
+    void nodeDidDisconnect(ZTClientNode *) override { QCoreApplication::exit(3); }
+};
+
+} // namespace
+
 class ScenarioClientRoot : public ZTRootObject
 {
     ZT_OBJECT(ScenarioClientRoot, ZTRootObject)
@@ -45,13 +52,6 @@ public:
         QCoreApplication::quit();
     }
 };
-
-struct Events : ZTClientNodeDelegate
-{
-    void nodeDidDisconnect(ZTClientNode *) override { QCoreApplication::exit(3); }
-};
-
-} // namespace
 
 ZT_DEFINE_CLASS_WITH_MEMBERS(ScenarioClientRoot)
 void ScenarioClientRoot::registerMembers(zt::ClassBuilder<ScenarioClientRoot> &b)
