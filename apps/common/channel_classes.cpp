@@ -45,17 +45,17 @@ void applyChannelDictionary(ZTAbstractChannel *channel, const QVariant &dictiona
 namespace {
 
 //! The people for a list of person dictionaries, made by `make`, each tied
-//! to the channel and its connection.
+//! to the channel and its connection; nil when one of them cannot be made.
 template<typename Make>
-QList<zt::Ref<ZTAbstractPerson>> peopleFor(ZTAbstractChannel *channel, const QVariantList &dictionaries,
-                                           Make make)
+std::optional<QList<zt::Ref<ZTAbstractPerson>>> peopleFor(ZTAbstractChannel *channel,
+                                                          const QVariantList &dictionaries, Make make)
 {
     QList<zt::Ref<ZTAbstractPerson>> people;
     people.reserve(dictionaries.size());
     for (const QVariant &dictionary : dictionaries) {
         zt::Ref<ZTAbstractPerson> person = make(dictionary);
         if (!person)
-            return {};
+            return std::nullopt;
         person->setChannel(channel);
         person->setConnection(channel->connection());
         people.append(person);

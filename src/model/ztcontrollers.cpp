@@ -37,11 +37,12 @@ bool sameNameIgnoringCase(const QVariant &value, const QString &name)
     return value.typeId() == QMetaType::QString && value.toString().compare(name, Qt::CaseInsensitive) == 0;
 }
 
-//! The UUID of the network a person is on, read as the key path
-//! "network.description"; null when there is none.
-QString networkUUIDOf(const zt::Object *person)
+//! The UUID of the network a person is on (its connection's server's
+//! network); null when there is none.
+QString networkUUIDOf(const ZTAbstractPerson *person)
 {
-    return person ? person->valueForKeyPath(QStringLiteral("network.description")).toString() : QString();
+    const zt::Ref<ZTAbstractNetwork> network = person ? person->network() : zt::Ref<ZTAbstractNetwork>();
+    return network ? network->description() : QString();
 }
 
 } // namespace
@@ -425,8 +426,7 @@ QList<zt::Ref<ZTAbstractPseudoPerson>> ZTAbstractPersonListController::pseudoPer
     const QString uuid = network ? network->description() : QString();
     QList<zt::Ref<ZTAbstractPseudoPerson>> found;
     for (const auto &pseudoPerson : pseudoPersonsWithName(name)) {
-        const auto *person = zt::objectFrom(pseudoPerson->valueForKey(QStringLiteral("realPerson")));
-        if (networkUUIDOf(person) == uuid)
+        if (networkUUIDOf(pseudoPerson->realPerson().get()) == uuid)
             found.append(pseudoPerson);
     }
     return found;

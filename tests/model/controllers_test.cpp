@@ -1,6 +1,7 @@
 // The model controllers: fixed UUIDs, propagation, look-ups across
 // connections and the departure rule.
 #include "chat_fixture.h"
+#include "network_classes.h"
 #include "support/raised.h"
 
 using chattest::ChatTest;
@@ -109,4 +110,66 @@ TEST_F(ChatTest, ControllerListsTravelAsDictionaries)
     client->insertConnectionDictionariesAtIndexes(wired, zt::IndexSet(0));
     ASSERT_EQ(client->connections().size(), 1);
     EXPECT_EQ(client->connections()[0]->description(), uuid);
+}
+
+// Counts the "emptyRuleCache" calls the person list controller makes.
+class RuleCacheCounter : public zt::Object
+{
+    ZT_OBJECT(RuleCacheCounter, zt::Object)
+public:
+    void emptyRuleCache() { ++emptied; }
+    ZT_METHOD("emptyRuleCache", emptyRuleCache)
+    int emptied = 0;
+};
+ZT_DEFINE_CLASS(RuleCacheCounter)
+
+class CountingPersonList : public AgentPersonListController
+{
+    ZT_OBJECT(CountingPersonList, AgentPersonListController)
+public:
+    zt::Ref<zt::Object> ruleController() const override { return counter; }
+    zt::Ref<RuleCacheCounter> counter = zt::make<RuleCacheCounter>();
+};
+ZT_DEFINE_CLASS(CountingPersonList)
+
+TEST_F(ChatTest, PersonListLookUps)
+{
+    // Two connections on two networks, a person "Ann"/"ann" on each.
+    QList<zt::Ref<ZTAbstractPerson>> people;
+    QList<zt::Ref<AgentNetwork>> networks;
+    for (int i = 0; i < 2; ++i) {
+        auto network = make<AgentNetwork>();
+        auto server = make<AgentServer>();
+        server->setNetwork(network);
+        auto connection = make<AgentConnection>();
+        connection->setServer(server);
+        auto p = person(i ? QStringLiteral("ann") : QStringLiteral("Ann"));
+        p->setConnection(connection.get());
+        people.append(p);
+        networks.append(network);
+    }
+    auto list = zt::make<CountingPersonList>();
+    ZTAbstractIPC::disableRegistration(); // the network directory's UUID may be taken
+    list->init();
+    ZTAbstractIPC::enableRegistration();
+    QList<zt::Ref<ZTAbstractPseudoPerson>> pseudo;
+    for (int i = 0; i < 3; ++i) {
+        auto p = make<AgentPseudoPerson>();
+        if (i < 2)
+            p->setRealPerson(people[i]);
+        pseudo.append(p);
+        list->addPseudoPerson(p);
+    }
+    EXPECT_EQ(list->counter->emptied, 3);
+    const QVariantList real = list->realPersons();
+    ASSERT_EQ(real.size(), 3);
+    EXPECT_TRUE(zt::isNullMarker(real[2]));
+    EXPECT_EQ(list->realPersonsWithName(QStringLiteral("ANN")), people);
+    EXPECT_EQ(list->personsWithNameOnNetwork(QStringLiteral("ann"), networks[1]),
+              (QList<zt::Ref<ZTAbstractPerson>>{people[1]}));
+    EXPECT_EQ(list->pseudoPersonsWithName(QStringLiteral("aNN")), pseudo.mid(0, 2));
+    EXPECT_EQ(list->pseudoPersonsWithNameOnNetwork(QStringLiteral("ann"), networks[0]), pseudo.mid(0, 1));
+    list->removePseudoPerson(pseudo[2]);
+    EXPECT_EQ(list->counter->emptied, 4);
+    EXPECT_TRUE(pseudo[2]->inDirectory()); // the person list does not invalidate
 }
