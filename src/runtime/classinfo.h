@@ -328,7 +328,7 @@ public:                                                                         
     {                                                                                                        \
         return staticClassInfo();                                                                            \
     }                                                                                                        \
-    static constexpr int zt_first_line = __LINE__;                                                           \
+    [[maybe_unused]] static constexpr int zt_first_line = __LINE__;                                          \
     template<int N, typename B> static void zt_member(::zt::detail::Slot<N>, B &) {}                         \
                                                                                                              \
 private:                                                                                                     \

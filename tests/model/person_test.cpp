@@ -218,7 +218,7 @@ TEST_F(PersonTest, OnlyActionsAreForwarded)
     EXPECT_TRUE(ZTIPCProxy::forwardedAction(person.get(), zt::Selector("resetWhois")));
     EXPECT_FALSE(ZTIPCProxy::forwardedAction(person.get(), zt::Selector("setAuthenticated:")));
     EXPECT_TRUE(
-        log.contains(u"*** Refused forwarded call setAuthenticated:: not an action of AgentPerson"_s));
+        log.contains(u"*** Refused forwarded call setAuthenticated: (not an action of AgentPerson)"_s));
 }
 
 } // namespace
