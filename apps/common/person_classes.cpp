@@ -123,6 +123,19 @@ void ClientPerson::removeFromFriends()
     chatapps::forwardToCounterpart(this, "removeFromFriends");
 }
 
+void ClientPseudoPerson::setRealPersonDictionary(const QVariant &dictionary)
+{
+    zt::Ref<ZTAbstractPerson> person;
+    if (zt::kindOf(dictionary) == zt::ValueKind::Dictionary) {
+        const QString uuid = zt::entryValue(dictionary, QStringLiteral("description")).toString();
+        person = zt::dynamicCast<ZTAbstractPerson>(ZTDirectory::sharedInstance()->objectWithID(uuid));
+        if (!person && !uuid.isEmpty())
+            person = ClientPerson::personWithDictionary(dictionary);
+    }
+    if (person != realPerson())
+        setRealPerson(person);
+}
+
 void ClientPseudoPerson::addToFriends()
 {
     chatapps::forwardToCounterpart(this, "addToFriends");

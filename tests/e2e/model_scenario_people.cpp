@@ -84,7 +84,9 @@ QList<ScenarioStep> peopleSteps()
              ZTAbstractSelfIdentity *identity = self(ctx);
              identity->removeCandidatesAtLocations(zt::IndexSet(1));
              // By equality: a new object with the same nickname and password.
-             identity->removeCandidate(candidate(u"zin__"_s, u"pw"_s).get());
+             zt::Ref<ZTAbstractNickCandidate> probe = candidate(u"zin__"_s, u"pw"_s);
+             identity->removeCandidate(probe.get());
+             probe->invalidate();
          }},
         {QStringLiteral("self identity: replace a candidate"),
          [](ScenarioContext &ctx) {
@@ -125,6 +127,10 @@ QList<ScenarioStep> peopleSteps()
              ZTAbstractIdentity *id = person(ctx, 0)->identity().get();
              id->setAwayMessage(QStringLiteral("lunch"));
              id->setStatus(ZTAbstractIdentity::StatusAway);
+         }},
+        {QStringLiteral("people: new away message while away"),
+         [](ScenarioContext &ctx) {
+             person(ctx, 0)->identity()->setAwayMessage(QStringLiteral("lunch, back at 2"));
          }},
         {QStringLiteral("people: back from away"),
          [](ScenarioContext &ctx) {
