@@ -128,8 +128,10 @@ void ClientPseudoPerson::setRealPersonDictionary(const QVariant &dictionary)
     zt::Ref<ZTAbstractPerson> person;
     if (zt::kindOf(dictionary) == zt::ValueKind::Dictionary) {
         const QString uuid = zt::entryValue(dictionary, QStringLiteral("description")).toString();
-        person = zt::dynamicCast<ZTAbstractPerson>(ZTDirectory::sharedInstance()->objectWithID(uuid));
-        if (!person && !uuid.isEmpty())
+        const zt::Ref<ZTAbstractIPC> known = ZTDirectory::sharedInstance()->objectWithID(uuid);
+        if (known)
+            person = zt::dynamicCast<ZTAbstractPerson>(known); // another kind of object: none
+        else if (!uuid.isEmpty())
             person = ClientPerson::personWithDictionary(dictionary);
     }
     if (person != realPerson())
