@@ -123,6 +123,21 @@ void ClientPerson::removeFromFriends()
     chatapps::forwardToCounterpart(this, "removeFromFriends");
 }
 
+void ClientPseudoPerson::setRealPersonDictionary(const QVariant &dictionary)
+{
+    zt::Ref<ZTAbstractPerson> person;
+    if (zt::kindOf(dictionary) == zt::ValueKind::Dictionary) {
+        const QString uuid = zt::entryValue(dictionary, QStringLiteral("description")).toString();
+        const zt::Ref<ZTAbstractIPC> known = ZTDirectory::sharedInstance()->objectWithID(uuid);
+        if (known)
+            person = zt::dynamicCast<ZTAbstractPerson>(known); // another kind of object: none
+        else if (!uuid.isEmpty())
+            person = ClientPerson::personWithDictionary(dictionary);
+    }
+    if (person != realPerson())
+        setRealPerson(person);
+}
+
 void ClientPseudoPerson::addToFriends()
 {
     chatapps::forwardToCounterpart(this, "addToFriends");

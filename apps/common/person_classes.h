@@ -62,6 +62,10 @@ class ClientPseudoPerson : public ZTAbstractPseudoPerson
 {
     ZT_OBJECT(ClientPseudoPerson, ZTAbstractPseudoPerson)
 public:
+    //! The mirrored person under the dictionary's UUID (built when not yet
+    //! known); nil, or a dictionary naming no person, unassigns.
+    void setRealPersonDictionary(const QVariant &dictionary) override;
+
     // Forwarded to the agent.
     void addToFriends() override;
     void removeFromFriends() override;

@@ -1,5 +1,6 @@
 #include "model/ztidentity.h"
 
+#include "core/ztipcproxy.h"
 #include "model/ztmodelsupport.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
@@ -230,9 +231,22 @@ void ZTAbstractIdentity::nilify()
 
 bool ZTAbstractIdentity::shouldPropagateValueChangesForKey(const QString &key) const
 {
-    if (key == u"statusImage" || key == u"awayMessage")
+    if (key == u"statusImage")
         return false;
     return super::shouldPropagateValueChangesForKey(key);
+}
+
+void ZTAbstractIdentity::didChangeValueForKey(const QString &key)
+{
+    super::didChangeValueForKey(key);
+    if (key != u"status" || !enableInterProcessKVO())
+        return;
+    if (ZTIPCProxy *proxy = counterpart()) {
+        if (ZTIPCProxy::isAgent())
+            proxy->agentDidChangeValueForKey(QStringLiteral("awayMessage"));
+        else
+            proxy->clientDidChangeValueForKey(QStringLiteral("awayMessage"));
+    }
 }
 
 // ---- ZTAbstractNickCandidate ----

@@ -141,8 +141,8 @@ public:
     QString networkName() const;
     ZT_READONLY_KEY(networkName)
     QVariant realPersonDictionary() const;
-    //! Does nothing.
-    void setRealPersonDictionary(const QVariant &dictionary);
+    //! Does nothing here; the client's class finds the person it mirrors.
+    virtual void setRealPersonDictionary(const QVariant &dictionary);
     ZT_KEY(realPersonDictionary, setRealPersonDictionary, zt::InDictionary::WhenNotNil)
     //! Nil here.
     virtual QVariant addressBookProperty() const;

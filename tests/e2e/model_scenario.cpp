@@ -9,6 +9,7 @@ const QList<ScenarioFamily> &scenarioFamilies()
 {
     static const QList<ScenarioFamily> families = {
         {networkSteps, networkBuilders},
+        {peopleSteps, peopleBuilders},
     };
     return families;
 }

@@ -81,6 +81,8 @@ struct ScenarioFamily
 const QList<ScenarioFamily> &scenarioFamilies();
 QList<ScenarioStep> networkSteps();
 void networkBuilders(ClientBuilders &builders);
+QList<ScenarioStep> peopleSteps();
+void peopleBuilders(ClientBuilders &builders);
 
 //! The client root's scenario messages, added to the core's client protocol.
 const zt::Protocol &scenarioClientProtocol();
