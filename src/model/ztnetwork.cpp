@@ -67,9 +67,9 @@ quint64 ZTAbstractServer::hash() const
     return ::qHash(*this);
 }
 
-size_t qHash(const ZTAbstractServer &server, size_t seed)
+size_t qHash(const ZTAbstractServer &server, size_t start)
 {
-    return qHashMulti(seed, server.address().toCaseFolded(), server.password(), server.port(),
+    return qHashMulti(start, server.address().toCaseFolded(), server.password(), server.port(),
                       server.secure());
 }
 

@@ -63,7 +63,7 @@ public:
 };
 
 //! For QHash/QSet of servers compared by the server rule.
-ZT_EXPORT size_t qHash(const ZTAbstractServer &server, size_t seed = 0);
+ZT_EXPORT size_t qHash(const ZTAbstractServer &server, size_t start = 0);
 
 class ZT_EXPORT ZTAbstractNetwork : public ZTAbstractIPC
 {
