@@ -1,6 +1,5 @@
 #include "model/ztidentity.h"
 
-#include "core/ztipcproxy.h"
 #include "model/ztmodelsupport.h"
 #include "runtime/exception.h"
 #include "runtime/format.h"
@@ -231,22 +230,11 @@ void ZTAbstractIdentity::nilify()
 
 bool ZTAbstractIdentity::shouldPropagateValueChangesForKey(const QString &key) const
 {
-    if (key == u"statusImage")
+    // Both follow the status on each side: the away text reaches the mirror
+    // with the dictionary form, the image is a local cache.
+    if (key == u"statusImage" || key == u"awayMessage")
         return false;
     return super::shouldPropagateValueChangesForKey(key);
-}
-
-void ZTAbstractIdentity::didChangeValueForKey(const QString &key)
-{
-    super::didChangeValueForKey(key);
-    if (key != u"status" || !enableInterProcessKVO())
-        return;
-    if (ZTIPCProxy *proxy = counterpart()) {
-        if (ZTIPCProxy::isAgent())
-            proxy->agentDidChangeValueForKey(QStringLiteral("awayMessage"));
-        else
-            proxy->clientDidChangeValueForKey(QStringLiteral("awayMessage"));
-    }
 }
 
 // ---- ZTAbstractNickCandidate ----

@@ -11,10 +11,10 @@
 // Codes. Status: 7 available (the default), 6 away. Privileges: 1 voice,
 // 2 half-op, 3 op, 4 admin, 5 special, 6 owner, 7 server operator.
 //
-// Keys that only observers see: "statusImage" (a cache) and the read-only
-// keys computed from privileges and names. Their changes never cross to the
-// other process. "awayMessage" crosses as its getter's value (the stored
-// message while away, else empty), again when the status changes.
+// Keys that only observers see: "statusImage" (a cache), "awayMessage" (its
+// value follows the status) and the read-only keys computed from privileges
+// and names. Their changes never cross to the other process; the away text
+// reaches a mirror with the dictionary form, as the getter's value.
 
 #include "core/ztabstractipc.h"
 #include "runtime/members.h"
@@ -120,11 +120,8 @@ public:
     //! Clears host name, away message and privileges only; nickname, user
     //! name and real name stay, and the base class's nilify is not run.
     void nilify() override;
-    //! NO for "statusImage", a local cache.
+    //! NO for "statusImage" and "awayMessage".
     bool shouldPropagateValueChangesForKey(const QString &key) const override;
-    //! A change of "status" also sends "awayMessage" (after the status): its
-    //! value follows the status, which local observers learn by dependency.
-    void didChangeValueForKey(const QString &key) override;
 
 protected:
     QString m_nickname;
