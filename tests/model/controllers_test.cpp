@@ -1,10 +1,10 @@
 // The model controllers: fixed UUIDs, propagation, look-ups across
 // connections and the departure rule.
-#include "chat_fixture.h"
+#include "model_fixture.h"
 #include "network_classes.h"
 #include "support/raised.h"
 
-using chattest::ChatTest;
+using ChatTest = ModelTest;
 
 TEST_F(ChatTest, ControllersUseFixedUUIDsAndPropagateOnlyTheirList)
 {
@@ -88,28 +88,6 @@ TEST_F(ChatTest, IdentityControllerRemovalsKeepIdentities)
               std::make_pair(QStringLiteral("Abstract method"),
                              QStringLiteral("Implement -replacementObjectsForIdentityDictionaries: in "
                                             "ZTAbstractIdentityController")));
-}
-
-TEST_F(ChatTest, ControllerListsTravelAsDictionaries)
-{
-    auto controller = make<AgentConnectionController>();
-    auto connection = make<AgentConnection>();
-    delegate.root->sent.clear();
-    controller->addConnection(connection);
-    ASSERT_EQ(delegate.root->sent.size(), 1);
-    EXPECT_EQ(delegate.root->sent[0].arguments[2].toString(), QStringLiteral("connectionDictionaries"));
-
-    // The client's controller rebuilds the connection under the agent's UUID.
-    const QVariantList wired = delegate.root->sent[0].arguments[0].toList();
-    const QString uuid = connection->description();
-    controller->invalidate(); // leaves the fixed UUID to the client's controller
-    playRole(false);
-    auto client = zt::make<ClientConnectionController>();
-    client->init();
-    made.append(client);
-    client->insertConnectionDictionariesAtIndexes(wired, zt::IndexSet(0));
-    ASSERT_EQ(client->connections().size(), 1);
-    EXPECT_EQ(client->connections()[0]->description(), uuid);
 }
 
 // Counts the "emptyRuleCache" calls the person list controller makes.

@@ -1,17 +1,15 @@
 // People and pseudo-people: induction from the connection, status texts,
 // pattern rules, dictionary and archive forms, teardown and query parties.
-#include "connection_classes.h"
-#include "core/ztdirectory.h"
+#include "model_fixture.h"
 #include "network_classes.h"
-#include "person_classes.h"
-#include "person_family_support.h"
 #include "runtime/kvc.h"
-#include "support/log_capture.h"
-
-using namespace personfamily;
-using namespace Qt::StringLiterals;
 
 namespace {
+
+QString qs(const char *text)
+{
+    return QString::fromUtf8(text);
+}
 
 // Counts teardowns, to see which people are freed.
 class CountedPerson : public AgentPerson
@@ -30,34 +28,25 @@ protected:
 ZT_DEFINE_CLASS(CountedPerson)
 
 // A connection "Me" on a network, with two channels.
-class PersonTest : public RoleTest
+class PersonTest : public ModelTest
 {
 protected:
     void SetUp() override
     {
-        RoleTest::SetUp();
-        network = agentObject<AgentNetwork>();
-        auto server = agentObject<AgentServer>();
+        ModelTest::SetUp();
+        network = make<AgentNetwork>();
+        auto server = make<AgentServer>();
         server->setNetwork(network);
-        connection = agentObject<AgentConnection>();
+        connection = make<AgentConnection>();
         connection->setServer(server);
         connection->setNickname(u"Me"_s);
-        self = agentObject<AgentSelfIdentity>();
+        self = make<AgentSelfIdentity>();
         self->setStatus(6);
         connection->setCurrentIdentity(self);
         for (const QString &name : {u"#a"_s, u"#b"_s}) {
-            auto channel = agentObject<AgentChannel>();
-            channel->setName(name);
-            channel->setConnection(connection.get());
-            connection->mutableChannels().addObject(zt::objectValue(channel.get()));
+            auto c = channel(name, connection.get());
+            connection->mutableChannels().addObject(zt::objectValue(c.get()));
         }
-    }
-    void TearDown() override
-    {
-        connection->invalidate();
-        self->invalidate();
-        network->invalidate();
-        RoleTest::TearDown();
     }
     template<typename P = AgentPerson> zt::Ref<P> join(const QString &nick, int channel = 0)
     {
@@ -125,27 +114,24 @@ TEST_F(PersonTest, PseudoPersonPatterns)
         {"other network", "bob", "u", "h", false, false},
     };
     auto person = join(u"xbobby"_s);
-    auto other = agentObject<AgentNetwork>();
+    auto other = make<AgentNetwork>();
     for (const Row &r : rows) {
         SCOPED_TRACE(r.name);
         person->identity()->setUsername(qs(r.user));
         person->identity()->setHostname(qs(r.host));
-        auto rule = zt::make<AgentPseudoPerson>();
+        auto rule = keep(zt::make<AgentPseudoPerson>());
         rule->initWithContentOnNetwork(qs(r.content), r.sameNetwork ? network.get() : other.get());
         EXPECT_EQ(rule->matchesPerson(person.get()), r.matches);
-        rule->invalidate();
     }
-    other->invalidate();
     EXPECT_EQ(ZTAbstractPseudoPerson::patternForContent(u"a.b*"_s), u"a\\.b.*"_s);
 
-    auto rule = agentObject<AgentPseudoPerson>();
+    auto rule = make<AgentPseudoPerson>();
     EXPECT_FALSE(rule->regex());
     rule->setContent(u"bob"_s);
     const zt::Ref<KORegex> compiled = rule->regex();
     ASSERT_TRUE(compiled);
     rule->setContent(QString());
     EXPECT_EQ(rule->regex(), compiled); // clearing the content keeps the pattern
-    rule->invalidate();
 }
 
 TEST_F(PersonTest, DictionaryFormsAndClientRebuild)
@@ -158,14 +144,13 @@ TEST_F(PersonTest, DictionaryFormsAndClientRebuild)
                                      u"identityDictionary"_s}));
     EXPECT_EQ(d.value(u"connectionUUID"_s), connection->description());
 
-    auto rule = agentObject<AgentPseudoPerson>();
+    auto rule = make<AgentPseudoPerson>();
     rule->setContent(u"bob"_s);
     rule->setPublicAllowed(false);
     rule->assignRealPersonFromPerson(person.get());
     EXPECT_FALSE(rule->privateAllowed().isValid()); // not set
     EXPECT_EQ(rule->dictionary().keys(),
               QStringList({u"content"_s, u"description"_s, u"realPersonDictionary"_s}));
-    rule->invalidate();
 
     const QString identityUUID = person->identity()->description();
     connection->channels().at(0)->removePerson(person); // leaves: invalidated with its identity
@@ -180,12 +165,11 @@ TEST_F(PersonTest, DictionaryFormsAndClientRebuild)
     EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(identityUUID).get(), mirror->identity().get());
     mirror->invalidate();
     EXPECT_FALSE(ZTDirectory::sharedInstance()->objectWithID(identityUUID));
-    playRole(true);
 }
 
 TEST_F(PersonTest, PseudoPersonArchive)
 {
-    auto rule = zt::make<AgentPseudoPerson>();
+    auto rule = keep(zt::make<AgentPseudoPerson>());
     rule->initWithContentOnNetwork(u"bob*"_s, network.get());
     rule->setAddressBookID(u"card"_s);
     auto back = roundTrip<AgentPseudoPerson>(rule.get());
@@ -194,7 +178,6 @@ TEST_F(PersonTest, PseudoPersonArchive)
     EXPECT_EQ(back->networkUUID(), network->description());
     EXPECT_EQ(back->addressBookID(), u"card"_s);
     EXPECT_TRUE(back->regex()); // compiled again from the decoded content
-    back->invalidate();
 }
 
 TEST_F(PersonTest, QueryPartiesLiveForTheProcess)
@@ -209,16 +192,6 @@ TEST_F(PersonTest, QueryPartiesLiveForTheProcess)
         connection->channels().at(1)->removePerson(party);
     }
     EXPECT_EQ(CountedPerson::deallocs, before + 1);
-}
-
-TEST_F(PersonTest, OnlyActionsAreForwarded)
-{
-    zttest::LogCapture log;
-    auto person = join(u"bob"_s);
-    EXPECT_TRUE(ZTIPCProxy::forwardedAction(person.get(), zt::Selector("resetWhois")));
-    EXPECT_FALSE(ZTIPCProxy::forwardedAction(person.get(), zt::Selector("setAuthenticated:")));
-    EXPECT_TRUE(
-        log.contains(u"*** Refused forwarded call setAuthenticated: (not an action of AgentPerson)"_s));
 }
 
 } // namespace

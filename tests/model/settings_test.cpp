@@ -1,55 +1,27 @@
-// Advanced settings, proxy, ban and transfer: defaults and dictionary forms,
-// the settings' archive keys (also an archive without them), the user
-// default "autoAutoJoin", the ban date through the dictionary, and which
-// keys of a transfer propagate.
+// Advanced settings, proxy, ban and transfer: the settings' archive keys
+// (also an archive without them), the user default "autoAutoJoin", the ban
+// date through the dictionary, and which keys propagate.
 
 #include "dictionary_objects.h"
-#include "model_test_support.h"
-#include "runtime/keyedarchive.h"
+#include "model_fixture.h"
 #include "settings_classes.h"
 
 #include <QCoreApplication>
 #include <QSettings>
 
-namespace {
-class SettingsTest : public ModelTest
+TEST_F(ModelTest, SettingsPropagation)
 {
-};
-} // namespace
-
-TEST_F(SettingsTest, DefaultsAndDictionaryForms)
-{
-    auto settings = agentObject<AgentAdvancedSettings>();
-    expectDictionary(settings.get(), {{u"showCounts"_s, true},
-                                      {u"excludeFromLog"_s, false},
-                                      {u"muteSounds"_s, false},
-                                      {u"blowfishEnabled"_s, false},
-                                      {u"autoJoin"_s, false},
-                                      {u"autoRejoin"_s, false},
-                                      {u"blowfishKey"_s, u""_s}});
+    auto settings = make<AgentAdvancedSettings>();
     settings->setBlowfishKey(QString());
     EXPECT_EQ(settings->dictionary().value(u"blowfishKey"_s), u""_s); // nil is sent as ""
     EXPECT_TRUE(settings->enableInterProcessKVO());
-
-    auto proxy = agentObject<AgentProxy>();
-    expectDictionary(proxy.get(), {{u"enabled"_s, false},
-                                   {u"systemwide"_s, false},
-                                   {u"proxyType"_s, quint64(0)},
-                                   {u"proxyPort"_s, quint64(0)}});
-    proxy->setProxyUsername(u"me"_s);
-    EXPECT_EQ(proxy->dictionary().value(u"proxyUsername"_s), u"me"_s);
-
-    auto transfer = agentObject<AgentTransfer>();
-    expectDictionary(transfer.get(), {{u"attributes"_s, QVariantMap()}});
+    auto transfer = make<AgentTransfer>();
     for (const auto &[key, propagates] :
          {std::pair{"attributes", true}, {"description", false}, {"name", false}, {"representation", false}})
         EXPECT_EQ(transfer->shouldPropagateValueChangesForKey(QString::fromLatin1(key)), propagates) << key;
-    for (ZTAbstractIPC *o :
-         {(ZTAbstractIPC *)settings.get(), (ZTAbstractIPC *)proxy.get(), (ZTAbstractIPC *)transfer.get()})
-        o->invalidate();
 }
 
-TEST_F(SettingsTest, AutoJoinFollowsTheUserDefault)
+TEST_F(ModelTest, AutoJoinFollowsTheUserDefault)
 {
     QCoreApplication::setOrganizationName(u"ZintaroTests"_s);
     QCoreApplication::setApplicationName(u"model_test"_s);
@@ -59,62 +31,47 @@ TEST_F(SettingsTest, AutoJoinFollowsTheUserDefault)
         QSettings().remove(u"autoAutoJoin"_s);
         if (stored.isValid())
             QSettings().setValue(u"autoAutoJoin"_s, stored);
-        auto settings = agentObject<AgentAdvancedSettings>();
+        auto settings = make<AgentAdvancedSettings>();
         EXPECT_EQ(settings->autoJoin(), expected);
         EXPECT_TRUE(settings->showCounts());
-        settings->invalidate();
     }
     QSettings().remove(u"autoAutoJoin"_s);
 }
 
-TEST_F(SettingsTest, ArchiveUsesReadableKeysAndMissingFlagsReadNo)
+TEST_F(ModelTest, SettingsArchiveUsesReadableKeysAndMissingFlagsReadNo)
 {
-    auto settings = agentObject<AgentAdvancedSettings>();
+    const QStringList keys{u"Blowfish key"_s,     u"Blowfish enabled"_s, u"Auto join"_s,  u"Auto rejoin"_s,
+                           u"Exclude from log"_s, u"Mute sounds"_s,      u"Show counts"_s};
+    auto settings = make<AgentAdvancedSettings>();
+    const QByteArray data = zt::KeyedArchiver::archivedDataWithRootObject(zt::objectValue(settings.get()));
+    for (const QString &key : keys)
+        EXPECT_TRUE(data.contains(key.toLatin1())) << qPrintable(key);
+
     settings->setBlowfishKey(u"fish"_s);
     settings->setMuteSounds(true);
-    const QString uuid = settings->description();
-    const QByteArray data = zt::KeyedArchiver::archivedDataWithRootObject(zt::objectValue(settings.get()));
-    for (const char *key : {"Blowfish key", "Blowfish enabled", "Auto join", "Auto rejoin",
-                            "Exclude from log", "Mute sounds", "Show counts"})
-        EXPECT_TRUE(data.contains(key)) << key;
-    settings->invalidate();
-    auto decoded = zt::fromValue<zt::Ref<ZTAbstractAdvancedSettings>>(
-        *zt::KeyedUnarchiver::unarchiveObjectWithData(data));
+    auto decoded = roundTrip<ZTAbstractAdvancedSettings>(settings.get());
     ASSERT_TRUE(decoded);
-    expectDictionary(decoded.get(), {{u"showCounts"_s, true},
-                                     {u"excludeFromLog"_s, false},
-                                     {u"muteSounds"_s, true},
-                                     {u"blowfishEnabled"_s, false},
-                                     {u"autoJoin"_s, false},
-                                     {u"autoRejoin"_s, false},
-                                     {u"blowfishKey"_s, u"fish"_s}});
-    EXPECT_EQ(decoded->description(), uuid);
-    decoded->invalidate();
+    EXPECT_EQ(decoded->description(), settings->description());
+    EXPECT_TRUE(decoded->muteSounds());
+    EXPECT_TRUE(decoded->showCounts());
+    EXPECT_EQ(decoded->blowfishKey(), u"fish"_s);
 
     // An archive from before these keys: every flag reads NO, show counts too.
-    const QByteArray old =
-        archiveWithout(data, {u"Blowfish key"_s, u"Blowfish enabled"_s, u"Auto join"_s, u"Auto rejoin"_s,
-                              u"Exclude from log"_s, u"Mute sounds"_s, u"Show counts"_s});
-    auto fromOld = zt::fromValue<zt::Ref<ZTAbstractAdvancedSettings>>(
-        *zt::KeyedUnarchiver::unarchiveObjectWithData(old));
+    auto fromOld = roundTrip<ZTAbstractAdvancedSettings>(decoded.get(), keys);
     ASSERT_TRUE(fromOld);
     EXPECT_FALSE(fromOld->showCounts());
     EXPECT_TRUE(fromOld->blowfishKey().isNull());
-    fromOld->invalidate();
 }
 
-TEST_F(SettingsTest, BanDateSurvivesTheDictionaryToTheClient)
+TEST_F(ModelTest, BanDateSurvivesTheDictionaryToTheClient)
 {
     const double date = 1700000000.123456789; // finer than a millisecond
-    auto ban = ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@host"_s, u"op"_s, date);
+    auto ban = keep(ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@host"_s, u"op"_s, date));
     const QVariantMap dictionary = ban->dictionary();
     EXPECT_EQ(zt::kindOf(dictionary.value(u"date"_s)), zt::ValueKind::Real);
     playRole(false);
-    auto mirror = zt::apps::objectFromDictionary<ClientBan, ZTAbstractBan>(dictionary);
+    auto mirror = keep(zt::apps::objectFromDictionary<ClientBan, ZTAbstractBan>(dictionary));
     ASSERT_TRUE(mirror);
     EXPECT_EQ(mirror->dateSeconds(), std::optional<double>(date));
     EXPECT_TRUE(zt::apps::describeDifferences(dictionary, mirror->dictionary()).isEmpty());
-    mirror->invalidate();
-    playRole(true);
-    ban->invalidate();
 }
