@@ -1,13 +1,12 @@
 #pragma once
 // The model tests' fixture: plays the agent (or the client) for one test,
-// records what the model sends to the other process (change messages and
-// forwarded calls), and invalidates the objects a test made when it ends.
+// records the calls the model forwards to the other process, and
+// invalidates the objects a test made when it ends.
 
 #include "controller_classes.h"
 #include "core/ztapplication.h"
 #include "core/ztdirectory.h"
 #include "model_diff.h"
-#include "runtime/invocation.h"
 #include "runtime/keyedarchive.h"
 #include "runtime/plist.h"
 #include "runtime/process.h"
@@ -18,40 +17,16 @@ using namespace Qt::StringLiterals;
 
 namespace modeltest {
 
-struct Sent
-{
-    QByteArray selector;
-    QVariantList arguments;
-};
-
-//! Stands for the other process: records the change messages it is sent.
-class RecordingRoot : public zt::Object
-{
-public:
-    zt::MethodSignature methodSignatureForSelector(const zt::Selector &sel) const override
-    {
-        zt::MethodSignature s = ZTIPCProxy::agentChangeProtocol().methodSignature(sel);
-        if (!s.isValid())
-            s = ZTIPCProxy::clientChangeProtocol().methodSignature(sel);
-        return s.isValid() ? s : Object::methodSignatureForSelector(sel);
-    }
-    void forwardInvocation(zt::Invocation &invocation) override
-    {
-        sent.append({invocation.selector(), invocation.arguments()});
-    }
-    QList<Sent> sent;
-};
-
+//! Stands for the link to the other process: records the forwarded calls.
 class RecordingDelegate : public ZTApplicationDelegate
 {
 public:
-    zt::Object *counterpart() const override { return root.get(); }
+    zt::Object *counterpart() const override { return nullptr; }
     void sendForwardedInvocation(zt::Invocation &, const ZTAbstractIPC *,
                                  const zt::Selector &selector) override
     {
         forwarded.append(selector);
     }
-    zt::Ref<RecordingRoot> root = zt::make<RecordingRoot>();
     QList<QByteArray> forwarded;
 };
 

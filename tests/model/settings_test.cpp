@@ -1,8 +1,7 @@
-// Advanced settings, proxy, ban and transfer: the settings' archive keys
-// (also an archive without them), the user default "autoAutoJoin", the ban
-// date through the dictionary, and which keys propagate.
+// Advanced settings and transfer: the settings' archive keys (also an
+// archive without them), the user default "autoAutoJoin", and which keys
+// propagate.
 
-#include "dictionary_objects.h"
 #include "model_fixture.h"
 #include "settings_classes.h"
 
@@ -61,17 +60,4 @@ TEST_F(ModelTest, SettingsArchiveUsesReadableKeysAndMissingFlagsReadNo)
     ASSERT_TRUE(fromOld);
     EXPECT_FALSE(fromOld->showCounts());
     EXPECT_TRUE(fromOld->blowfishKey().isNull());
-}
-
-TEST_F(ModelTest, BanDateSurvivesTheDictionaryToTheClient)
-{
-    const double date = 1700000000.123456789; // finer than a millisecond
-    auto ban = keep(ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@host"_s, u"op"_s, date));
-    const QVariantMap dictionary = ban->dictionary();
-    EXPECT_EQ(zt::kindOf(dictionary.value(u"date"_s)), zt::ValueKind::Real);
-    playRole(false);
-    auto mirror = keep(zt::apps::objectFromDictionary<ClientBan, ZTAbstractBan>(dictionary));
-    ASSERT_TRUE(mirror);
-    EXPECT_EQ(mirror->dateSeconds(), std::optional<double>(date));
-    EXPECT_TRUE(zt::apps::describeDifferences(dictionary, mirror->dictionary()).isEmpty());
 }
