@@ -7,13 +7,13 @@
 TEST(ModelScenario, ClientMirrorEqualsAgentAfterEveryStep)
 {
     QProcess agent;
-    agent.start(QStringLiteral(ZT_E2E_MODEL_AGENT), {});
+    agent.start(QStringLiteral(ZT_E2E_MODEL), {QStringLiteral("--agent")});
     ASSERT_TRUE(agent.waitForStarted(10000) && agent.waitForReadyRead(10000));
     const QString listening = QString::fromUtf8(agent.readLine()).trimmed();
     ASSERT_TRUE(listening.startsWith(QStringLiteral("LISTENING "))) << qPrintable(listening);
 
     QProcess client;
-    client.start(QStringLiteral(ZT_E2E_MODEL_CLIENT), {listening.mid(10)});
+    client.start(QStringLiteral(ZT_E2E_MODEL), {listening.mid(10)});
     ASSERT_TRUE(client.waitForFinished(40000));
     const QString output = QString::fromUtf8(client.readAllStandardOutput());
     EXPECT_EQ(client.exitCode(), 0) << qPrintable(output);

@@ -19,6 +19,7 @@
 // builder here.
 
 #include "core/ztabstractipc.h"
+#include "core/ztrootobject.h"
 #include "runtime/members.h"
 
 #include <functional>
@@ -46,6 +47,17 @@ public:
     QList<zt::Ref<ZTAbstractIPC>> objectsForEntries(const QVariantList &entries) const;
     //! The objects, each after the ones it holds, leave the directory.
     void invalidateAll();
+};
+
+//! The client's root: compares each step's snapshot with its mirrors.
+class ScenarioClientRoot : public ZTRootObject
+{
+    ZT_OBJECT(ScenarioClientRoot, ZTRootObject)
+public:
+    void agentCompletedStepSnapshot(const QString &step, const QVariantMap &snapshot);
+    ZT_METHOD("agentCompletedStep:snapshot:", agentCompletedStepSnapshot)
+    void agentFinished(qint64 steps);
+    ZT_METHOD("agentFinished:", agentFinished)
 };
 
 using ClientBuilders = QHash<QString, std::function<zt::Ref<ZTAbstractIPC>(const QVariantMap &)>>;
