@@ -270,8 +270,14 @@ private:
                     << (server->secure() ? " (TLS)" : "") << Qt::endl;
         });
         watch(c, "currentIdentity", [c](auto *, const zt::KVOChange &) {
-            if (const auto identity = c->currentIdentity())
-                out << "[client] identity " << identity->printableDescription() << Qt::endl;
+            const auto identity = c->currentIdentity();
+            if (!identity)
+                return;
+            QStringList nicknames;
+            for (const auto &candidate : identity->candidates())
+                nicknames.append(candidate->nickname());
+            out << "[client] identity " << identity->username() << " (" << identity->realname()
+                << "), nicknames " << nicknames.join(QStringLiteral(", ")) << Qt::endl;
         });
         watch(c, "nickname", [c](auto *, const zt::KVOChange &) {
             out << "[client] nickname " << c->nickname() << Qt::endl;
@@ -301,8 +307,8 @@ private:
         ZTAbstractChannel *ch = channel.get();
         names.insert(ch, ch->name());
         const QString topic = ch->attributes().value(TopicKey).toString();
-        out << "[client] joined " << ch->name() << (topic.isEmpty() ? QString() : u" (topic: " + topic + u')')
-            << Qt::endl;
+        out << "[client] joined " << ch->name()
+            << (topic.isEmpty() ? QString() : QStringLiteral(" (topic: %1)").arg(topic)) << Qt::endl;
         for (const auto &person : ch->users())
             watchPerson(person, ch);
         watch(ch, "attributes", [ch](auto *, const zt::KVOChange &c) {

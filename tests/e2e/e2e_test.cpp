@@ -18,7 +18,7 @@ const QString demo = QStringLiteral(ZT_DEMO);
 const QString mirrored = QStringLiteral(R"([client] mirroring the connection controller ConnectionController
 [client] a new connection (status 3)
 [client] server irc.libera.chat:6697 (TLS)
-[client] identity zintaro (Zin Taro), nicknames: (zin, zin_)
+[client] identity zintaro (Zin Taro), nicknames zin, zin_
 [client] nickname zin
 [client] connection status 3 -> 0
 [client] console irc.libera.chat
