@@ -40,6 +40,22 @@ const zt::Protocol &demoClientRootProtocol()
     return protocol;
 }
 
+//! The controller and everything it holds leave the directory. Invalidating
+//! a connection takes its channels and their people along but only drops
+//! its server and identities: those are invalidated here.
+void invalidateModel(ZTAbstractConnectionController *controller)
+{
+    QList<zt::Ref<ZTAbstractIPC>> dropped;
+    for (const auto &connection : controller->connections())
+        dropped << zt::Ref<ZTAbstractIPC>(connection->server())
+                << zt::Ref<ZTAbstractIPC>(connection->currentIdentity())
+                << zt::Ref<ZTAbstractIPC>(connection->nextIdentity());
+    controller->invalidate();
+    for (const auto &object : dropped)
+        if (object)
+            object->invalidate();
+}
+
 // ---- the agent ----
 
 zt::Ref<AgentChannel> makeChannel(ZTAbstractConnection *connection, const QString &name, bool console = false)
@@ -210,7 +226,7 @@ int runAgent(QCoreApplication &app)
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true); // the event loop is over: close at once
     host->close();
-    agent.controller->invalidate(); // with every connection, channel and person it holds
+    invalidateModel(agent.controller.get());
     return rc;
 }
 
@@ -425,8 +441,8 @@ int runClient(QCoreApplication &app, quint16 port)
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
     if (events.controller)
-        events.controller->invalidate(); // with every mirror it holds
-    client->close();                     // the agent sees its last client go and quits
+        invalidateModel(events.controller.get());
+    client->close(); // the agent sees its last client go and quits
     if (agent.state() != QProcess::NotRunning) {
         agent.waitForFinished(5000);
         out << QString::fromUtf8(agent.readAllStandardOutput());
