@@ -327,10 +327,12 @@ private:
             << (topic.isEmpty() ? QString() : QStringLiteral(" (topic: %1)").arg(topic)) << Qt::endl;
         for (const auto &person : ch->users())
             watchPerson(person, ch);
+        // An empty topic is not shown: the agent's channel clears its state
+        // when it is invalidated, and its mirror follows before the removal.
         watch(ch, "attributes", [ch](auto *, const zt::KVOChange &c) {
-            if (c.oldValue.toMap().value(TopicKey) != c.newValue.toMap().value(TopicKey))
-                out << "[client] " << ch->name() << " topic: " << ch->attributes().value(TopicKey).toString()
-                    << Qt::endl;
+            const QString topic = c.newValue.toMap().value(TopicKey).toString();
+            if (!topic.isEmpty() && topic != c.oldValue.toMap().value(TopicKey).toString())
+                out << "[client] " << ch->name() << " topic: " << topic << Qt::endl;
         });
         watch(ch, "users", [this, ch](auto *, const zt::KVOChange &c) {
             if (c.kind == zt::KeyValueChange::Insertion)
@@ -427,6 +429,10 @@ int runClient(QCoreApplication &app, quint16 port)
                          [&agent] { out << QString::fromUtf8(agent.readAllStandardOutput()) << Qt::flush; });
     }
 
+    // A singleton with a fixed UUID: made with init() before the node looks
+    // for the mirror of the agent's root under that UUID.
+    auto controller = zt::make<ClientConnectionController>();
+    controller->init();
     Mirror events;
     zt::Ref<ZTClientNode> client = ZTClientNode::create<ClientConnectionController>(&events);
     node = client.get();
@@ -440,8 +446,7 @@ int runClient(QCoreApplication &app, quint16 port)
     QTimer::singleShot(20000, &app, [] { QCoreApplication::exit(2); });
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
-    if (events.controller)
-        invalidateModel(events.controller.get());
+    invalidateModel(controller.get());
     client->close(); // the agent sees its last client go and quits
     if (agent.state() != QProcess::NotRunning) {
         agent.waitForFinished(5000);
