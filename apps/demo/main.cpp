@@ -1,15 +1,21 @@
-// Demo: an agent process and a client process on loopback.
+// Demo: an agent process and a client process on loopback, mirroring the
+// chat model.
 //
 // `zt-demo` is the client: it starts `zt-demo --agent`, connects to it, and
-// prints what its mirror of the agent's model does as the changes arrive. The
-// agent brings a connection online, joins, replaces (the mirror sees a
-// removal and an insertion) and leaves channels and changes a topic; then
-// the client sends the agent an action and a call that returns a value.
+// prints what its mirror of the agent's connection controller does as the
+// changes arrive. The agent brings a connection online (server, identity,
+// console), joins two channels with a few people, sets a topic; a person
+// goes away, another changes nick, a third leaves, and the unread counter of
+// a channel grows. Then the client types a line and marks the channel read
+// (both forwarded calls), and the agent answers by closing the other channel,
+// whose mirror leaves the client's directory.
 // `zt-demo --port <n>` connects to an agent already listening on port n
 // instead of starting one (the end-to-end test does).
 
+#include "controller_classes.h"
 #include "core/vdkvo.h"
-#include "demo_model.h"
+#include "core/ztagenthost.h"
+#include "core/ztclientnode.h"
 #include "runtime/kvc.h"
 #include "runtime/process.h"
 
@@ -22,14 +28,80 @@ namespace {
 
 QTextStream out(stdout);
 
+const QString TopicKey = QStringLiteral("topic");
+
+const zt::Protocol &demoClientRootProtocol()
+{
+    static const zt::Protocol protocol = [] {
+        zt::Protocol p = ZTRootObject::clientRootProtocol();
+        p.addMethod("agentFinished", zt::MethodSignature::fromTypes("v@:"));
+        return p;
+    }();
+    return protocol;
+}
+
+//! The controller and everything it holds leave the directory. Invalidating
+//! a connection takes its channels and their people along but only drops
+//! its server and identities: those are invalidated here.
+void invalidateModel(ZTAbstractConnectionController *controller)
+{
+    QList<zt::Ref<ZTAbstractIPC>> dropped;
+    for (const auto &connection : controller->connections())
+        dropped << zt::Ref<ZTAbstractIPC>(connection->server())
+                << zt::Ref<ZTAbstractIPC>(connection->currentIdentity())
+                << zt::Ref<ZTAbstractIPC>(connection->nextIdentity());
+    controller->invalidate();
+    for (const auto &object : dropped)
+        if (object)
+            object->invalidate();
+}
+
 // ---- the agent ----
+
+zt::Ref<AgentChannel> makeChannel(ZTAbstractConnection *connection, const QString &name, bool console = false)
+{
+    auto channel = zt::make<AgentChannel>();
+    channel->init();
+    channel->setName(name);
+    channel->setIsConsole(console);
+    channel->setIsChannel(!console);
+    channel->setConnection(connection);
+    return channel;
+}
+
+//! A person in the channel with the given privilege codes, ready to be added.
+zt::Ref<AgentPerson> makePerson(ZTAbstractChannel *channel, const QString &nick, QVariantList privileges = {})
+{
+    auto person = zt::make<AgentPerson>();
+    person->initWithNicknameOnChannel(nick, channel);
+    person->identity()->setUsername(nick);
+    person->identity()->setHostname(nick + QStringLiteral(".example.org"));
+    if (!privileges.isEmpty())
+        person->identity()->setPrivileges(privileges);
+    return person;
+}
+
+zt::Ref<AgentSelfIdentity> makeSelfIdentity()
+{
+    auto identity = zt::make<AgentSelfIdentity>();
+    identity->init();
+    identity->setUsername(QStringLiteral("zintaro"));
+    identity->setRealname(QStringLiteral("Zin Taro"));
+    for (const char *nick : {"zin", "zin_"}) {
+        auto candidate = zt::make<AgentNickCandidate>();
+        candidate->init();
+        candidate->setNickname(QString::fromLatin1(nick));
+        identity->addCandidate(candidate.get());
+    }
+    return identity;
+}
 
 // Serves every client that connects; the script runs once, when the first
 // client has registered, and its changes reach every registered client.
 class Agent : public ZTAgentHostDelegate
 {
 public:
-    zt::Ref<AgentConnection> model;
+    zt::Ref<AgentConnectionController> controller;
 
     void hostDidRegisterClient(ZTAgentHost *host, VDConnection *) override
     {
@@ -45,42 +117,90 @@ public:
 
 private:
     bool scripted = false;
-    zt::Ref<AgentChannel> channel(const QString &name, const QString &topic)
+    zt::Ref<AgentConnection> connection;
+    zt::Ref<AgentChannel> zintaro, qt;
+
+    ZTAbstractIdentity *identityOf(const QString &nick) const
     {
-        auto c = zt::make<AgentChannel>();
-        c->init();
-        c->setName(name);
-        c->setTopic(topic);
-        return c;
+        zt::Ref<ZTAbstractPerson> person = zintaro->personWithName(nick);
+        return person ? person->identity().get() : nullptr;
     }
+
+    // The client marks #zintaro read: the agent shows what the client typed
+    // and closes #qt.
+    void watchReading()
+    {
+        zintaro->addObservationToken(zt::observeKeyPathOptionsHandler(
+            zintaro.get(), QStringLiteral("unreadLines"), zt::ObservingOption::New,
+            [this](zt::Object *, const zt::KVOChange &c) {
+                if (c.newValue.toULongLong() != 0 || !qt)
+                    return;
+                for (const QString &line : connection->outgoingLines())
+                    out << "[agent] the client asks the connection to send: " << line << Qt::endl;
+                out << "[agent] the client read #zintaro; leaving #qt" << Qt::endl;
+                QTimer::singleShot(150, [this] { connection->removeChannel(std::exchange(qt, {})); });
+            }));
+    }
+
     void runScript(ZTAgentHost *host)
     {
-        auto channels = std::make_shared<zt::MutableArrayProxy>(
-            model->mutableArrayValueForKey(QStringLiteral("channels")));
         zt::Ref<ZTAgentHost> clients(host);
         const std::vector<std::function<void()>> steps = {
-            [this] { model->setStatus(0); },
-            [this, channels] {
-                channels->addObject(zt::objectValue(channel(QStringLiteral("#zintaro"), QString()).get()));
-            },
-            [this, channels] {
-                channels->addObject(
-                    zt::objectValue(channel(QStringLiteral("#qt"), QStringLiteral("Qt 6")).get()));
+            [this] {
+                connection = zt::make<AgentConnection>();
+                connection->init();
+                controller->addConnection(connection);
             },
             [this] {
-                model->channels().first()->setTopic(
-                    QStringLiteral("Split-process IRC, correct to the last byte"));
+                auto server = zt::make<AgentServer>();
+                server->init();
+                server->setAddress(QStringLiteral("irc.libera.chat"));
+                server->setSecure(true);
+                server->setPort(6697);
+                connection->setServer(server);
+                connection->setNextIdentity(makeSelfIdentity());
+                connection->connect(); // the next identity becomes the current one
             },
-            [this, channels] {
-                auto qt = model->channels().last();
-                channels->replaceObjectAtIndex(
-                    1, zt::objectValue(channel(QStringLiteral("#kde"), QStringLiteral("Plasma")).get()));
-                qt->invalidate();
+            [this] {
+                connection->setNickname(QStringLiteral("zin"));
+                connection->setStatus(0);
+                connection->setConsole(
+                    makeChannel(connection.get(), QStringLiteral("irc.libera.chat"), true));
             },
-            [this, channels] {
-                auto kde = model->channels().last();
-                channels->removeObjectAtIndex(1);
-                kde->invalidate();
+            [this] {
+                zintaro = makeChannel(connection.get(), QStringLiteral("#zintaro"));
+                connection->addChannel(zintaro);
+                watchReading();
+            },
+            [this] {
+                zintaro->addPerson(makePerson(zintaro.get(), QStringLiteral("alice"),
+                                              {qint16(ZTAbstractIdentity::ChannelOp)}));
+                zintaro->addPerson(
+                    makePerson(zintaro.get(), QStringLiteral("bob"), {qint16(ZTAbstractIdentity::Voice)}));
+                zintaro->addPerson(makePerson(zintaro.get(), QStringLiteral("carol")));
+            },
+            [this] {
+                qt = makeChannel(connection.get(), QStringLiteral("#qt"));
+                qt->setAttributes({{TopicKey, QStringLiteral("Qt 6")}});
+                qt->addPerson(makePerson(
+                    qt.get(), QStringLiteral("dave"),
+                    {qint16(ZTAbstractIdentity::ChannelOwner), qint16(ZTAbstractIdentity::ChannelOp)}));
+                connection->addChannel(qt);
+            },
+            [this] {
+                zintaro->setAttributes(
+                    {{TopicKey, QStringLiteral("Split-process IRC, correct to the last byte")}});
+            },
+            [this] {
+                ZTAbstractIdentity *alice = identityOf(QStringLiteral("alice"));
+                alice->setAwayMessage(QStringLiteral("lunch"));
+                alice->setStatus(ZTAbstractIdentity::StatusAway);
+            },
+            [this] { identityOf(QStringLiteral("bob"))->setNickname(QStringLiteral("bobby")); },
+            [this] { zintaro->removePerson(zintaro->personWithName(QStringLiteral("carol"))); },
+            [this] {
+                zintaro->setUnreadLines(2);
+                zintaro->setUnreadLines(5);
             },
             [clients] { clients->counterpart()->perform("agentFinished"); },
         };
@@ -93,12 +213,9 @@ int runAgent(QCoreApplication &app)
 {
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Zintaro2Agent"));
     Agent agent;
-    agent.model = zt::make<AgentConnection>();
-    agent.model->init();
-    agent.model->onOutgoingLine = [](const QString &line) {
-        out << "[agent] the client asks the connection to send: " << line << Qt::endl;
-    };
-    zt::Ref<ZTAgentHost> host = ZTAgentHost::create(agent.model.get(), &agent);
+    agent.controller = zt::make<AgentConnectionController>();
+    agent.controller->init();
+    zt::Ref<ZTAgentHost> host = ZTAgentHost::create(agent.controller.get(), &agent);
     host->setClientProtocol(&demoClientRootProtocol());
     zt::Error error;
     if (!host->listen(QStringLiteral("127.0.0.1"), 0, &error)) {
@@ -109,7 +226,7 @@ int runAgent(QCoreApplication &app)
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true); // the event loop is over: close at once
     host->close();
-    agent.model->invalidateTree();
+    invalidateModel(agent.controller.get());
     return rc;
 }
 
@@ -117,68 +234,179 @@ int runAgent(QCoreApplication &app)
 
 ZTClientNode *node = nullptr;
 
-class ClientRoot : public ZTRootObject
+//! The text of a privilege list, "(@)", or empty without privileges.
+QString privilegeSuffix(const ZTAbstractIdentity &identity)
 {
-    ZT_OBJECT(ClientRoot, ZTRootObject)
+    const QString prefixes = identity.prefixablePrivileges();
+    return prefixes.isEmpty() ? QString() : QStringLiteral(" (%1)").arg(prefixes);
+}
+
+//! Prints what the client's mirror does, as it does it: every object the
+//! mirror gains is observed until it is invalidated.
+class Mirror : public ZTClientNodeDelegate
+{
 public:
-    void agentFinished()
+    void nodeDidBecomeReady(ZTClientNode *, ZTAbstractIPC *mirror) override
     {
-        out << "[client] the agent is done; calling it back" << Qt::endl;
-        DemoConnection *model = node->mirror<DemoConnection>();
-        model->counterpart()->perform("processOutgoingLine:", {QStringLiteral("/me waves from the client")});
-        auto handler = zt::dynamicCast<VDReturnHandler>(
-            zt::Ref<zt::Object>(zt::objectFrom(model->counterpart()->perform("channelList"))));
-        handler->returnedValue([](const QVariant &value) {
-            out << "[client] the agent's connection is in: " << value.toString() << Qt::endl;
+        controller =
+            zt::Ref<ZTAbstractConnectionController>(dynamic_cast<ZTAbstractConnectionController *>(mirror));
+        out << "[client] mirroring the connection controller " << controller->description() << Qt::endl;
+        watch(controller.get(), "connections", [this](auto *, const zt::KVOChange &c) {
+            if (c.kind == zt::KeyValueChange::Insertion)
+                for (const QVariant &v : c.newValue.toList())
+                    watchConnection(zt::fromValue<zt::Ref<ZTAbstractConnection>>(v));
+        });
+    }
+    void nodeDidDisconnect(ZTClientNode *) override { QCoreApplication::exit(1); }
+
+    zt::Ref<ZTAbstractConnectionController> controller;
+
+private:
+    // Channel names and nicknames as last seen: an object that leaves is
+    // invalidated, which forgets them, before or after its removal is seen.
+    QHash<const zt::Object *, QString> names;
+
+    using Handler = std::function<void(ZTAbstractIPC *, const zt::KVOChange &)>;
+    static void watch(ZTAbstractIPC *object, const char *key, Handler handler)
+    {
+        object->addObservationToken(zt::observeKeyPathOptionsHandler(
+            object, QString::fromLatin1(key), zt::ObservingOption::New | zt::ObservingOption::Old,
+            [object, handler](zt::Object *, const zt::KVOChange &c) { handler(object, c); }));
+    }
+
+    void watchConnection(const zt::Ref<ZTAbstractConnection> &connection)
+    {
+        if (!connection)
+            return;
+        out << "[client] a new connection (status " << connection->status() << ")" << Qt::endl;
+        ZTAbstractConnection *c = connection.get();
+        watch(c, "server", [c](auto *, const zt::KVOChange &) {
+            if (const auto server = c->server())
+                out << "[client] server " << server->address() << ":" << server->port()
+                    << (server->secure() ? " (TLS)" : "") << Qt::endl;
+        });
+        watch(c, "currentIdentity", [c](auto *, const zt::KVOChange &) {
+            const auto identity = c->currentIdentity();
+            if (!identity)
+                return;
+            QStringList nicknames;
+            for (const auto &candidate : identity->candidates())
+                nicknames.append(candidate->nickname());
+            out << "[client] identity " << identity->username() << " (" << identity->realname()
+                << "), nicknames " << nicknames.join(QStringLiteral(", ")) << Qt::endl;
+        });
+        watch(c, "nickname", [c](auto *, const zt::KVOChange &) {
+            out << "[client] nickname " << c->nickname() << Qt::endl;
+        });
+        watch(c, "status", [](auto *, const zt::KVOChange &change) {
+            out << "[client] connection status " << zt::describe(change.oldValue) << " -> "
+                << zt::describe(change.newValue) << Qt::endl;
+        });
+        watch(c, "console", [c](auto *, const zt::KVOChange &) {
+            if (const auto console = c->console())
+                out << "[client] console " << console->name() << Qt::endl;
+        });
+        watch(c, "channels", [this](auto *, const zt::KVOChange &change) {
+            if (change.kind == zt::KeyValueChange::Insertion)
+                for (const QVariant &v : change.newValue.toList())
+                    watchChannel(zt::fromValue<zt::Ref<ZTAbstractChannel>>(v));
+            if (change.kind == zt::KeyValueChange::Removal)
+                for (const QVariant &v : change.oldValue.toList())
+                    channelLeft(zt::fromValue<zt::Ref<ZTAbstractChannel>>(v));
+        });
+    }
+
+    void watchChannel(const zt::Ref<ZTAbstractChannel> &channel)
+    {
+        if (!channel)
+            return;
+        ZTAbstractChannel *ch = channel.get();
+        names.insert(ch, ch->name());
+        const QString topic = ch->attributes().value(TopicKey).toString();
+        out << "[client] joined " << ch->name()
+            << (topic.isEmpty() ? QString() : QStringLiteral(" (topic: %1)").arg(topic)) << Qt::endl;
+        for (const auto &person : ch->users())
+            watchPerson(person, ch);
+        // An empty topic is not shown: the agent's channel clears its state
+        // when it is invalidated, and its mirror follows before the removal.
+        watch(ch, "attributes", [ch](auto *, const zt::KVOChange &c) {
+            const QString topic = c.newValue.toMap().value(TopicKey).toString();
+            if (!topic.isEmpty() && topic != c.oldValue.toMap().value(TopicKey).toString())
+                out << "[client] " << ch->name() << " topic: " << topic << Qt::endl;
+        });
+        watch(ch, "users", [this, ch](auto *, const zt::KVOChange &c) {
+            if (c.kind == zt::KeyValueChange::Insertion)
+                for (const QVariant &v : c.newValue.toList())
+                    watchPerson(zt::fromValue<zt::Ref<ZTAbstractPerson>>(v), ch);
+            if (c.kind == zt::KeyValueChange::Removal)
+                for (const QVariant &v : c.oldValue.toList())
+                    out << "[client] " << names.value(zt::objectFrom(v)) << " left " << names.value(ch)
+                        << Qt::endl;
+        });
+        watch(ch, "unreadLines", [ch](auto *, const zt::KVOChange &c) {
+            if (c.oldValue != c.newValue)
+                out << "[client] " << ch->name() << " unread lines: " << c.newValue.toULongLong() << Qt::endl;
+        });
+    }
+
+    void watchPerson(const zt::Ref<ZTAbstractPerson> &person, ZTAbstractChannel *channel)
+    {
+        if (!person || !person->identity())
+            return;
+        ZTAbstractIdentity *identity = person->identity().get();
+        names.insert(person.get(), identity->nickname());
+        out << "[client] " << identity->nickname() << " joined " << channel->name()
+            << privilegeSuffix(*identity) << Qt::endl;
+        watch(identity, "nickname", [this, p = person.get()](auto *, const zt::KVOChange &c) {
+            names.insert(p, c.newValue.toString());
+            out << "[client] " << c.oldValue.toString() << " is now known as " << c.newValue.toString()
+                << Qt::endl;
+        });
+        // The away message crosses after the status (it is empty unless away).
+        watch(identity, "awayMessage", [identity](auto *, const zt::KVOChange &c) {
+            if (c.oldValue != c.newValue && !c.newValue.toString().isEmpty())
+                out << "[client] " << identity->nickname() << " is away: " << c.newValue.toString()
+                    << Qt::endl;
+        });
+    }
+
+    void channelLeft(const zt::Ref<ZTAbstractChannel> &channel)
+    {
+        if (!channel)
+            return;
+        const QString name = names.value(channel.get());
+        out << "[client] left " << name << Qt::endl;
+        // The connection invalidates a channel that leaves it: once this
+        // change is over, the mirror is out of the directory.
+        QTimer::singleShot(0, [channel, name] {
+            out << "[client] " << name << "'s mirror "
+                << (channel->inDirectory() ? "is still in the directory" : "left the directory") << Qt::endl;
             QTimer::singleShot(100, [] { QCoreApplication::quit(); });
         });
     }
 };
 
-class Events : public ZTClientNodeDelegate
+class ClientRoot : public ZTRootObject
 {
+    ZT_OBJECT(ClientRoot, ZTRootObject)
 public:
-    void nodeDidBecomeReady(ZTClientNode *, ZTAbstractIPC *mirror) override
-    {
-        model = zt::Ref<DemoConnection>(dynamic_cast<DemoConnection *>(mirror));
-        out << "[client] mirroring connection " << model->description() << " (status " << model->status()
-            << ")" << Qt::endl;
-        watch();
-    }
-    void nodeDidDisconnect(ZTClientNode *) override { QCoreApplication::exit(1); }
-
-    zt::Ref<DemoConnection> model;
-
-private:
-    void watch()
-    {
-        const auto options = zt::ObservingOption::New | zt::ObservingOption::Old;
-        model->addObservationToken(zt::observeKeyPathOptionsHandler(
-            model.get(), QStringLiteral("status"), options, [](zt::Object *, const zt::KVOChange &c) {
-                out << "[client] status " << zt::describe(c.oldValue) << " -> " << zt::describe(c.newValue)
-                    << Qt::endl;
-            }));
-        model->addObservationToken(zt::observeKeyPathOptionsHandler(
-            model.get(), QStringLiteral("channels"), options, [this](zt::Object *, const zt::KVOChange &c) {
-                const char *what = c.kind == zt::KeyValueChange::Insertion ? "joined" : "left";
-                out << "[client] channels " << what << " at " << c.indexes.description() << ": now ["
-                    << model->channelList() << "]" << Qt::endl;
-                if (c.kind == zt::KeyValueChange::Insertion)
-                    for (const QVariant &v : c.newValue.toList())
-                        watchChannel(zt::fromValue<zt::Ref<DemoChannel>>(v));
-            }));
-    }
-    void watchChannel(const zt::Ref<DemoChannel> &channel)
-    {
-        out << "[client]   " << channel->name() << " topic: \"" << channel->topic() << "\"" << Qt::endl;
-        channel->addObservationToken(zt::observeKeyPathOptionsHandler(
-            channel.get(), QStringLiteral("topic"), zt::ObservingOption::New,
-            [](zt::Object *o, const zt::KVOChange &c) {
-                out << "[client] " << static_cast<DemoChannel *>(o)->name() << " topic -> \""
-                    << c.newValue.toString() << "\"" << Qt::endl;
-            }));
-    }
+    void agentFinished();
 };
+
+void ClientRoot::agentFinished()
+{
+    auto *controller = node->mirror<ZTAbstractConnectionController>();
+    const auto connection = controller ? controller->connections().value(0) : nullptr;
+    const auto channel = connection ? connection->channelWithName(QStringLiteral("#zintaro")) : nullptr;
+    if (!channel) {
+        out << "[client] the agent is done, but #zintaro is not mirrored" << Qt::endl;
+        QCoreApplication::exit(3);
+        return;
+    }
+    out << "[client] the agent is done; typing a line and reading #zintaro" << Qt::endl;
+    connection->processOutgoingLine(QStringLiteral("/me waves from the client")); // forwarded
+    channel->resetLineCount(); // here, then forwarded to the agent's channel
+}
 
 // `port`: an agent already listening there (`zt-demo --agent` started by
 // someone else); 0: the client starts its own.
@@ -201,8 +429,12 @@ int runClient(QCoreApplication &app, quint16 port)
                          [&agent] { out << QString::fromUtf8(agent.readAllStandardOutput()) << Qt::flush; });
     }
 
-    Events events;
-    zt::Ref<ZTClientNode> client = ZTClientNode::create<ClientConnection>(&events);
+    // A singleton with a fixed UUID: made with init() before the node looks
+    // for the mirror of the agent's root under that UUID.
+    auto controller = zt::make<ClientConnectionController>();
+    controller->init();
+    Mirror events;
+    zt::Ref<ZTClientNode> client = ZTClientNode::create<ClientConnectionController>(&events);
     node = client.get();
     client->setRootClass(ClientRoot::staticClassInfo());
     client->setClientID(QStringLiteral("demo-client"));
@@ -214,8 +446,7 @@ int runClient(QCoreApplication &app, quint16 port)
     QTimer::singleShot(20000, &app, [] { QCoreApplication::exit(2); });
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
-    if (events.model)
-        events.model->invalidateTree();
+    invalidateModel(controller.get());
     client->close(); // the agent sees its last client go and quits
     if (agent.state() != QProcess::NotRunning) {
         agent.waitForFinished(5000);
@@ -238,7 +469,7 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     if (app.arguments().contains(QStringLiteral("--agent")))
         return runAgent(app);
-    out << "Zintaro Core demo: an agent and a client process mirroring a chat model over loopback.\n"
+    out << "Zintaro Core demo: an agent and a client process mirroring the chat model over loopback.\n"
         << Qt::endl;
     const qsizetype at = app.arguments().indexOf(QStringLiteral("--port"));
     return runClient(app, at > 0 ? quint16(app.arguments().value(at + 1).toUInt()) : 0);
