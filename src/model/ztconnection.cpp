@@ -1,6 +1,7 @@
 #include "model/ztconnection.h"
 
 #include "model/ztidentity.h"
+#include "model/ztmodelsupport.h"
 #include "model/ztnetwork.h"
 #include "model/ztperson.h"
 #include "model/ztsettings.h"
@@ -65,56 +66,8 @@ ZTAbstractConnection::replacementObjectsForChannelDictionaries(const QVariantLis
 
 // ---- transfers ----
 
-QList<zt::Ref<ZTAbstractTransfer>> ZTAbstractConnection::transfers() const
-{
-    return m_transfers;
-}
-
-void ZTAbstractConnection::setTransfers(const QList<zt::Ref<ZTAbstractTransfer>> &transfers)
-{
-    setAndNotify(m_transfers, transfers, TransfersKey);
-}
-
-void ZTAbstractConnection::insertTransfersAtIndexes(const QList<zt::Ref<ZTAbstractTransfer>> &transfers,
-                                                    const zt::IndexSet &indexes)
-{
-    zt::detail::insertAtIndexes(this, "insertTransfers:atIndexes:", m_transfers, transfers, indexes);
-}
-
-void ZTAbstractConnection::removeTransfersAtIndexes(const zt::IndexSet &indexes)
-{
-    zt::detail::removeAtIndexes(this, "removeTransfersAtIndexes:", m_transfers, indexes);
-}
-
-void ZTAbstractConnection::replaceTransfersAtIndexesWithTransfers(
-    const zt::IndexSet &indexes, const QList<zt::Ref<ZTAbstractTransfer>> &transfers)
-{
-    zt::detail::replaceAtIndexes(this, "replaceTransfersAtIndexes:withTransfers:", m_transfers, indexes,
-                                 transfers);
-}
-
-QVariantList ZTAbstractConnection::transferDictionaries() const
-{
-    return zt::detail::dictionariesOf(m_transfers);
-}
-
-void ZTAbstractConnection::setTransferDictionaries(const QVariantList &dictionaries)
-{
-    if (auto transfers = replacementObjectsForTransferDictionaries(dictionaries))
-        setTransfers(*transfers);
-}
-
-void ZTAbstractConnection::insertTransferDictionariesAtIndexes(const QVariantList &dictionaries,
-                                                               const zt::IndexSet &indexes)
-{
-    const auto transfers = replacementObjectsForTransferDictionaries(dictionaries);
-    insertTransfersAtLocations(transfers ? *transfers : QList<zt::Ref<ZTAbstractTransfer>>(), indexes);
-}
-
-void ZTAbstractConnection::removeTransferDictionariesAtIndexes(const zt::IndexSet &indexes)
-{
-    removeTransfersAtLocations(indexes);
-}
+ZT_DEFINE_WIRED_TO_MANY(ZTAbstractConnection, ZTAbstractTransfer, transfers, Transfers, transferDictionaries,
+                        TransferDictionaries)
 
 std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
 ZTAbstractConnection::replacementObjectsForTransferDictionaries(const QVariantList &)
@@ -270,37 +223,14 @@ void ZTAbstractConnection::init()
     // for old values (an insertion copies nothing).
     addObservationToken(VDKVO::observeAtKeyPathOptionsHandler(
         this, ChannelsKey, zt::ObservingOption::Old, [this](zt::Object *, const zt::KVOChange &change) {
-            if (zt::isNilOrNull(change.oldValue))
-                return;
-            const auto old = zt::fromValue<QList<zt::Ref<ZTAbstractChannel>>>(change.oldValue);
-            switch (change.kind) {
-            case zt::KeyValueChange::Removal:
-                invalidateDeparted(old, {});
-                break;
-            case zt::KeyValueChange::Replacement: {
-                QList<zt::Ref<ZTAbstractChannel>> now;
-                for (quint64 i : change.indexes)
-                    if (i < quint64(m_channels.size()))
-                        now.append(m_channels[qsizetype(i)]);
-                invalidateDeparted(old, now);
-                break;
-            }
-            default:
-                invalidateDeparted(old, m_channels);
-                break;
-            }
+            invalidateChannels(zt::model::departedObjects(change, m_channels));
         }));
 }
 
-void ZTAbstractConnection::invalidateDeparted(const QList<zt::Ref<ZTAbstractChannel>> &old,
-                                              const QList<zt::Ref<ZTAbstractChannel>> &now)
+void ZTAbstractConnection::invalidateChannels(const QList<zt::Ref<ZTAbstractChannel>> &channels)
 {
-    QSet<const ZTAbstractChannel *> staying;
-    staying.reserve(now.size());
-    for (const auto &channel : now)
-        staying.insert(channel.get());
-    for (const auto &channel : old) {
-        if (!channel || staying.contains(channel.get()))
+    for (const auto &channel : channels) {
+        if (!channel)
             continue;
         channel->invalidate();
         channel->setConnection(nullptr);
@@ -315,12 +245,12 @@ void ZTAbstractConnection::nilify()
     // invalidated here, and so is the console.
     const QList<zt::Ref<ZTAbstractChannel>> held = m_channels;
     setChannels({});
-    invalidateDeparted(held, {});
+    invalidateChannels(held);
     setTransfers({});
     setProxy({});
     if (const zt::Ref<ZTAbstractChannel> console = m_console) {
         setConsole({});
-        invalidateDeparted({console}, {});
+        invalidateChannels({console});
     }
     setModes(QString());
     setCurrentIdentity({});

@@ -47,25 +47,8 @@ public:
     replacementObjectsForChannelDictionaries(const QVariantList &dictionaries);
 
     // ---- transfers (ordered to-many; wired as "transferDictionaries") ----
-    QList<zt::Ref<ZTAbstractTransfer>> transfers() const;
-    void setTransfers(const QList<zt::Ref<ZTAbstractTransfer>> &transfers);
-    void insertTransfersAtIndexes(const QList<zt::Ref<ZTAbstractTransfer>> &transfers,
-                                  const zt::IndexSet &indexes);
-    void removeTransfersAtIndexes(const zt::IndexSet &indexes);
-    void replaceTransfersAtIndexesWithTransfers(const zt::IndexSet &indexes,
-                                                const QList<zt::Ref<ZTAbstractTransfer>> &transfers);
-    zt::MutableArrayProxy mutableTransfers() { return mutableArrayValueForKey(QStringLiteral("transfers")); }
-    ZT_KEY(transfers, setTransfers)
-    ZT_METHOD("insertTransfers:atIndexes:", insertTransfersAtIndexes)
-    ZT_METHOD("removeTransfersAtIndexes:", removeTransfersAtIndexes)
-    ZT_METHOD("replaceTransfersAtIndexes:withTransfers:", replaceTransfersAtIndexesWithTransfers)
-    QVariantList transferDictionaries() const;
-    void setTransferDictionaries(const QVariantList &dictionaries);
-    void insertTransferDictionariesAtIndexes(const QVariantList &dictionaries, const zt::IndexSet &indexes);
-    void removeTransferDictionariesAtIndexes(const zt::IndexSet &indexes);
-    ZT_KEY(transferDictionaries, setTransferDictionaries)
-    ZT_METHOD("insertTransferDictionaries:atIndexes:", insertTransferDictionariesAtIndexes)
-    ZT_METHOD("removeTransferDictionariesAtIndexes:", removeTransferDictionariesAtIndexes)
+    ZT_WIRED_TO_MANY_OUT_OF_LINE(ZTAbstractTransfer, transfers, Transfers, transferDictionaries,
+                                 TransferDictionaries)
     //! Abstract: nil.
     virtual std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
     replacementObjectsForTransferDictionaries(const QVariantList &dictionaries);
@@ -254,11 +237,9 @@ protected:
     void dealloc() override;
 
 private:
-    //! Invalidates the channels of `old` that `now` no longer holds.
-    static void invalidateDeparted(const QList<zt::Ref<ZTAbstractChannel>> &old,
-                                   const QList<zt::Ref<ZTAbstractChannel>> &now);
+    //! Invalidates the channels and clears their back reference.
+    static void invalidateChannels(const QList<zt::Ref<ZTAbstractChannel>> &channels);
 
-    QList<zt::Ref<ZTAbstractTransfer>> m_transfers;
     zt::Ref<ZTAbstractAdvancedSettings> m_advancedSettings;
     zt::Ref<ZTAbstractSelfIdentity> m_currentIdentity;
     zt::Ref<ZTAbstractSelfIdentity> m_nextIdentity;
