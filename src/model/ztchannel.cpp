@@ -163,6 +163,7 @@ void ZTAbstractChannel::invalidatePeople(const QList<zt::Ref<ZTAbstractPerson>> 
 
 void ZTAbstractChannel::nilify()
 {
+    m_tearingDown = true;
     setAttributes({});
     // The departure observation has ended by now (invalidate empties the
     // observer set first; teardown too): the people still present are
@@ -176,10 +177,16 @@ void ZTAbstractChannel::nilify()
     setAutoexec({});
     setHistory({});
     setContent({});
+    // The bans and the settings are the channel's own.
+    QList<zt::Ref<ZTAbstractIPC>> owned(m_banlist.cbegin(), m_banlist.cend());
+    if (m_advancedSettings)
+        owned.append(m_advancedSettings);
     setBanlist({});
     setName(QString());
     setPassword(QString());
     setAdvancedSettings({});
+    for (const auto &object : owned)
+        object->invalidate();
     super::nilify();
 }
 
@@ -222,7 +229,8 @@ QString ZTAbstractChannel::replacementKeyForWiring(const QString &key) const
 
 bool ZTAbstractChannel::shouldPropagateValueChangesForKey(const QString &key) const
 {
-    return super::shouldPropagateValueChangesForKey(key) && key != QLatin1String("connection");
+    return !m_tearingDown && super::shouldPropagateValueChangesForKey(key) &&
+           key != QLatin1String("connection");
 }
 
 // ---- outgoing commands ----

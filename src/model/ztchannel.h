@@ -138,10 +138,12 @@ public:
 
     // ---- object life ----
     void init() override;
+    //! Tears down without sending anything (see ZTAbstractConnection::nilify).
     void nilify() override;
     QVariantMap dictionary() const override;
     QString replacementKeyForWiring(const QString &key) const override;
-    //! Every key but "connection" propagates (as the base class decides).
+    //! Every key but "connection" propagates (as the base class decides),
+    //! none while nilify() runs.
     bool shouldPropagateValueChangesForKey(const QString &key) const override;
 
     // ---- protocol actions, performed by the agent's subclass ----
@@ -236,4 +238,5 @@ private:
 
     zt::Ref<ZTAbstractAdvancedSettings> m_advancedSettings;
     QVariant m_highlightDictionaries;
+    bool m_tearingDown = false;
 };

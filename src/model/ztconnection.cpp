@@ -239,29 +239,52 @@ void ZTAbstractConnection::invalidateChannels(const QList<zt::Ref<ZTAbstractChan
 
 void ZTAbstractConnection::nilify()
 {
+    // What the connection owns ends with it: the departure observation has
+    // ended by now (invalidate empties the observer set first; teardown
+    // too), so the channels and the console are invalidated here, and so
+    // are the settings, transfers, proxy, identities and a server that no
+    // network lists (a network's server stays the network's).
+    m_tearingDown = true;
+    QList<zt::Ref<ZTAbstractIPC>> owned;
+    auto keep = [&owned](const zt::Ref<ZTAbstractIPC> &object) {
+        if (object && !owned.contains(object))
+            owned.append(object);
+    };
+    keep(m_advancedSettings);
     setAdvancedSettings({});
-    // The departure observation has ended by now (invalidate empties the
-    // observer set first; teardown too): the channels still held are
-    // invalidated here, and so is the console.
     const QList<zt::Ref<ZTAbstractChannel>> held = m_channels;
     setChannels({});
     invalidateChannels(held);
+    for (const auto &transfer : m_transfers)
+        keep(transfer);
     setTransfers({});
+    keep(m_proxy);
     setProxy({});
     if (const zt::Ref<ZTAbstractChannel> console = m_console) {
         setConsole({});
         invalidateChannels({console});
     }
     setModes(QString());
+    keep(m_currentIdentity);
     setCurrentIdentity({});
+    keep(m_nextIdentity);
     setNextIdentity({});
+    if (m_server && !(m_server->network() && m_server->network()->servers().contains(m_server)))
+        keep(m_server);
     setServer({});
     setHighlights({});
     setAutoexec({});
     setNickname(QString());
     setAttributes({});
     setChannelList({});
+    for (const auto &object : owned)
+        object->invalidate();
     super::nilify();
+}
+
+bool ZTAbstractConnection::shouldPropagateValueChangesForKey(const QString &key) const
+{
+    return !m_tearingDown && super::shouldPropagateValueChangesForKey(key);
 }
 
 void ZTAbstractConnection::dealloc()

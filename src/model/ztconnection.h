@@ -163,7 +163,11 @@ public:
 
     // ---- object life ----
     void init() override;
+    //! Tears down without sending anything: the mirror is torn down by its
+    //! own owner, and a change sent now would drop its parts uninvalidated.
     void nilify() override;
+    //! The base class's rule, except while nilify() runs.
+    bool shouldPropagateValueChangesForKey(const QString &key) const override;
     QString replacementKeyForWiring(const QString &key) const override;
 
     // ---- channel and transfer bookkeeping (all through the announcing views) ----
@@ -247,4 +251,5 @@ private:
     QVariant m_serverDictionary;
     zt::Ref<ZTAbstractProxy> m_proxy;
     QVariant m_highlightDictionaries;
+    bool m_tearingDown = false;
 };

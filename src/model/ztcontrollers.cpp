@@ -213,8 +213,19 @@ void ZTAbstractIdentityController::init()
     setIdentities({});
 }
 
+void ZTAbstractIdentityController::nilify()
+{
+    // Without announcing: the mirror's list ends with the mirror.
+    const QList<zt::Ref<ZTAbstractSelfIdentity>> held = std::exchange(m_identities, {});
+    for (const auto &identity : held)
+        identity->invalidate();
+    super::nilify();
+}
+
 void ZTAbstractIdentityController::dealloc()
 {
+    Q_ASSERT_X(!inDirectory(), "ZTAbstractIdentityController",
+               "a controller must be invalidated before it is freed");
     m_identities.clear();
     super::dealloc();
 }
@@ -381,8 +392,19 @@ void ZTAbstractPersonListController::init()
         }));
 }
 
+void ZTAbstractPersonListController::nilify()
+{
+    // Without announcing: the mirror's list ends with the mirror.
+    const QList<zt::Ref<ZTAbstractPseudoPerson>> held = std::exchange(m_pseudoPersons, {});
+    for (const auto &pseudoPerson : held)
+        pseudoPerson->invalidate();
+    super::nilify();
+}
+
 void ZTAbstractPersonListController::dealloc()
 {
+    Q_ASSERT_X(!inDirectory(), "ZTAbstractPersonListController",
+               "a controller must be invalidated before it is freed");
     m_pseudoPersons.clear();
     super::dealloc();
 }
@@ -390,6 +412,12 @@ void ZTAbstractPersonListController::dealloc()
 QString ZTAbstractPersonListController::staticUUID() const
 {
     return QStringLiteral("NetworkDirectory");
+}
+
+bool ZTAbstractPersonListController::shouldPropagateValueChangesForKey(const QString &key) const
+{
+    return ZTDirectory::sharedInstance()->objectWithID(description()).get() == this &&
+           super::shouldPropagateValueChangesForKey(key);
 }
 
 QString ZTAbstractPersonListController::replacementKeyForWiring(const QString &key) const

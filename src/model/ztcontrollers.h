@@ -96,6 +96,9 @@ public:
     ZT_METHOD("removeIdentitiesAtLocations:", removeIdentitiesAtLocations)
 
     void init() override;
+    //! Invalidates the identities still held: they end with the controller
+    //! (its removals leave them valid).
+    void nilify() override;
     QString staticUUID() const override;
     //! Only "identities" propagates.
     bool shouldPropagateValueChangesForKey(const QString &key) const override;
@@ -168,7 +171,13 @@ public:
     ZT_READONLY_KEY(ruleController)
 
     void init() override;
+    //! Invalidates the pseudo-persons still held.
+    void nilify() override;
     QString staticUUID() const override;
+    //! The base class's rule, while the directory holds this controller
+    //! under its UUID: one that lost the UUID to the network directory
+    //! would address the directory's mirror, so it keeps its changes local.
+    bool shouldPropagateValueChangesForKey(const QString &key) const override;
     QString replacementKeyForWiring(const QString &key) const override;
 
 protected:
