@@ -11,7 +11,9 @@
 #include "runtime/process.h"
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QTextStream>
+#include <QTimer>
 
 namespace {
 
@@ -19,24 +21,49 @@ struct Agent : ZTAgentHostDelegate
 {
     ScenarioContext ctx;
     bool ran = false;
+    QList<ScenarioStep> steps;
+    ZTAgentHost *host = nullptr;
 
-    void hostDidRegisterClient(ZTAgentHost *host, VDConnection *) override
+    void hostDidRegisterClient(ZTAgentHost *h, VDConnection *) override
     {
         if (std::exchange(ran, true))
             return;
-        qint64 count = 0;
-        for (const ScenarioFamily &family : scenarioFamilies()) {
-            for (const ScenarioStep &step : family.steps()) {
-                try {
-                    step.run(ctx);
-                } catch (const zt::Exception &e) {
-                    QTextStream(stderr) << step.name << ": " << e.name() << ": " << e.reason() << Qt::endl;
-                }
-                host->counterpart()->perform("agentCompletedStep:snapshot:", {step.name, ctx.snapshot()});
-                ++count;
-            }
+        host = h;
+        ctx.tellClient = [h](const char *selector, const QVariantList &arguments) {
+            h->counterpart()->perform(selector, arguments);
+        };
+        for (const ScenarioFamily &family : scenarioFamilies())
+            steps += family.steps();
+        runFrom(0);
+    }
+    // A step with `until` waits for it, polling the event loop (the client
+    // acts back), for at most five seconds.
+    void runFrom(qsizetype index)
+    {
+        if (index == steps.size()) {
+            host->counterpart()->perform("agentFinished:", {qint64(steps.size())});
+            return;
         }
-        host->counterpart()->perform("agentFinished:", {count});
+        const ScenarioStep &step = steps[index];
+        try {
+            step.run(ctx);
+        } catch (const zt::Exception &e) {
+            QTextStream(stderr) << step.name << ": " << e.name() << ": " << e.reason() << Qt::endl;
+        }
+        finish(index, QDeadlineTimer(5000));
+    }
+    void finish(qsizetype index, QDeadlineTimer deadline)
+    {
+        const ScenarioStep &step = steps[index];
+        if (step.until && !step.until(ctx)) {
+            if (!deadline.hasExpired()) {
+                QTimer::singleShot(5, [this, index, deadline] { finish(index, deadline); });
+                return;
+            }
+            QTextStream(stderr) << step.name << ": timed out" << Qt::endl;
+        }
+        host->counterpart()->perform("agentCompletedStep:snapshot:", {step.name, ctx.snapshot()});
+        runFrom(index + 1);
     }
     void hostDidLoseClient(ZTAgentHost *host, VDConnection *) override
     {

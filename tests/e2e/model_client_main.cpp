@@ -35,16 +35,29 @@ public:
     {
         QStringList differences;
         for (auto it = snapshot.cbegin(); it != snapshot.cend(); ++it) {
+            if (it.key() == QLatin1String(GoneEntry)) {
+                for (const QVariant &uuid : it.value().toList())
+                    if (ZTDirectory::sharedInstance()->objectWithID(uuid.toString()))
+                        differences.append(uuid.toString() + QStringLiteral(": still in the directory"));
+                continue;
+            }
             zt::Ref<ZTAbstractIPC> mirror = ZTDirectory::sharedInstance()->objectWithID(it.key());
             if (!mirror)
                 differences.append(it.key() + QStringLiteral(": no mirror"));
             else
-                differences += zt::apps::describeDifferences(it.value(), mirror->dictionary(), it.key());
+                differences +=
+                    zt::apps::describeDifferences(it.value(), comparedForm(mirror.get()), it.key());
         }
         out << "STEP " << step << (differences.isEmpty() ? ": OK" : ": MISMATCH") << '\n';
         for (const QString &d : differences)
             out << "  " << d << '\n';
         out.flush();
+    }
+    //! The client's own action on its mirror (a reset of counters read here).
+    void agentAsksClientToPerformOnObjectWithID(const QString &selector, const QString &uuid)
+    {
+        if (zt::Ref<ZTAbstractIPC> mirror = ZTDirectory::sharedInstance()->objectWithID(uuid))
+            mirror->perform(zt::Selector(selector.toLatin1()));
     }
     void agentFinished(qint64 steps)
     {
@@ -58,6 +71,8 @@ void ScenarioClientRoot::registerMembers(zt::ClassBuilder<ScenarioClientRoot> &b
 {
     b.method("agentCompletedStep:snapshot:", &ScenarioClientRoot::agentCompletedStepSnapshot);
     b.method("agentFinished:", &ScenarioClientRoot::agentFinished);
+    b.method("agentAsksClientToPerform:onObjectWithID:",
+             &ScenarioClientRoot::agentAsksClientToPerformOnObjectWithID);
 }
 
 int main(int argc, char **argv)
