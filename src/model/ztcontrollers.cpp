@@ -416,8 +416,9 @@ QString ZTAbstractPersonListController::staticUUID() const
 
 bool ZTAbstractPersonListController::shouldPropagateValueChangesForKey(const QString &key) const
 {
-    return ZTDirectory::sharedInstance()->objectWithID(description()).get() == this &&
-           super::shouldPropagateValueChangesForKey(key);
+    const bool lostItsUUID =
+        inDirectory() && ZTDirectory::sharedInstance()->objectWithID(description()).get() != this;
+    return !lostItsUUID && super::shouldPropagateValueChangesForKey(key);
 }
 
 QString ZTAbstractPersonListController::replacementKeyForWiring(const QString &key) const

@@ -174,9 +174,10 @@ public:
     //! Invalidates the pseudo-persons still held.
     void nilify() override;
     QString staticUUID() const override;
-    //! The base class's rule, while the directory holds this controller
-    //! under its UUID: one that lost the UUID to the network directory
-    //! would address the directory's mirror, so it keeps its changes local.
+    //! The base class's rule, unless another object holds this controller's
+    //! UUID in the directory: one that lost the UUID to the network
+    //! directory would address the directory's mirror, so it keeps its
+    //! changes local.
     bool shouldPropagateValueChangesForKey(const QString &key) const override;
     QString replacementKeyForWiring(const QString &key) const override;
 
