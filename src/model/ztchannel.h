@@ -16,8 +16,9 @@
 // Ownership: the channel owns its people, bans and advanced settings; its
 // `connection` is a back reference that the connection clears when the
 // channel leaves it. People that leave "users" (by any change of the list)
-// are invalidated; so are the people still present when the channel itself is
-// invalidated or torn down.
+// are invalidated; so are the people, bans and settings still held when the
+// channel itself is invalidated or torn down (which sends nothing to the
+// mirror).
 //
 // Wiring: object-valued keys cross the process boundary as dictionary forms:
 // "users" as "userDictionaries", "banlist" as "banlistDictionaries",

@@ -9,10 +9,11 @@
 // writeString …) is empty here: the agent's subclass performs it and the
 // client's forwards it to the agent.
 //
-// Ownership: the connection owns its channels, transfers, server, identities,
-// proxy, settings and console. A channel that leaves "channels" is
-// invalidated and loses its back reference; invalidating (or tearing down)
-// the connection invalidates every channel it still holds.
+// Ownership: the connection owns its channels, transfers, server (unless a
+// network lists it), identities, proxy, settings and console. A channel that
+// leaves "channels" is invalidated and loses its back reference;
+// invalidating (or tearing down) the connection invalidates everything it
+// still owns, and sends nothing to the mirror meanwhile.
 //
 // Dictionary form: the base one ({"description": UUID}); the state reaches
 // the mirror as property changes. Wiring: "server" → "serverDictionary",
