@@ -19,21 +19,6 @@ const QString MsgID = QStringLiteral("msgID");
 const QString MsgStarred = QStringLiteral("msgStarred");
 const QString MsgEmbedded = QStringLiteral("msgEmbedded");
 
-//! The dictionary form of a highlight entry: a model object's dictionary,
-//! or the entry itself when it is a plain value.
-QVariantList dictionariesOfEntries(const QVariantList &entries)
-{
-    QVariantList out;
-    out.reserve(entries.size());
-    for (const QVariant &entry : entries) {
-        if (auto *object = dynamic_cast<ZTAbstractIPC *>(zt::objectFrom(entry)))
-            out.append(object->dictionary());
-        else
-            out.append(entry);
-    }
-    return out;
-}
-
 //! The index of the last line whose "msgID" equals `uuid`, or -1.
 qsizetype lastLineWithID(const QVariantList &lines, const QString &uuid)
 {
@@ -86,7 +71,7 @@ ZTAbstractChannel::replacementObjectsForUserDictionaries(const QVariantList &)
 
 QVariantList ZTAbstractChannel::highlightDictionaries() const
 {
-    return dictionariesOfEntries(m_highlights);
+    return zt::model::dictionariesOfEntries(m_highlights);
 }
 
 void ZTAbstractChannel::setHighlightDictionaries(const QVariantList &dictionaries)

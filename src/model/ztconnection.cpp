@@ -26,33 +26,6 @@ template<typename T> QVariant dictionaryOf(const zt::Ref<T> &object)
     return object ? QVariant(object->dictionary()) : QVariant();
 }
 
-QVariantList dictionariesOfEntries(const QVariantList &entries)
-{
-    QVariantList out;
-    out.reserve(entries.size());
-    for (const QVariant &entry : entries) {
-        if (auto *object = dynamic_cast<ZTAbstractIPC *>(zt::objectFrom(entry)))
-            out.append(object->dictionary());
-        else
-            out.append(entry);
-    }
-    return out;
-}
-
-//! The indexes at which `list` holds any of `objects`.
-template<typename T>
-zt::IndexSet indexesOfAny(const QList<zt::Ref<T>> &list, const QList<zt::Ref<T>> &objects)
-{
-    QSet<const T *> wanted;
-    for (const auto &object : objects)
-        wanted.insert(object.get());
-    zt::IndexSet found;
-    for (qsizetype i = 0; i < list.size(); ++i)
-        if (wanted.contains(list[i].get()))
-            found.add(quint64(i));
-    return found;
-}
-
 } // namespace
 
 ZTAbstractConnection::ZTAbstractConnection() = default;
@@ -189,7 +162,7 @@ void ZTAbstractConnection::setConsoleDictionary(const QVariant &)
 
 QVariantList ZTAbstractConnection::highlightDictionaries() const
 {
-    return dictionariesOfEntries(m_highlights);
+    return zt::model::dictionariesOfEntries(m_highlights);
 }
 
 void ZTAbstractConnection::setHighlightDictionaries(const QVariantList &dictionaries)
@@ -330,7 +303,7 @@ void ZTAbstractConnection::removeChannel(const zt::Ref<ZTAbstractChannel> &chann
 
 void ZTAbstractConnection::removeChannelsInArray(const QList<zt::Ref<ZTAbstractChannel>> &channels)
 {
-    const zt::IndexSet found = indexesOfAny(m_channels, channels);
+    const zt::IndexSet found = zt::model::indexesOfAny(m_channels, channels);
     if (!found.isEmpty())
         mutableChannels().removeObjectsAtIndexes(found);
 }

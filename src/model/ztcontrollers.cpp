@@ -20,19 +20,6 @@ const QString ConnectionsKey = QStringLiteral("connections");
 const QString IdentitiesKey = QStringLiteral("identities");
 const QString PseudoPersonsKey = QStringLiteral("pseudoPersons");
 
-template<typename T>
-zt::IndexSet indexesOfAny(const QList<zt::Ref<T>> &list, const QList<zt::Ref<T>> &objects)
-{
-    QSet<const T *> wanted;
-    for (const auto &object : objects)
-        wanted.insert(object.get());
-    zt::IndexSet found;
-    for (qsizetype i = 0; i < list.size(); ++i)
-        if (wanted.contains(list[i].get()))
-            found.add(quint64(i));
-    return found;
-}
-
 bool sameNameIgnoringCase(const QVariant &value, const QString &name)
 {
     return value.typeId() == QMetaType::QString && value.toString().compare(name, Qt::CaseInsensitive) == 0;
@@ -68,7 +55,7 @@ void ZTAbstractConnectionController::addConnection(const zt::Ref<ZTAbstractConne
 void ZTAbstractConnectionController::removeConnections(
     const QList<zt::Ref<ZTAbstractConnection>> &connections)
 {
-    const zt::IndexSet found = indexesOfAny(m_connections, connections);
+    const zt::IndexSet found = zt::model::indexesOfAny(m_connections, connections);
     if (!found.isEmpty())
         mutableConnections().removeObjectsAtIndexes(found);
 }
@@ -186,7 +173,7 @@ void ZTAbstractIdentityController::addIdentity(const zt::Ref<ZTAbstractSelfIdent
 
 void ZTAbstractIdentityController::removeIdentities(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities)
 {
-    const zt::IndexSet found = indexesOfAny(m_identities, identities);
+    const zt::IndexSet found = zt::model::indexesOfAny(m_identities, identities);
     if (!found.isEmpty())
         mutableIdentities().removeObjectsAtIndexes(found);
 }
@@ -274,7 +261,7 @@ void ZTAbstractPersonListController::removePseudoPerson(const zt::Ref<ZTAbstract
 void ZTAbstractPersonListController::removePseudoPersons(
     const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons)
 {
-    const zt::IndexSet found = indexesOfAny(m_pseudoPersons, pseudoPersons);
+    const zt::IndexSet found = zt::model::indexesOfAny(m_pseudoPersons, pseudoPersons);
     if (!found.isEmpty())
         mutablePseudoPersons().removeObjectsAtIndexes(found);
 }

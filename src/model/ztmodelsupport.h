@@ -38,6 +38,23 @@ ZT_EXPORT QVariant transformedValue(const QString &name, const QVariant &value);
 //! old values, takes out of the list (`now` is the list after the change):
 //! every old object, except, for a replacement, the replacing objects and,
 //! for any other change, the objects still held.
+//! The indexes at which `list` holds any of `objects`.
+template<typename T> IndexSet indexesOfAny(const QList<Ref<T>> &list, const QList<Ref<T>> &objects)
+{
+    QSet<const T *> wanted;
+    for (const Ref<T> &object : objects)
+        wanted.insert(object.get());
+    IndexSet found;
+    for (qsizetype i = 0; i < list.size(); ++i)
+        if (wanted.contains(list[i].get()))
+            found.add(quint64(i));
+    return found;
+}
+
+//! The wired form of a list of highlight entries: a model object's
+//! dictionary form, a plain value as it is.
+ZT_EXPORT QVariantList dictionariesOfEntries(const QVariantList &entries);
+
 template<typename T> QList<Ref<T>> departedObjects(const KVOChange &change, const QList<Ref<T>> &now)
 {
     if (isNilOrNull(change.oldValue) || change.kind == KeyValueChange::Insertion)
