@@ -20,15 +20,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-qsizetype &controllerIndex()
-{
-    static qsizetype index = -1;
-    return index;
-}
+qsizetype controllerIndex = -1; // where the controllers sit among the root's objects
 
 ZTAbstractConnectionController *controller(ScenarioContext &ctx)
 {
-    return dynamic_cast<ZTAbstractConnectionController *>(ctx.root->objects().value(controllerIndex()).get());
+    return dynamic_cast<ZTAbstractConnectionController *>(ctx.root->objects().value(controllerIndex).get());
 }
 
 ZTAbstractConnection *connection(ScenarioContext &ctx)
@@ -112,12 +108,6 @@ QStringList ownedBy(const ZTAbstractConnection *c)
     return out;
 }
 
-void setCounters(ZTAbstractChannel *c, quint64 lines, quint64 highlights)
-{
-    c->setUnreadLines(lines);
-    c->setUnreadHighlights(highlights);
-}
-
 bool countersCleared(ScenarioContext &ctx)
 {
     const ZTAbstractChannel *c = channel(ctx, u"#qt"_s);
@@ -131,7 +121,7 @@ QList<ScenarioStep> chatSteps()
     return {
         {u"controllers: create"_s,
          [](ScenarioContext &ctx) {
-             controllerIndex() = ctx.root->objects().size();
+             controllerIndex = ctx.root->objects().size();
              ctx.adopt(made<AgentConnectionController>());
              ctx.adopt(made<AgentIdentityController>());
              // Not registered (the directory holds "NetworkDirectory"): it
@@ -140,13 +130,13 @@ QList<ScenarioStep> chatSteps()
          }},
         {u"identity controller: identities"_s,
          [](ScenarioContext &ctx) {
-             auto *identities = dynamic_cast<ZTAbstractIdentityController *>(
-                 ctx.root->objects()[controllerIndex() + 1].get());
+             auto *identities =
+                 dynamic_cast<ZTAbstractIdentityController *>(ctx.root->objects()[controllerIndex + 1].get());
              identities->addIdentity(selfIdentity(u"zin"_s));
              identities->insertIdentitiesAtLocations({selfIdentity(u"taro"_s)}, zt::IndexSet(0));
              identities->identities()[1]->setRealname(u"Zin T."_s);
              auto *people = dynamic_cast<ZTAbstractPersonListController *>(
-                 ctx.root->objects()[controllerIndex() + 2].get());
+                 ctx.root->objects()[controllerIndex + 2].get());
              auto pseudo = zt::make<AgentPseudoPerson>();
              pseudo->initWithContentOnNetwork(u"zin*"_s, ctx.directory->networks().value(0).get());
              people->addPseudoPerson(pseudo);
@@ -211,8 +201,10 @@ QList<ScenarioStep> chatSteps()
          }},
         {u"counters: unread lines and highlights"_s,
          [](ScenarioContext &ctx) {
-             setCounters(channel(ctx, u"#zintaro"_s), 7, 2);
-             setCounters(channel(ctx, u"#qt"_s), 3, 1);
+             for (ZTAbstractChannel *c : {channel(ctx, u"#zintaro"_s), channel(ctx, u"#qt"_s)}) {
+                 c->setUnreadLines(c->name().size());
+                 c->setUnreadHighlights(1);
+             }
              connection(ctx)->setUnreadLines(4);
          }},
         {u"counters: the agent resets a channel"_s,
