@@ -71,8 +71,14 @@ void adoptSettingsAndBans(ZTAbstractChannel *channel, const QVariant *settings, 
             zt::isNilOrNull(*settings)
                 ? zt::Ref<ZTAbstractAdvancedSettings>()
                 : zt::apps::objectFromDictionary<Settings, ZTAbstractAdvancedSettings>(settings->toMap()));
-    if (bans)
-        channel->setBanlist(*zt::apps::objectsFromDictionaries<Ban, ZTAbstractBan>(*bans));
+    if (!bans)
+        return;
+    // The bans are the channel's: one the new list no longer names ends.
+    const QList<zt::Ref<ZTAbstractBan>> old = channel->banlist();
+    channel->setBanlist(*zt::apps::objectsFromDictionaries<Ban, ZTAbstractBan>(*bans));
+    for (const auto &ban : old)
+        if (!channel->banlist().contains(ban))
+            ban->invalidate();
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "connection_classes.h"
 
 #include "dictionary_objects.h"
+#include "model/ztmodelsupport.h"
 
 ZT_DEFINE_CLASS(AgentConnection)
 ZT_DEFINE_CLASS(ClientConnection)
@@ -144,6 +145,17 @@ void AgentConnection::disconnectWithReason(const QString &reason)
 }
 
 // ---- client ----
+
+void ClientConnection::init()
+{
+    super::init();
+    addObservationToken(VDKVO::observeAtKeyPathOptionsHandler(
+        this, QStringLiteral("transfers"), zt::ObservingOption::Old,
+        [this](zt::Object *, const zt::KVOChange &change) {
+            for (const auto &transfer : zt::model::departedObjects(change, transfers()))
+                transfer->invalidate();
+        }));
+}
 
 std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
 ClientConnection::replacementObjectsForTransferDictionaries(const QVariantList &dictionaries)

@@ -64,6 +64,9 @@ class ClientConnection : public ZTAbstractConnection
 {
     ZT_OBJECT(ClientConnection, ZTAbstractConnection)
 public:
+    //! Also ends the mirrors of transfers that leave the list: the agent
+    //! removes a transfer for good.
+    void init() override;
     std::optional<QList<zt::Ref<ZTAbstractChannel>>>
     replacementObjectsForChannelDictionaries(const QVariantList &dictionaries) override;
     std::optional<QVariantList>

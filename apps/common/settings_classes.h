@@ -6,7 +6,9 @@
 // arrive by key-value coding (a change applied from the other process, or
 // the object being built from a dictionary) are not sent back: the classes
 // here answer NO to enableInterProcessKVO while such a change is applied,
-// which breaks the echo between the two sides.
+// which breaks the echo between the two sides. The defaults init() sets are
+// not sent either: a mirror's defaults, arriving after the original's later
+// changes, would overwrite them.
 //
 // The agent's transfer records each operation in its attributes under
 // "state" ("accepted", "resuming", "rejected", "cancelled", "removed"), the
@@ -20,17 +22,25 @@ public:
     bool enableInterProcessKVO() const override { return m_applying == 0 && Base::enableInterProcessKVO(); }
     void setValueForKey(const QVariant &value, const QString &key) override
     {
+        quietly([&] { Base::setValueForKey(value, key); });
+    }
+    void init() override
+    {
+        quietly([&] { Base::init(); });
+    }
+
+private:
+    template<typename F> void quietly(F apply)
+    {
         ++m_applying;
         try {
-            Base::setValueForKey(value, key);
+            apply();
         } catch (...) {
             --m_applying;
             throw;
         }
         --m_applying;
     }
-
-private:
     int m_applying = 0;
 };
 

@@ -362,11 +362,10 @@ private:
             out << "[client] " << c.oldValue.toString() << " is now known as " << c.newValue.toString()
                 << Qt::endl;
         });
-        // The away message crosses after the status (it is empty unless away).
-        watch(identity, "awayMessage", [identity](auto *, const zt::KVOChange &c) {
-            if (c.oldValue != c.newValue && !c.newValue.toString().isEmpty())
-                out << "[client] " << identity->nickname() << " is away: " << c.newValue.toString()
-                    << Qt::endl;
+        // The status crosses; the away text stays with the agent.
+        watch(identity, "status", [identity](auto *, const zt::KVOChange &c) {
+            if (c.oldValue != c.newValue && c.newValue.toInt() == ZTAbstractIdentity::StatusAway)
+                out << "[client] " << identity->nickname() << " is away" << Qt::endl;
         });
     }
 

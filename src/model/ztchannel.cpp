@@ -2,6 +2,7 @@
 
 #include "model/ztconnection.h"
 #include "model/ztidentity.h"
+#include "model/ztmodelsupport.h"
 #include "model/ztperson.h"
 #include "model/ztsettings.h"
 #include "runtime/dictionary.h"
@@ -17,21 +18,6 @@ const QString UsersKey = QStringLiteral("users");
 const QString MsgID = QStringLiteral("msgID");
 const QString MsgStarred = QStringLiteral("msgStarred");
 const QString MsgEmbedded = QStringLiteral("msgEmbedded");
-
-//! The dictionary form of a highlight entry: a model object's dictionary,
-//! or the entry itself when it is a plain value.
-QVariantList dictionariesOfEntries(const QVariantList &entries)
-{
-    QVariantList out;
-    out.reserve(entries.size());
-    for (const QVariant &entry : entries) {
-        if (auto *object = dynamic_cast<ZTAbstractIPC *>(zt::objectFrom(entry)))
-            out.append(object->dictionary());
-        else
-            out.append(entry);
-    }
-    return out;
-}
 
 //! The index of the last line whose "msgID" equals `uuid`, or -1.
 qsizetype lastLineWithID(const QVariantList &lines, const QString &uuid)
@@ -73,55 +59,7 @@ void ZTAbstractChannel::setAdvancedSettingsDictionary(const QVariant &)
 
 // ---- users ----
 
-QList<zt::Ref<ZTAbstractPerson>> ZTAbstractChannel::users() const
-{
-    return m_users;
-}
-
-void ZTAbstractChannel::setUsers(const QList<zt::Ref<ZTAbstractPerson>> &users)
-{
-    setAndNotify(m_users, users, UsersKey);
-}
-
-void ZTAbstractChannel::insertUsersAtIndexes(const QList<zt::Ref<ZTAbstractPerson>> &users,
-                                             const zt::IndexSet &indexes)
-{
-    zt::detail::insertAtIndexes(this, "insertUsers:atIndexes:", m_users, users, indexes);
-}
-
-void ZTAbstractChannel::removeUsersAtIndexes(const zt::IndexSet &indexes)
-{
-    zt::detail::removeAtIndexes(this, "removeUsersAtIndexes:", m_users, indexes);
-}
-
-void ZTAbstractChannel::replaceUsersAtIndexesWithUsers(const zt::IndexSet &indexes,
-                                                       const QList<zt::Ref<ZTAbstractPerson>> &users)
-{
-    zt::detail::replaceAtIndexes(this, "replaceUsersAtIndexes:withUsers:", m_users, indexes, users);
-}
-
-QVariantList ZTAbstractChannel::userDictionaries() const
-{
-    return zt::detail::dictionariesOf(m_users);
-}
-
-void ZTAbstractChannel::setUserDictionaries(const QVariantList &dictionaries)
-{
-    if (auto users = replacementObjectsForUserDictionaries(dictionaries))
-        setUsers(*users);
-}
-
-void ZTAbstractChannel::insertUserDictionariesAtIndexes(const QVariantList &dictionaries,
-                                                        const zt::IndexSet &indexes)
-{
-    const auto users = replacementObjectsForUserDictionaries(dictionaries);
-    mutableUsers().insertObjectsAtIndexes(users ? zt::detail::objectValues(*users) : QVariantList(), indexes);
-}
-
-void ZTAbstractChannel::removeUserDictionariesAtIndexes(const zt::IndexSet &indexes)
-{
-    mutableUsers().removeObjectsAtIndexes(indexes);
-}
+ZT_DEFINE_WIRED_TO_MANY(ZTAbstractChannel, ZTAbstractPerson, users, Users, userDictionaries, UserDictionaries)
 
 std::optional<QList<zt::Ref<ZTAbstractPerson>>>
 ZTAbstractChannel::replacementObjectsForUserDictionaries(const QVariantList &)
@@ -133,7 +71,7 @@ ZTAbstractChannel::replacementObjectsForUserDictionaries(const QVariantList &)
 
 QVariantList ZTAbstractChannel::highlightDictionaries() const
 {
-    return dictionariesOfEntries(m_highlights);
+    return zt::model::dictionariesOfEntries(m_highlights);
 }
 
 void ZTAbstractChannel::setHighlightDictionaries(const QVariantList &dictionaries)
@@ -151,32 +89,7 @@ ZTAbstractChannel::replacementObjectsForHighlightDictionaries(const QVariantList
 
 // ---- bans ----
 
-QList<zt::Ref<ZTAbstractBan>> ZTAbstractChannel::banlist() const
-{
-    return m_banlist;
-}
-
-void ZTAbstractChannel::setBanlist(const QList<zt::Ref<ZTAbstractBan>> &bans)
-{
-    setAndNotify(m_banlist, bans, QStringLiteral("banlist"));
-}
-
-void ZTAbstractChannel::insertBanlistAtIndexes(const QList<zt::Ref<ZTAbstractBan>> &bans,
-                                               const zt::IndexSet &indexes)
-{
-    zt::detail::insertAtIndexes(this, "insertBanlist:atIndexes:", m_banlist, bans, indexes);
-}
-
-void ZTAbstractChannel::removeBanlistAtIndexes(const zt::IndexSet &indexes)
-{
-    zt::detail::removeAtIndexes(this, "removeBanlistAtIndexes:", m_banlist, indexes);
-}
-
-void ZTAbstractChannel::replaceBanlistAtIndexesWithBanlist(const zt::IndexSet &indexes,
-                                                           const QList<zt::Ref<ZTAbstractBan>> &bans)
-{
-    zt::detail::replaceAtIndexes(this, "replaceBanlistAtIndexes:withBanlist:", m_banlist, indexes, bans);
-}
+ZT_DEFINE_TO_MANY(ZTAbstractChannel, ZTAbstractBan, banlist, Banlist)
 
 QVariantList ZTAbstractChannel::banlistDictionaries() const
 {
@@ -222,59 +135,43 @@ void ZTAbstractChannel::init()
     // old values: an insertion then costs the list no copy at all.
     addObservationToken(VDKVO::observeAtKeyPathOptionsHandler(
         this, UsersKey, zt::ObservingOption::Old, [this](zt::Object *, const zt::KVOChange &change) {
-            if (zt::isNilOrNull(change.oldValue))
-                return;
-            const auto old = zt::fromValue<QList<zt::Ref<ZTAbstractPerson>>>(change.oldValue);
-            switch (change.kind) {
-            case zt::KeyValueChange::Removal:
-                invalidateDeparted(old, {});
-                break;
-            case zt::KeyValueChange::Replacement: {
-                QList<zt::Ref<ZTAbstractPerson>> now;
-                for (quint64 i : change.indexes)
-                    if (i < quint64(m_users.size()))
-                        now.append(m_users[qsizetype(i)]);
-                invalidateDeparted(old, now);
-                break;
-            }
-            default:
-                invalidateDeparted(old, m_users);
-                break;
-            }
+            invalidatePeople(zt::model::departedObjects(change, m_users));
         }));
 }
 
-void ZTAbstractChannel::invalidateDeparted(const QList<zt::Ref<ZTAbstractPerson>> &old,
-                                           const QList<zt::Ref<ZTAbstractPerson>> &now)
+void ZTAbstractChannel::invalidatePeople(const QList<zt::Ref<ZTAbstractPerson>> &people)
 {
-    QSet<const ZTAbstractPerson *> staying;
-    staying.reserve(now.size());
-    for (const auto &person : now)
-        staying.insert(person.get());
-    for (const auto &person : old)
-        if (person && !staying.contains(person.get()))
+    for (const auto &person : people)
+        if (person)
             person->invalidate();
 }
 
 void ZTAbstractChannel::nilify()
 {
+    m_tearingDown = true;
     setAttributes({});
     // The departure observation has ended by now (invalidate empties the
     // observer set first; teardown too): the people still present are
     // invalidated here.
     const QList<zt::Ref<ZTAbstractPerson>> present = m_users;
     setUsers({});
-    invalidateDeparted(present, {});
+    invalidatePeople(present);
     setHighlightOccurences({});
     setStarOccurences({});
     setHighlights({});
     setAutoexec({});
     setHistory({});
     setContent({});
+    // The bans and the settings are the channel's own.
+    QList<zt::Ref<ZTAbstractIPC>> owned(m_banlist.cbegin(), m_banlist.cend());
+    if (m_advancedSettings)
+        owned.append(m_advancedSettings);
     setBanlist({});
     setName(QString());
     setPassword(QString());
     setAdvancedSettings({});
+    for (const auto &object : owned)
+        object->invalidate();
     super::nilify();
 }
 
@@ -317,7 +214,8 @@ QString ZTAbstractChannel::replacementKeyForWiring(const QString &key) const
 
 bool ZTAbstractChannel::shouldPropagateValueChangesForKey(const QString &key) const
 {
-    return super::shouldPropagateValueChangesForKey(key) && key != QLatin1String("connection");
+    return !m_tearingDown && super::shouldPropagateValueChangesForKey(key) &&
+           key != QLatin1String("connection");
 }
 
 // ---- outgoing commands ----

@@ -16,8 +16,9 @@
 // Ownership: the channel owns its people, bans and advanced settings; its
 // `connection` is a back reference that the connection clears when the
 // channel leaves it. People that leave "users" (by any change of the list)
-// are invalidated; so are the people still present when the channel itself is
-// invalidated or torn down.
+// are invalidated; so are the people, bans and settings still held when the
+// channel itself is invalidated or torn down (which sends nothing to the
+// mirror).
 //
 // Wiring: object-valued keys cross the process boundary as dictionary forms:
 // "users" as "userDictionaries", "banlist" as "banlistDictionaries",
@@ -58,29 +59,11 @@ public:
     ZT_WEAK(ZTAbstractConnection, connection, setConnection)
 
     // ---- people ("users", ordered to-many) ----
-    QList<zt::Ref<ZTAbstractPerson>> users() const;
-    void setUsers(const QList<zt::Ref<ZTAbstractPerson>> &users);
-    void insertUsersAtIndexes(const QList<zt::Ref<ZTAbstractPerson>> &users, const zt::IndexSet &indexes);
-    void removeUsersAtIndexes(const zt::IndexSet &indexes);
-    void replaceUsersAtIndexesWithUsers(const zt::IndexSet &indexes,
-                                        const QList<zt::Ref<ZTAbstractPerson>> &users);
-    //! The announcing view of "users".
-    zt::MutableArrayProxy mutableUsers() { return mutableArrayValueForKey(QStringLiteral("users")); }
+    //! Wired as "userDictionaries" (every user's dictionary, in order);
+    //! converted back with replacementObjectsForUserDictionaries, nil
+    //! leaving the list alone.
+    ZT_WIRED_TO_MANY_OUT_OF_LINE(ZTAbstractPerson, users, Users, userDictionaries, UserDictionaries)
     qsizetype countOfUsers() const { return m_users.size(); }
-    ZT_KEY(users, setUsers)
-    ZT_METHOD("insertUsers:atIndexes:", insertUsersAtIndexes)
-    ZT_METHOD("removeUsersAtIndexes:", removeUsersAtIndexes)
-    ZT_METHOD("replaceUsersAtIndexes:withUsers:", replaceUsersAtIndexesWithUsers)
-    //! Every user's dictionary, in order (the wired form of "users").
-    QVariantList userDictionaries() const;
-    //! Converts with replacementObjectsForUserDictionaries; nil leaves the
-    //! list alone.
-    void setUserDictionaries(const QVariantList &dictionaries);
-    void insertUserDictionariesAtIndexes(const QVariantList &dictionaries, const zt::IndexSet &indexes);
-    void removeUserDictionariesAtIndexes(const zt::IndexSet &indexes);
-    ZT_KEY(userDictionaries, setUserDictionaries)
-    ZT_METHOD("insertUserDictionaries:atIndexes:", insertUserDictionariesAtIndexes)
-    ZT_METHOD("removeUserDictionariesAtIndexes:", removeUserDictionariesAtIndexes)
     //! Abstract: nil. The concrete class makes (or finds by UUID) its people.
     virtual std::optional<QList<zt::Ref<ZTAbstractPerson>>>
     replacementObjectsForUserDictionaries(const QVariantList &dictionaries);
@@ -118,17 +101,7 @@ public:
     ZT_PROPERTY(QVariantList, content, setContent)
 
     // ---- bans ("banlist", ordered to-many) ----
-    QList<zt::Ref<ZTAbstractBan>> banlist() const;
-    void setBanlist(const QList<zt::Ref<ZTAbstractBan>> &bans);
-    void insertBanlistAtIndexes(const QList<zt::Ref<ZTAbstractBan>> &bans, const zt::IndexSet &indexes);
-    void removeBanlistAtIndexes(const zt::IndexSet &indexes);
-    void replaceBanlistAtIndexesWithBanlist(const zt::IndexSet &indexes,
-                                            const QList<zt::Ref<ZTAbstractBan>> &bans);
-    zt::MutableArrayProxy mutableBanlist() { return mutableArrayValueForKey(QStringLiteral("banlist")); }
-    ZT_KEY(banlist, setBanlist)
-    ZT_METHOD("insertBanlist:atIndexes:", insertBanlistAtIndexes)
-    ZT_METHOD("removeBanlistAtIndexes:", removeBanlistAtIndexes)
-    ZT_METHOD("replaceBanlistAtIndexes:withBanlist:", replaceBanlistAtIndexesWithBanlist)
+    ZT_TO_MANY_OUT_OF_LINE(ZTAbstractBan, banlist, Banlist)
     //! Every ban's dictionary, in order.
     QVariantList banlistDictionaries() const;
     //! Does nothing here; the concrete class rebuilds its bans.
@@ -166,10 +139,12 @@ public:
 
     // ---- object life ----
     void init() override;
+    //! Tears down without sending anything (see ZTAbstractConnection::nilify).
     void nilify() override;
     QVariantMap dictionary() const override;
     QString replacementKeyForWiring(const QString &key) const override;
-    //! Every key but "connection" propagates (as the base class decides).
+    //! Every key but "connection" propagates (as the base class decides),
+    //! none while nilify() runs.
     bool shouldPropagateValueChangesForKey(const QString &key) const override;
 
     // ---- protocol actions, performed by the agent's subclass ----
@@ -260,12 +235,9 @@ protected:
     void dealloc() override;
 
 private:
-    //! Invalidates the people of `old` that `now` no longer holds.
-    void invalidateDeparted(const QList<zt::Ref<ZTAbstractPerson>> &old,
-                            const QList<zt::Ref<ZTAbstractPerson>> &now);
+    static void invalidatePeople(const QList<zt::Ref<ZTAbstractPerson>> &people);
 
     zt::Ref<ZTAbstractAdvancedSettings> m_advancedSettings;
-    QList<zt::Ref<ZTAbstractPerson>> m_users;
-    QList<zt::Ref<ZTAbstractBan>> m_banlist;
     QVariant m_highlightDictionaries;
+    bool m_tearingDown = false;
 };

@@ -1,6 +1,7 @@
 #include "model/ztconnection.h"
 
 #include "model/ztidentity.h"
+#include "model/ztmodelsupport.h"
 #include "model/ztnetwork.h"
 #include "model/ztperson.h"
 #include "model/ztsettings.h"
@@ -25,33 +26,6 @@ template<typename T> QVariant dictionaryOf(const zt::Ref<T> &object)
     return object ? QVariant(object->dictionary()) : QVariant();
 }
 
-QVariantList dictionariesOfEntries(const QVariantList &entries)
-{
-    QVariantList out;
-    out.reserve(entries.size());
-    for (const QVariant &entry : entries) {
-        if (auto *object = dynamic_cast<ZTAbstractIPC *>(zt::objectFrom(entry)))
-            out.append(object->dictionary());
-        else
-            out.append(entry);
-    }
-    return out;
-}
-
-//! The indexes at which `list` holds any of `objects`.
-template<typename T>
-zt::IndexSet indexesOfAny(const QList<zt::Ref<T>> &list, const QList<zt::Ref<T>> &objects)
-{
-    QSet<const T *> wanted;
-    for (const auto &object : objects)
-        wanted.insert(object.get());
-    zt::IndexSet found;
-    for (qsizetype i = 0; i < list.size(); ++i)
-        if (wanted.contains(list[i].get()))
-            found.add(quint64(i));
-    return found;
-}
-
 } // namespace
 
 ZTAbstractConnection::ZTAbstractConnection() = default;
@@ -65,56 +39,8 @@ ZTAbstractConnection::replacementObjectsForChannelDictionaries(const QVariantLis
 
 // ---- transfers ----
 
-QList<zt::Ref<ZTAbstractTransfer>> ZTAbstractConnection::transfers() const
-{
-    return m_transfers;
-}
-
-void ZTAbstractConnection::setTransfers(const QList<zt::Ref<ZTAbstractTransfer>> &transfers)
-{
-    setAndNotify(m_transfers, transfers, TransfersKey);
-}
-
-void ZTAbstractConnection::insertTransfersAtIndexes(const QList<zt::Ref<ZTAbstractTransfer>> &transfers,
-                                                    const zt::IndexSet &indexes)
-{
-    zt::detail::insertAtIndexes(this, "insertTransfers:atIndexes:", m_transfers, transfers, indexes);
-}
-
-void ZTAbstractConnection::removeTransfersAtIndexes(const zt::IndexSet &indexes)
-{
-    zt::detail::removeAtIndexes(this, "removeTransfersAtIndexes:", m_transfers, indexes);
-}
-
-void ZTAbstractConnection::replaceTransfersAtIndexesWithTransfers(
-    const zt::IndexSet &indexes, const QList<zt::Ref<ZTAbstractTransfer>> &transfers)
-{
-    zt::detail::replaceAtIndexes(this, "replaceTransfersAtIndexes:withTransfers:", m_transfers, indexes,
-                                 transfers);
-}
-
-QVariantList ZTAbstractConnection::transferDictionaries() const
-{
-    return zt::detail::dictionariesOf(m_transfers);
-}
-
-void ZTAbstractConnection::setTransferDictionaries(const QVariantList &dictionaries)
-{
-    if (auto transfers = replacementObjectsForTransferDictionaries(dictionaries))
-        setTransfers(*transfers);
-}
-
-void ZTAbstractConnection::insertTransferDictionariesAtIndexes(const QVariantList &dictionaries,
-                                                               const zt::IndexSet &indexes)
-{
-    const auto transfers = replacementObjectsForTransferDictionaries(dictionaries);
-    insertTransfersAtLocations(transfers ? *transfers : QList<zt::Ref<ZTAbstractTransfer>>(), indexes);
-}
-
-void ZTAbstractConnection::removeTransferDictionariesAtIndexes(const zt::IndexSet &indexes)
-{
-    removeTransfersAtLocations(indexes);
-}
+ZT_DEFINE_WIRED_TO_MANY(ZTAbstractConnection, ZTAbstractTransfer, transfers, Transfers, transferDictionaries,
+                        TransferDictionaries)
 
 std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
 ZTAbstractConnection::replacementObjectsForTransferDictionaries(const QVariantList &)
@@ -236,7 +162,7 @@ void ZTAbstractConnection::setConsoleDictionary(const QVariant &)
 
 QVariantList ZTAbstractConnection::highlightDictionaries() const
 {
-    return dictionariesOfEntries(m_highlights);
+    return zt::model::dictionariesOfEntries(m_highlights);
 }
 
 void ZTAbstractConnection::setHighlightDictionaries(const QVariantList &dictionaries)
@@ -270,37 +196,14 @@ void ZTAbstractConnection::init()
     // for old values (an insertion copies nothing).
     addObservationToken(VDKVO::observeAtKeyPathOptionsHandler(
         this, ChannelsKey, zt::ObservingOption::Old, [this](zt::Object *, const zt::KVOChange &change) {
-            if (zt::isNilOrNull(change.oldValue))
-                return;
-            const auto old = zt::fromValue<QList<zt::Ref<ZTAbstractChannel>>>(change.oldValue);
-            switch (change.kind) {
-            case zt::KeyValueChange::Removal:
-                invalidateDeparted(old, {});
-                break;
-            case zt::KeyValueChange::Replacement: {
-                QList<zt::Ref<ZTAbstractChannel>> now;
-                for (quint64 i : change.indexes)
-                    if (i < quint64(m_channels.size()))
-                        now.append(m_channels[qsizetype(i)]);
-                invalidateDeparted(old, now);
-                break;
-            }
-            default:
-                invalidateDeparted(old, m_channels);
-                break;
-            }
+            invalidateChannels(zt::model::departedObjects(change, m_channels));
         }));
 }
 
-void ZTAbstractConnection::invalidateDeparted(const QList<zt::Ref<ZTAbstractChannel>> &old,
-                                              const QList<zt::Ref<ZTAbstractChannel>> &now)
+void ZTAbstractConnection::invalidateChannels(const QList<zt::Ref<ZTAbstractChannel>> &channels)
 {
-    QSet<const ZTAbstractChannel *> staying;
-    staying.reserve(now.size());
-    for (const auto &channel : now)
-        staying.insert(channel.get());
-    for (const auto &channel : old) {
-        if (!channel || staying.contains(channel.get()))
+    for (const auto &channel : channels) {
+        if (!channel)
             continue;
         channel->invalidate();
         channel->setConnection(nullptr);
@@ -309,29 +212,52 @@ void ZTAbstractConnection::invalidateDeparted(const QList<zt::Ref<ZTAbstractChan
 
 void ZTAbstractConnection::nilify()
 {
+    // What the connection owns ends with it: the departure observation has
+    // ended by now (invalidate empties the observer set first; teardown
+    // too), so the channels and the console are invalidated here, and so
+    // are the settings, transfers, proxy, identities and a server that no
+    // network lists (a network's server stays the network's).
+    m_tearingDown = true;
+    QList<zt::Ref<ZTAbstractIPC>> owned;
+    auto keep = [&owned](const zt::Ref<ZTAbstractIPC> &object) {
+        if (object && !owned.contains(object))
+            owned.append(object);
+    };
+    keep(m_advancedSettings);
     setAdvancedSettings({});
-    // The departure observation has ended by now (invalidate empties the
-    // observer set first; teardown too): the channels still held are
-    // invalidated here, and so is the console.
     const QList<zt::Ref<ZTAbstractChannel>> held = m_channels;
     setChannels({});
-    invalidateDeparted(held, {});
+    invalidateChannels(held);
+    for (const auto &transfer : m_transfers)
+        keep(transfer);
     setTransfers({});
+    keep(m_proxy);
     setProxy({});
     if (const zt::Ref<ZTAbstractChannel> console = m_console) {
         setConsole({});
-        invalidateDeparted({console}, {});
+        invalidateChannels({console});
     }
     setModes(QString());
+    keep(m_currentIdentity);
     setCurrentIdentity({});
+    keep(m_nextIdentity);
     setNextIdentity({});
+    if (m_server && !(m_server->network() && m_server->network()->servers().contains(m_server)))
+        keep(m_server);
     setServer({});
     setHighlights({});
     setAutoexec({});
     setNickname(QString());
     setAttributes({});
     setChannelList({});
+    for (const auto &object : owned)
+        object->invalidate();
     super::nilify();
+}
+
+bool ZTAbstractConnection::shouldPropagateValueChangesForKey(const QString &key) const
+{
+    return !m_tearingDown && super::shouldPropagateValueChangesForKey(key);
 }
 
 void ZTAbstractConnection::dealloc()
@@ -377,7 +303,7 @@ void ZTAbstractConnection::removeChannel(const zt::Ref<ZTAbstractChannel> &chann
 
 void ZTAbstractConnection::removeChannelsInArray(const QList<zt::Ref<ZTAbstractChannel>> &channels)
 {
-    const zt::IndexSet found = indexesOfAny(m_channels, channels);
+    const zt::IndexSet found = zt::model::indexesOfAny(m_channels, channels);
     if (!found.isEmpty())
         mutableChannels().removeObjectsAtIndexes(found);
 }

@@ -9,10 +9,11 @@
 // writeString …) is empty here: the agent's subclass performs it and the
 // client's forwards it to the agent.
 //
-// Ownership: the connection owns its channels, transfers, server, identities,
-// proxy, settings and console. A channel that leaves "channels" is
-// invalidated and loses its back reference; invalidating (or tearing down)
-// the connection invalidates every channel it still holds.
+// Ownership: the connection owns its channels, transfers, server (unless a
+// network lists it), identities, proxy, settings and console. A channel that
+// leaves "channels" is invalidated and loses its back reference;
+// invalidating (or tearing down) the connection invalidates everything it
+// still owns, and sends nothing to the mirror meanwhile.
 //
 // Dictionary form: the base one ({"description": UUID}); the state reaches
 // the mirror as property changes. Wiring: "server" → "serverDictionary",
@@ -47,25 +48,8 @@ public:
     replacementObjectsForChannelDictionaries(const QVariantList &dictionaries);
 
     // ---- transfers (ordered to-many; wired as "transferDictionaries") ----
-    QList<zt::Ref<ZTAbstractTransfer>> transfers() const;
-    void setTransfers(const QList<zt::Ref<ZTAbstractTransfer>> &transfers);
-    void insertTransfersAtIndexes(const QList<zt::Ref<ZTAbstractTransfer>> &transfers,
-                                  const zt::IndexSet &indexes);
-    void removeTransfersAtIndexes(const zt::IndexSet &indexes);
-    void replaceTransfersAtIndexesWithTransfers(const zt::IndexSet &indexes,
-                                                const QList<zt::Ref<ZTAbstractTransfer>> &transfers);
-    zt::MutableArrayProxy mutableTransfers() { return mutableArrayValueForKey(QStringLiteral("transfers")); }
-    ZT_KEY(transfers, setTransfers)
-    ZT_METHOD("insertTransfers:atIndexes:", insertTransfersAtIndexes)
-    ZT_METHOD("removeTransfersAtIndexes:", removeTransfersAtIndexes)
-    ZT_METHOD("replaceTransfersAtIndexes:withTransfers:", replaceTransfersAtIndexesWithTransfers)
-    QVariantList transferDictionaries() const;
-    void setTransferDictionaries(const QVariantList &dictionaries);
-    void insertTransferDictionariesAtIndexes(const QVariantList &dictionaries, const zt::IndexSet &indexes);
-    void removeTransferDictionariesAtIndexes(const zt::IndexSet &indexes);
-    ZT_KEY(transferDictionaries, setTransferDictionaries)
-    ZT_METHOD("insertTransferDictionaries:atIndexes:", insertTransferDictionariesAtIndexes)
-    ZT_METHOD("removeTransferDictionariesAtIndexes:", removeTransferDictionariesAtIndexes)
+    ZT_WIRED_TO_MANY_OUT_OF_LINE(ZTAbstractTransfer, transfers, Transfers, transferDictionaries,
+                                 TransferDictionaries)
     //! Abstract: nil.
     virtual std::optional<QList<zt::Ref<ZTAbstractTransfer>>>
     replacementObjectsForTransferDictionaries(const QVariantList &dictionaries);
@@ -180,7 +164,11 @@ public:
 
     // ---- object life ----
     void init() override;
+    //! Tears down without sending anything: the mirror is torn down by its
+    //! own owner, and a change sent now would drop its parts uninvalidated.
     void nilify() override;
+    //! The base class's rule, except while nilify() runs.
+    bool shouldPropagateValueChangesForKey(const QString &key) const override;
     QString replacementKeyForWiring(const QString &key) const override;
 
     // ---- channel and transfer bookkeeping (all through the announcing views) ----
@@ -254,11 +242,9 @@ protected:
     void dealloc() override;
 
 private:
-    //! Invalidates the channels of `old` that `now` no longer holds.
-    static void invalidateDeparted(const QList<zt::Ref<ZTAbstractChannel>> &old,
-                                   const QList<zt::Ref<ZTAbstractChannel>> &now);
+    //! Invalidates the channels and clears their back reference.
+    static void invalidateChannels(const QList<zt::Ref<ZTAbstractChannel>> &channels);
 
-    QList<zt::Ref<ZTAbstractTransfer>> m_transfers;
     zt::Ref<ZTAbstractAdvancedSettings> m_advancedSettings;
     zt::Ref<ZTAbstractSelfIdentity> m_currentIdentity;
     zt::Ref<ZTAbstractSelfIdentity> m_nextIdentity;
@@ -266,4 +252,5 @@ private:
     QVariant m_serverDictionary;
     zt::Ref<ZTAbstractProxy> m_proxy;
     QVariant m_highlightDictionaries;
+    bool m_tearingDown = false;
 };

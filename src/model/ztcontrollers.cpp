@@ -2,6 +2,7 @@
 
 #include "core/ztdirectory.h"
 #include "model/ztidentity.h"
+#include "model/ztmodelsupport.h"
 #include "model/ztnetwork.h"
 #include "model/ztperson.h"
 #include "runtime/exception.h"
@@ -18,19 +19,6 @@ namespace {
 const QString ConnectionsKey = QStringLiteral("connections");
 const QString IdentitiesKey = QStringLiteral("identities");
 const QString PseudoPersonsKey = QStringLiteral("pseudoPersons");
-
-template<typename T>
-zt::IndexSet indexesOfAny(const QList<zt::Ref<T>> &list, const QList<zt::Ref<T>> &objects)
-{
-    QSet<const T *> wanted;
-    for (const auto &object : objects)
-        wanted.insert(object.get());
-    zt::IndexSet found;
-    for (qsizetype i = 0; i < list.size(); ++i)
-        if (wanted.contains(list[i].get()))
-            found.add(quint64(i));
-    return found;
-}
 
 bool sameNameIgnoringCase(const QVariant &value, const QString &name)
 {
@@ -67,7 +55,7 @@ void ZTAbstractConnectionController::addConnection(const zt::Ref<ZTAbstractConne
 void ZTAbstractConnectionController::removeConnections(
     const QList<zt::Ref<ZTAbstractConnection>> &connections)
 {
-    const zt::IndexSet found = indexesOfAny(m_connections, connections);
+    const zt::IndexSet found = zt::model::indexesOfAny(m_connections, connections);
     if (!found.isEmpty())
         mutableConnections().removeObjectsAtIndexes(found);
 }
@@ -116,36 +104,15 @@ void ZTAbstractConnectionController::init()
     // as it is now, so it asks only for old values.
     addObservationToken(VDKVO::observeAtKeyPathOptionsHandler(
         this, ConnectionsKey, zt::ObservingOption::Old, [this](zt::Object *, const zt::KVOChange &change) {
-            if (zt::isNilOrNull(change.oldValue))
-                return;
-            const auto old = zt::fromValue<QList<zt::Ref<ZTAbstractConnection>>>(change.oldValue);
-            switch (change.kind) {
-            case zt::KeyValueChange::Removal:
-                invalidateDeparted(old, {});
-                break;
-            case zt::KeyValueChange::Replacement: {
-                QList<zt::Ref<ZTAbstractConnection>> now;
-                for (quint64 i : change.indexes)
-                    if (i < quint64(m_connections.size()))
-                        now.append(m_connections[qsizetype(i)]);
-                invalidateDeparted(old, now);
-                break;
-            }
-            default:
-                invalidateDeparted(old, m_connections);
-                break;
-            }
+            invalidateConnections(zt::model::departedObjects(change, m_connections));
         }));
 }
 
-void ZTAbstractConnectionController::invalidateDeparted(const QList<zt::Ref<ZTAbstractConnection>> &old,
-                                                        const QList<zt::Ref<ZTAbstractConnection>> &now)
+void ZTAbstractConnectionController::invalidateConnections(
+    const QList<zt::Ref<ZTAbstractConnection>> &connections)
 {
-    QSet<const ZTAbstractConnection *> staying;
-    for (const auto &connection : now)
-        staying.insert(connection.get());
-    for (const auto &connection : old)
-        if (connection && !staying.contains(connection.get()))
+    for (const auto &connection : connections)
+        if (connection)
             connection->invalidate();
 }
 
@@ -155,7 +122,7 @@ void ZTAbstractConnectionController::nilify()
     // held are invalidated here.
     const QList<zt::Ref<ZTAbstractConnection>> held = m_connections;
     setConnections({});
-    invalidateDeparted(held, {});
+    invalidateConnections(held);
     super::nilify();
 }
 
@@ -187,56 +154,8 @@ QString ZTAbstractConnectionController::replacementKeyForWiring(const QString &k
 ZTAbstractIdentityController::ZTAbstractIdentityController() = default;
 ZTAbstractIdentityController::~ZTAbstractIdentityController() = default;
 
-QList<zt::Ref<ZTAbstractSelfIdentity>> ZTAbstractIdentityController::identities() const
-{
-    return m_identities;
-}
-
-void ZTAbstractIdentityController::setIdentities(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities)
-{
-    setAndNotify(m_identities, identities, IdentitiesKey);
-}
-
-void ZTAbstractIdentityController::insertIdentitiesAtIndexes(
-    const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities, const zt::IndexSet &indexes)
-{
-    zt::detail::insertAtIndexes(this, "insertIdentities:atIndexes:", m_identities, identities, indexes);
-}
-
-void ZTAbstractIdentityController::removeIdentitiesAtIndexes(const zt::IndexSet &indexes)
-{
-    zt::detail::removeAtIndexes(this, "removeIdentitiesAtIndexes:", m_identities, indexes);
-}
-
-void ZTAbstractIdentityController::replaceIdentitiesAtIndexesWithIdentities(
-    const zt::IndexSet &indexes, const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities)
-{
-    zt::detail::replaceAtIndexes(this, "replaceIdentitiesAtIndexes:withIdentities:", m_identities, indexes,
-                                 identities);
-}
-
-QVariantList ZTAbstractIdentityController::identityDictionaries() const
-{
-    return zt::detail::dictionariesOf(m_identities);
-}
-
-void ZTAbstractIdentityController::setIdentityDictionaries(const QVariantList &dictionaries)
-{
-    if (auto identities = replacementObjectsForIdentityDictionaries(dictionaries))
-        setIdentities(*identities);
-}
-
-void ZTAbstractIdentityController::insertIdentityDictionariesAtIndexes(const QVariantList &dictionaries,
-                                                                       const zt::IndexSet &indexes)
-{
-    const auto identities = replacementObjectsForIdentityDictionaries(dictionaries);
-    insertIdentitiesAtLocations(identities ? *identities : QList<zt::Ref<ZTAbstractSelfIdentity>>(), indexes);
-}
-
-void ZTAbstractIdentityController::removeIdentityDictionariesAtIndexes(const zt::IndexSet &indexes)
-{
-    removeIdentitiesAtLocations(indexes);
-}
+ZT_DEFINE_WIRED_TO_MANY(ZTAbstractIdentityController, ZTAbstractSelfIdentity, identities, Identities,
+                        identityDictionaries, IdentityDictionaries)
 
 std::optional<QList<zt::Ref<ZTAbstractSelfIdentity>>>
 ZTAbstractIdentityController::replacementObjectsForIdentityDictionaries(const QVariantList &)
@@ -254,7 +173,7 @@ void ZTAbstractIdentityController::addIdentity(const zt::Ref<ZTAbstractSelfIdent
 
 void ZTAbstractIdentityController::removeIdentities(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities)
 {
-    const zt::IndexSet found = indexesOfAny(m_identities, identities);
+    const zt::IndexSet found = zt::model::indexesOfAny(m_identities, identities);
     if (!found.isEmpty())
         mutableIdentities().removeObjectsAtIndexes(found);
 }
@@ -281,8 +200,19 @@ void ZTAbstractIdentityController::init()
     setIdentities({});
 }
 
+void ZTAbstractIdentityController::nilify()
+{
+    // Without announcing: the mirror's list ends with the mirror.
+    const QList<zt::Ref<ZTAbstractSelfIdentity>> held = std::exchange(m_identities, {});
+    for (const auto &identity : held)
+        identity->invalidate();
+    super::nilify();
+}
+
 void ZTAbstractIdentityController::dealloc()
 {
+    Q_ASSERT_X(!inDirectory(), "ZTAbstractIdentityController",
+               "a controller must be invalidated before it is freed");
     m_identities.clear();
     super::dealloc();
 }
@@ -308,59 +238,8 @@ QString ZTAbstractIdentityController::replacementKeyForWiring(const QString &key
 ZTAbstractPersonListController::ZTAbstractPersonListController() = default;
 ZTAbstractPersonListController::~ZTAbstractPersonListController() = default;
 
-QList<zt::Ref<ZTAbstractPseudoPerson>> ZTAbstractPersonListController::pseudoPersons() const
-{
-    return m_pseudoPersons;
-}
-
-void ZTAbstractPersonListController::setPseudoPersons(
-    const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons)
-{
-    setAndNotify(m_pseudoPersons, pseudoPersons, PseudoPersonsKey);
-}
-
-void ZTAbstractPersonListController::insertPseudoPersonsAtIndexes(
-    const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons, const zt::IndexSet &indexes)
-{
-    zt::detail::insertAtIndexes(this, "insertPseudoPersons:atIndexes:", m_pseudoPersons, pseudoPersons,
-                                indexes);
-}
-
-void ZTAbstractPersonListController::removePseudoPersonsAtIndexes(const zt::IndexSet &indexes)
-{
-    zt::detail::removeAtIndexes(this, "removePseudoPersonsAtIndexes:", m_pseudoPersons, indexes);
-}
-
-void ZTAbstractPersonListController::replacePseudoPersonsAtIndexesWithPseudoPersons(
-    const zt::IndexSet &indexes, const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons)
-{
-    zt::detail::replaceAtIndexes(this, "replacePseudoPersonsAtIndexes:withPseudoPersons:", m_pseudoPersons,
-                                 indexes, pseudoPersons);
-}
-
-QVariantList ZTAbstractPersonListController::pseudoPersonDictionaries() const
-{
-    return zt::detail::dictionariesOf(m_pseudoPersons);
-}
-
-void ZTAbstractPersonListController::setPseudoPersonDictionaries(const QVariantList &dictionaries)
-{
-    if (auto pseudoPersons = replacementObjectsForPseudoPersonDictionaries(dictionaries))
-        setPseudoPersons(*pseudoPersons);
-}
-
-void ZTAbstractPersonListController::insertPseudoPersonDictionariesAtIndexes(const QVariantList &dictionaries,
-                                                                             const zt::IndexSet &indexes)
-{
-    const auto pseudoPersons = replacementObjectsForPseudoPersonDictionaries(dictionaries);
-    insertPseudoPersonsAtLocations(pseudoPersons ? *pseudoPersons : QList<zt::Ref<ZTAbstractPseudoPerson>>(),
-                                   indexes);
-}
-
-void ZTAbstractPersonListController::removePseudoPersonDictionariesAtIndexes(const zt::IndexSet &indexes)
-{
-    removePseudoPersonsAtLocations(indexes);
-}
+ZT_DEFINE_WIRED_TO_MANY(ZTAbstractPersonListController, ZTAbstractPseudoPerson, pseudoPersons, PseudoPersons,
+                        pseudoPersonDictionaries, PseudoPersonDictionaries)
 
 std::optional<QList<zt::Ref<ZTAbstractPseudoPerson>>>
 ZTAbstractPersonListController::replacementObjectsForPseudoPersonDictionaries(const QVariantList &)
@@ -382,7 +261,7 @@ void ZTAbstractPersonListController::removePseudoPerson(const zt::Ref<ZTAbstract
 void ZTAbstractPersonListController::removePseudoPersons(
     const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons)
 {
-    const zt::IndexSet found = indexesOfAny(m_pseudoPersons, pseudoPersons);
+    const zt::IndexSet found = zt::model::indexesOfAny(m_pseudoPersons, pseudoPersons);
     if (!found.isEmpty())
         mutablePseudoPersons().removeObjectsAtIndexes(found);
 }
@@ -500,8 +379,19 @@ void ZTAbstractPersonListController::init()
         }));
 }
 
+void ZTAbstractPersonListController::nilify()
+{
+    // Without announcing: the mirror's list ends with the mirror.
+    const QList<zt::Ref<ZTAbstractPseudoPerson>> held = std::exchange(m_pseudoPersons, {});
+    for (const auto &pseudoPerson : held)
+        pseudoPerson->invalidate();
+    super::nilify();
+}
+
 void ZTAbstractPersonListController::dealloc()
 {
+    Q_ASSERT_X(!inDirectory(), "ZTAbstractPersonListController",
+               "a controller must be invalidated before it is freed");
     m_pseudoPersons.clear();
     super::dealloc();
 }
@@ -509,6 +399,13 @@ void ZTAbstractPersonListController::dealloc()
 QString ZTAbstractPersonListController::staticUUID() const
 {
     return QStringLiteral("NetworkDirectory");
+}
+
+bool ZTAbstractPersonListController::shouldPropagateValueChangesForKey(const QString &key) const
+{
+    const bool lostItsUUID =
+        inDirectory() && ZTDirectory::sharedInstance()->objectWithID(description()).get() != this;
+    return !lostItsUUID && super::shouldPropagateValueChangesForKey(key);
 }
 
 QString ZTAbstractPersonListController::replacementKeyForWiring(const QString &key) const

@@ -65,8 +65,7 @@ protected:
     void dealloc() override;
 
 private:
-    static void invalidateDeparted(const QList<zt::Ref<ZTAbstractConnection>> &old,
-                                   const QList<zt::Ref<ZTAbstractConnection>> &now);
+    static void invalidateConnections(const QList<zt::Ref<ZTAbstractConnection>> &connections);
 };
 
 class ZT_EXPORT ZTAbstractIdentityController : public ZTAbstractIPC
@@ -76,28 +75,8 @@ public:
     ZTAbstractIdentityController();
     ~ZTAbstractIdentityController() override;
 
-    QList<zt::Ref<ZTAbstractSelfIdentity>> identities() const;
-    void setIdentities(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities);
-    void insertIdentitiesAtIndexes(const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities,
-                                   const zt::IndexSet &indexes);
-    void removeIdentitiesAtIndexes(const zt::IndexSet &indexes);
-    void replaceIdentitiesAtIndexesWithIdentities(const zt::IndexSet &indexes,
-                                                  const QList<zt::Ref<ZTAbstractSelfIdentity>> &identities);
-    zt::MutableArrayProxy mutableIdentities()
-    {
-        return mutableArrayValueForKey(QStringLiteral("identities"));
-    }
-    ZT_KEY(identities, setIdentities)
-    ZT_METHOD("insertIdentities:atIndexes:", insertIdentitiesAtIndexes)
-    ZT_METHOD("removeIdentitiesAtIndexes:", removeIdentitiesAtIndexes)
-    ZT_METHOD("replaceIdentitiesAtIndexes:withIdentities:", replaceIdentitiesAtIndexesWithIdentities)
-    QVariantList identityDictionaries() const;
-    void setIdentityDictionaries(const QVariantList &dictionaries);
-    void insertIdentityDictionariesAtIndexes(const QVariantList &dictionaries, const zt::IndexSet &indexes);
-    void removeIdentityDictionariesAtIndexes(const zt::IndexSet &indexes);
-    ZT_KEY(identityDictionaries, setIdentityDictionaries)
-    ZT_METHOD("insertIdentityDictionaries:atIndexes:", insertIdentityDictionariesAtIndexes)
-    ZT_METHOD("removeIdentityDictionariesAtIndexes:", removeIdentityDictionariesAtIndexes)
+    ZT_WIRED_TO_MANY_OUT_OF_LINE(ZTAbstractSelfIdentity, identities, Identities, identityDictionaries,
+                                 IdentityDictionaries)
     //! Abstract: raises "Abstract method" ("Implement
     //! -replacementObjectsForIdentityDictionaries: in <class>").
     virtual std::optional<QList<zt::Ref<ZTAbstractSelfIdentity>>>
@@ -117,6 +96,9 @@ public:
     ZT_METHOD("removeIdentitiesAtLocations:", removeIdentitiesAtLocations)
 
     void init() override;
+    //! Invalidates the identities still held: they end with the controller
+    //! (its removals leave them valid).
+    void nilify() override;
     QString staticUUID() const override;
     //! Only "identities" propagates.
     bool shouldPropagateValueChangesForKey(const QString &key) const override;
@@ -124,9 +106,6 @@ public:
 
 protected:
     void dealloc() override;
-
-private:
-    QList<zt::Ref<ZTAbstractSelfIdentity>> m_identities;
 };
 
 class ZT_EXPORT ZTAbstractPersonListController : public ZTAbstractIPC
@@ -136,31 +115,9 @@ public:
     ZTAbstractPersonListController();
     ~ZTAbstractPersonListController() override;
 
-    QList<zt::Ref<ZTAbstractPseudoPerson>> pseudoPersons() const;
-    void setPseudoPersons(const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons);
-    void insertPseudoPersonsAtIndexes(const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons,
-                                      const zt::IndexSet &indexes);
-    void removePseudoPersonsAtIndexes(const zt::IndexSet &indexes);
-    void replacePseudoPersonsAtIndexesWithPseudoPersons(
-        const zt::IndexSet &indexes, const QList<zt::Ref<ZTAbstractPseudoPerson>> &pseudoPersons);
-    zt::MutableArrayProxy mutablePseudoPersons()
-    {
-        return mutableArrayValueForKey(QStringLiteral("pseudoPersons"));
-    }
-    ZT_KEY(pseudoPersons, setPseudoPersons)
-    ZT_METHOD("insertPseudoPersons:atIndexes:", insertPseudoPersonsAtIndexes)
-    ZT_METHOD("removePseudoPersonsAtIndexes:", removePseudoPersonsAtIndexes)
-    ZT_METHOD("replacePseudoPersonsAtIndexes:withPseudoPersons:",
-              replacePseudoPersonsAtIndexesWithPseudoPersons)
-    QVariantList pseudoPersonDictionaries() const;
-    //! nil conversion leaves the list unchanged.
-    void setPseudoPersonDictionaries(const QVariantList &dictionaries);
-    void insertPseudoPersonDictionariesAtIndexes(const QVariantList &dictionaries,
-                                                 const zt::IndexSet &indexes);
-    void removePseudoPersonDictionariesAtIndexes(const zt::IndexSet &indexes);
-    ZT_KEY(pseudoPersonDictionaries, setPseudoPersonDictionaries)
-    ZT_METHOD("insertPseudoPersonDictionaries:atIndexes:", insertPseudoPersonDictionariesAtIndexes)
-    ZT_METHOD("removePseudoPersonDictionariesAtIndexes:", removePseudoPersonDictionariesAtIndexes)
+    //! A nil conversion leaves the list unchanged.
+    ZT_WIRED_TO_MANY_OUT_OF_LINE(ZTAbstractPseudoPerson, pseudoPersons, PseudoPersons,
+                                 pseudoPersonDictionaries, PseudoPersonDictionaries)
     //! Abstract: nil.
     virtual std::optional<QList<zt::Ref<ZTAbstractPseudoPerson>>>
     replacementObjectsForPseudoPersonDictionaries(const QVariantList &dictionaries);
@@ -214,12 +171,16 @@ public:
     ZT_READONLY_KEY(ruleController)
 
     void init() override;
+    //! Invalidates the pseudo-persons still held.
+    void nilify() override;
     QString staticUUID() const override;
+    //! The base class's rule, unless another object holds this controller's
+    //! UUID in the directory: one that lost the UUID to the network
+    //! directory would address the directory's mirror, so it keeps its
+    //! changes local.
+    bool shouldPropagateValueChangesForKey(const QString &key) const override;
     QString replacementKeyForWiring(const QString &key) const override;
 
 protected:
     void dealloc() override;
-
-private:
-    QList<zt::Ref<ZTAbstractPseudoPerson>> m_pseudoPersons;
 };

@@ -1,10 +1,25 @@
 #include "model/ztmodelsupport.h"
 
+#include "core/ztabstractipc.h"
+
 #include <QCoreApplication>
 #include <QHash>
 #include <QReadWriteLock>
 
 namespace zt::model {
+
+QVariantList dictionariesOfEntries(const QVariantList &entries)
+{
+    QVariantList out;
+    out.reserve(entries.size());
+    for (const QVariant &entry : entries) {
+        if (auto *object = dynamic_cast<ZTAbstractIPC *>(zt::objectFrom(entry)))
+            out.append(object->dictionary());
+        else
+            out.append(entry);
+    }
+    return out;
+}
 
 QString localizedString(const char *key)
 {

@@ -11,7 +11,11 @@
 // application registers them at start-up. An unregistered transformer
 // answers nil.
 
+#include "runtime/kvo.h"
+#include "runtime/ref.h"
 #include "runtime/value.h"
+
+#include <QSet>
 
 #include <functional>
 
@@ -29,5 +33,46 @@ inline constexpr char StatusImageTransformerName[] = "ZTStatusImageTransformer";
 ZT_EXPORT void setValueTransformer(const QString &name, ValueTransformer transformer);
 //! The transformed value, or nil when no transformer has that name.
 ZT_EXPORT QVariant transformedValue(const QString &name, const QVariant &value);
+
+//! The objects that a change of an ordered to-many list, observed with its
+//! old values, takes out of the list (`now` is the list after the change):
+//! every old object, except, for a replacement, the replacing objects and,
+//! for any other change, the objects still held.
+//! The indexes at which `list` holds any of `objects`.
+template<typename T> IndexSet indexesOfAny(const QList<Ref<T>> &list, const QList<Ref<T>> &objects)
+{
+    QSet<const T *> wanted;
+    for (const Ref<T> &object : objects)
+        wanted.insert(object.get());
+    IndexSet found;
+    for (qsizetype i = 0; i < list.size(); ++i)
+        if (wanted.contains(list[i].get()))
+            found.add(quint64(i));
+    return found;
+}
+
+//! The wired form of a list of highlight entries: a model object's
+//! dictionary form, a plain value as it is.
+ZT_EXPORT QVariantList dictionariesOfEntries(const QVariantList &entries);
+
+template<typename T> QList<Ref<T>> departedObjects(const KVOChange &change, const QList<Ref<T>> &now)
+{
+    if (isNilOrNull(change.oldValue) || change.kind == KeyValueChange::Insertion)
+        return {};
+    QSet<const T *> staying;
+    if (change.kind == KeyValueChange::Replacement) {
+        for (quint64 i : change.indexes)
+            if (i < quint64(now.size()))
+                staying.insert(now[qsizetype(i)].get());
+    } else if (change.kind != KeyValueChange::Removal) {
+        for (const Ref<T> &object : now)
+            staying.insert(object.get());
+    }
+    QList<Ref<T>> departed;
+    for (const Ref<T> &object : fromValue<QList<Ref<T>>>(change.oldValue))
+        if (object && !staying.contains(object.get()))
+            departed.append(object);
+    return departed;
+}
 
 } // namespace zt::model

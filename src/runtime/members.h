@@ -31,6 +31,10 @@
 //       "removeWiredAtIndexes:", converted back through the class's
 //       `std::optional<QList<Ref<Type>>> replacementObjectsForWired(const
 //       QVariantList &)`; nil (nullopt) leaves the list alone in the setter.
+//   ZT_TO_MANY_OUT_OF_LINE / ZT_WIRED_TO_MANY_OUT_OF_LINE (same arguments)
+//       the same members when the header only declares Type: the accessors
+//       are defined in the source file by ZT_DEFINE_TO_MANY(Class, ...) /
+//       ZT_DEFINE_WIRED_TO_MANY(Class, ...).
 //   ZT_METHOD("selector:", function)  /  ZT_ACTION("selector:", function)
 //       a method reachable by selector; an action is one that the other
 //       process may call (a forwarded call), nothing else is.
@@ -151,6 +155,14 @@ private:                                                                        
                                                                                                              \
 public:
 
+// Without an initializer: a list of a type the header only declares may not
+// be value-initialized where the class is defined.
+#define ZT_LIST_FIELD(Type, key)                                                                             \
+private:                                                                                                     \
+    QList<::zt::Ref<Type>> m_##key;                                                                          \
+                                                                                                             \
+public:
+
 #define ZT_PROPERTY_SETTER(Type, key, Setter)                                                                \
     void Setter(::zt::detail::ParamOf<Type> value)                                                           \
     {                                                                                                        \
@@ -218,33 +230,71 @@ public:
         b.dependency(key, ::zt::detail::keyPathList({__VA_ARGS__}));                                         \
     }
 
-#define ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                 \
-    QList<::zt::Ref<Type>> key() const                                                                       \
+// The accessor bodies; Scope is empty in the class body and `Class::` in a
+// source file (the out-of-line forms below).
+#define ZT_TO_MANY_BODIES(Scope, Type, key, Key)                                                             \
+    QList<::zt::Ref<Type>> Scope key() const                                                                 \
     {                                                                                                        \
         return m_##key;                                                                                      \
     }                                                                                                        \
-    void insert##Key##AtIndexes(const QList<::zt::Ref<Type>> &objects, const ::zt::IndexSet &indexes)        \
+    void Scope insert##Key##AtIndexes(const QList<::zt::Ref<Type>> &objects, const ::zt::IndexSet &indexes)  \
     {                                                                                                        \
         ::zt::detail::insertAtIndexes(this, "insert" #Key ":atIndexes:", m_##key, objects, indexes);         \
     }                                                                                                        \
-    void remove##Key##AtIndexes(const ::zt::IndexSet &indexes)                                               \
+    void Scope remove##Key##AtIndexes(const ::zt::IndexSet &indexes)                                         \
     {                                                                                                        \
         ::zt::detail::removeAtIndexes(this, "remove" #Key "AtIndexes:", m_##key, indexes);                   \
     }                                                                                                        \
-    void replace##Key##AtIndexesWith##Key(const ::zt::IndexSet &indexes,                                     \
-                                          const QList<::zt::Ref<Type>> &objects)                             \
+    void Scope replace##Key##AtIndexesWith##Key(const ::zt::IndexSet &indexes,                               \
+                                                const QList<::zt::Ref<Type>> &objects)                       \
     {                                                                                                        \
         ::zt::detail::replaceAtIndexes(this, "replace" #Key "AtIndexes:with" #Key ":", m_##key, indexes,     \
                                        objects);                                                             \
     }                                                                                                        \
-    void set##Key(const QList<::zt::Ref<Type>> &objects)                                                     \
+    void Scope set##Key(const QList<::zt::Ref<Type>> &objects)                                               \
     {                                                                                                        \
         setAndNotify(m_##key, objects, QStringLiteral(#key));                                                \
+    }
+
+#define ZT_WIRED_BODIES(Scope, Type, key, Key, wired, Wired)                                                 \
+    QVariantList Scope wired() const                                                                         \
+    {                                                                                                        \
+        return ::zt::detail::dictionariesOf(m_##key);                                                        \
     }                                                                                                        \
+    void Scope set##Wired(const QVariantList &dictionaries)                                                  \
+    {                                                                                                        \
+        if (std::optional<QList<::zt::Ref<Type>>> objects = replacementObjectsFor##Wired(dictionaries))      \
+            set##Key(*objects);                                                                              \
+    }                                                                                                        \
+    void Scope insert##Wired##AtIndexes(const QVariantList &dictionaries, const ::zt::IndexSet &indexes)     \
+    {                                                                                                        \
+        const std::optional<QList<::zt::Ref<Type>>> objects = replacementObjectsFor##Wired(dictionaries);    \
+        mutable##Key().insertObjectsAtIndexes(                                                               \
+            objects ? ::zt::detail::objectValues(*objects) : QVariantList(), indexes);                       \
+    }                                                                                                        \
+    void Scope remove##Wired##AtIndexes(const ::zt::IndexSet &indexes)                                       \
+    {                                                                                                        \
+        mutable##Key().removeObjectsAtIndexes(indexes);                                                      \
+    }
+
+#define ZT_TO_MANY_MUTABLE(key, Key)                                                                         \
     ::zt::MutableArrayProxy mutable##Key()                                                                   \
     {                                                                                                        \
         return mutableArrayValueForKey(QStringLiteral(#key));                                                \
     }
+
+#define ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                 \
+    ZT_TO_MANY_BODIES(, Type, key, Key)                                                                      \
+    ZT_TO_MANY_MUTABLE(key, Key)
+
+#define ZT_TO_MANY_DECLARATIONS(Type, key, Key)                                                              \
+    QList<::zt::Ref<Type>> key() const;                                                                      \
+    void insert##Key##AtIndexes(const QList<::zt::Ref<Type>> &objects, const ::zt::IndexSet &indexes);       \
+    void remove##Key##AtIndexes(const ::zt::IndexSet &indexes);                                              \
+    void replace##Key##AtIndexesWith##Key(const ::zt::IndexSet &indexes,                                     \
+                                          const QList<::zt::Ref<Type>> &objects);                            \
+    void set##Key(const QList<::zt::Ref<Type>> &objects);                                                    \
+    ZT_TO_MANY_MUTABLE(key, Key)
 
 #define ZT_TO_MANY_REGISTER(b, key, Key)                                                                     \
     b.property(#key, &zt_self::key, &zt_self::set##Key);                                                     \
@@ -256,32 +306,36 @@ public:
     ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                     \
     ZT_DECLARED_MEMBER(b){ZT_TO_MANY_REGISTER(b, key, Key)} ZT_PROPERTY_FIELD(QList<::zt::Ref<Type>>, key)
 
+#define ZT_WIRED_REGISTER(b, key, Key, wired, Wired)                                                         \
+    ZT_TO_MANY_REGISTER(b, key, Key)                                                                         \
+    b.property(#wired, &zt_self::wired, &zt_self::set##Wired);                                               \
+    b.method("insert" #Wired ":atIndexes:", &zt_self::insert##Wired##AtIndexes);                             \
+    b.method("remove" #Wired "AtIndexes:", &zt_self::remove##Wired##AtIndexes);
+
 #define ZT_WIRED_TO_MANY(Type, key, Key, wired, Wired)                                                       \
     ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                     \
-    QVariantList wired() const                                                                               \
-    {                                                                                                        \
-        return ::zt::detail::dictionariesOf(m_##key);                                                        \
-    }                                                                                                        \
-    void set##Wired(const QVariantList &dictionaries)                                                        \
-    {                                                                                                        \
-        if (std::optional<QList<::zt::Ref<Type>>> objects = replacementObjectsFor##Wired(dictionaries))      \
-            set##Key(*objects);                                                                              \
-    }                                                                                                        \
-    void insert##Wired##AtIndexes(const QVariantList &dictionaries, const ::zt::IndexSet &indexes)           \
-    {                                                                                                        \
-        const std::optional<QList<::zt::Ref<Type>>> objects = replacementObjectsFor##Wired(dictionaries);    \
-        mutable##Key().insertObjectsAtIndexes(                                                               \
-            objects ? ::zt::detail::objectValues(*objects) : QVariantList(), indexes);                       \
-    }                                                                                                        \
-    void remove##Wired##AtIndexes(const ::zt::IndexSet &indexes)                                             \
-    {                                                                                                        \
-        mutable##Key().removeObjectsAtIndexes(indexes);                                                      \
-    }                                                                                                        \
-    ZT_DECLARED_MEMBER(b)                                                                                    \
-    {                                                                                                        \
-        ZT_TO_MANY_REGISTER(b, key, Key)                                                                     \
-        b.property(#wired, &zt_self::wired, &zt_self::set##Wired);                                           \
-        b.method("insert" #Wired ":atIndexes:", &zt_self::insert##Wired##AtIndexes);                         \
-        b.method("remove" #Wired "AtIndexes:", &zt_self::remove##Wired##AtIndexes);                          \
-    }                                                                                                        \
-    ZT_PROPERTY_FIELD(QList<::zt::Ref<Type>>, key)
+    ZT_WIRED_BODIES(, Type, key, Key, wired, Wired)                                                          \
+    ZT_DECLARED_MEMBER(b){ZT_WIRED_REGISTER(b, key, Key, wired, Wired)} ZT_PROPERTY_FIELD(                   \
+        QList<::zt::Ref<Type>>, key)
+
+// Out-of-line forms, for element classes that the header only declares: the
+// class body has ZT_TO_MANY_OUT_OF_LINE / ZT_WIRED_TO_MANY_OUT_OF_LINE, the
+// source file ZT_DEFINE_TO_MANY / ZT_DEFINE_WIRED_TO_MANY with the same
+// arguments after the class name.
+#define ZT_TO_MANY_OUT_OF_LINE(Type, key, Key)                                                               \
+    ZT_TO_MANY_DECLARATIONS(Type, key, Key)                                                                  \
+    ZT_DECLARED_MEMBER(b){ZT_TO_MANY_REGISTER(b, key, Key)} ZT_LIST_FIELD(Type, key)
+
+#define ZT_WIRED_TO_MANY_OUT_OF_LINE(Type, key, Key, wired, Wired)                                           \
+    ZT_TO_MANY_DECLARATIONS(Type, key, Key)                                                                  \
+    QVariantList wired() const;                                                                              \
+    void set##Wired(const QVariantList &dictionaries);                                                       \
+    void insert##Wired##AtIndexes(const QVariantList &dictionaries, const ::zt::IndexSet &indexes);          \
+    void remove##Wired##AtIndexes(const ::zt::IndexSet &indexes);                                            \
+    ZT_DECLARED_MEMBER(b){ZT_WIRED_REGISTER(b, key, Key, wired, Wired)} ZT_LIST_FIELD(Type, key)
+
+#define ZT_DEFINE_TO_MANY(Class, Type, key, Key) ZT_TO_MANY_BODIES(Class::, Type, key, Key)
+
+#define ZT_DEFINE_WIRED_TO_MANY(Class, Type, key, Key, wired, Wired)                                         \
+    ZT_TO_MANY_BODIES(Class::, Type, key, Key)                                                               \
+    ZT_WIRED_BODIES(Class::, Type, key, Key, wired, Wired)

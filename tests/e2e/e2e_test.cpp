@@ -29,7 +29,7 @@ const QString mirrored = QStringLiteral(R"([client] mirroring the connection con
 [client] joined #qt (topic: Qt 6)
 [client] dave joined #qt (~@)
 [client] #zintaro topic: Split-process IRC, correct to the last byte
-[client] alice is away: lunch
+[client] alice is away
 [client] bob is now known as bobby
 [client] carol left #zintaro
 [client] #zintaro unread lines: 2

@@ -21,6 +21,7 @@
 #include "runtime/process.h"
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QTextStream>
 #include <QTimer>
 
@@ -32,24 +33,48 @@ struct Agent : ZTAgentHostDelegate
 {
     ScenarioContext ctx;
     bool ran = false;
+    QList<ScenarioStep> steps;
+    ZTAgentHost *host = nullptr;
 
-    void hostDidRegisterClient(ZTAgentHost *host, VDConnection *) override
+    void hostDidRegisterClient(ZTAgentHost *h, VDConnection *) override
     {
         if (std::exchange(ran, true))
             return;
-        qint64 count = 0;
-        for (const ScenarioFamily &family : scenarioFamilies()) {
-            for (const ScenarioStep &step : family.steps()) {
-                try {
-                    step.run(ctx);
-                } catch (const zt::Exception &e) {
-                    QTextStream(stderr) << step.name << ": " << e.name() << ": " << e.reason() << Qt::endl;
-                }
-                host->counterpart()->perform("agentCompletedStep:snapshot:", {step.name, ctx.snapshot()});
-                ++count;
-            }
+        host = h;
+        ctx.tellClient = [h](const char *selector, const QVariantList &arguments) {
+            h->counterpart()->perform(selector, arguments);
+        };
+        for (const ScenarioFamily &family : scenarioFamilies())
+            steps += family.steps();
+        runFrom(0);
+    }
+    void runFrom(qsizetype index)
+    {
+        if (index == steps.size()) {
+            host->counterpart()->perform("agentFinished:", {qint64(steps.size())});
+            return;
         }
-        host->counterpart()->perform("agentFinished:", {count});
+        try {
+            steps[index].run(ctx);
+        } catch (const zt::Exception &e) {
+            QTextStream(stderr) << steps[index].name << ": " << e.name() << ": " << e.reason() << Qt::endl;
+        }
+        finish(index, QDeadlineTimer(5000));
+    }
+    // A step with `until` waits for it on the event loop (the client acts
+    // back), for at most five seconds.
+    void finish(qsizetype index, QDeadlineTimer deadline)
+    {
+        const ScenarioStep &step = steps[index];
+        if (step.until && !step.until(ctx)) {
+            if (!deadline.hasExpired()) {
+                QTimer::singleShot(5, [this, index, deadline] { finish(index, deadline); });
+                return;
+            }
+            QTextStream(stderr) << step.name << ": timed out" << Qt::endl;
+        }
+        host->counterpart()->perform("agentCompletedStep:snapshot:", {step.name, ctx.snapshot()});
+        runFrom(index + 1);
     }
     void hostDidLoseClient(ZTAgentHost *host, VDConnection *) override
     {
@@ -115,16 +140,28 @@ void ScenarioClientRoot::agentCompletedStepSnapshot(const QString &step, const Q
 {
     QStringList differences;
     for (auto it = snapshot.cbegin(); it != snapshot.cend(); ++it) {
+        if (it.key() == QLatin1String(GoneEntry)) {
+            for (const QVariant &uuid : it.value().toList())
+                if (ZTDirectory::sharedInstance()->objectWithID(uuid.toString()))
+                    differences.append(uuid.toString() + QStringLiteral(": still in the directory"));
+            continue;
+        }
         zt::Ref<ZTAbstractIPC> mirror = ZTDirectory::sharedInstance()->objectWithID(it.key());
         if (!mirror)
             differences.append(it.key() + QStringLiteral(": no mirror"));
         else
-            differences += zt::apps::describeDifferences(it.value(), mirror->dictionary(), it.key());
+            differences += zt::apps::describeDifferences(it.value(), comparedForm(mirror.get()), it.key());
     }
     out << "STEP " << step << (differences.isEmpty() ? ": OK" : ": MISMATCH") << '\n';
     for (const QString &d : differences)
         out << "  " << d << '\n';
     out.flush();
+}
+
+void ScenarioClientRoot::agentAsksClientToPerformOnObjectWithID(const QString &selector, const QString &uuid)
+{
+    if (zt::Ref<ZTAbstractIPC> mirror = ZTDirectory::sharedInstance()->objectWithID(uuid))
+        mirror->perform(zt::Selector(selector.toLatin1()));
 }
 
 void ScenarioClientRoot::agentFinished(qint64 steps)

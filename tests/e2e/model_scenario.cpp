@@ -1,7 +1,10 @@
 #include "model_scenario.h"
 
+#include "core/ztdirectory.h"
 #include "core/ztrootobject.h"
 #include "network_classes.h"
+
+#include <QTextStream>
 
 ZT_DEFINE_CLASS(ScenarioRoot)
 
@@ -10,6 +13,7 @@ const QList<ScenarioFamily> &scenarioFamilies()
     static const QList<ScenarioFamily> families = {
         {networkSteps, networkBuilders},
         {peopleSteps, peopleBuilders},
+        {chatSteps, chatBuilders, chatComparedKeys},
     };
     return families;
 }
@@ -31,6 +35,7 @@ const zt::Protocol &scenarioClientProtocol()
         zt::Protocol p = ZTRootObject::clientRootProtocol();
         p.addMethod("agentCompletedStep:snapshot:", zt::MethodSignature::fromTypes("v@:@@"));
         p.addMethod("agentFinished:", zt::MethodSignature::fromTypes("v@:@"));
+        p.addMethod("agentAsksClientToPerform:onObjectWithID:", zt::MethodSignature::fromTypes("v@:@@"));
         return p;
     }();
     return protocol;
@@ -111,11 +116,28 @@ void ScenarioContext::forget(const ZTAbstractIPC *object)
     tracked.removeIf([object](const zt::Ref<ZTAbstractIPC> &o) { return o.get() == object; });
 }
 
+QVariantMap comparedForm(const ZTAbstractIPC *object)
+{
+    QVariantMap form = object->dictionary();
+    for (const ScenarioFamily &family : scenarioFamilies()) {
+        if (!family.comparedKeys)
+            continue;
+        for (const QString &key : family.comparedKeys(object)) {
+            const QVariant value = const_cast<ZTAbstractIPC *>(object)->valueForKey(key);
+            form.insert(key, value.isValid() ? value : QVariant(QStringLiteral("<nil>")));
+        }
+    }
+    return form;
+}
+
 QVariantMap ScenarioContext::snapshot() const
 {
     QVariantMap out;
+    // Only the object the directory holds mirrors by UUID (the person list
+    // controller loses "NetworkDirectory" to the network directory).
     auto add = [&out](const ZTAbstractIPC *object) {
-        out.insert(object->description(), object->dictionary());
+        if (ZTDirectory::sharedInstance()->objectWithID(object->description()).get() == object)
+            out.insert(object->description(), comparedForm(object));
     };
     add(directory);
     for (const auto &network : directory->networks()) {
@@ -127,5 +149,9 @@ QVariantMap ScenarioContext::snapshot() const
         add(object.get());
     for (const auto &object : tracked)
         add(object.get());
+    for (const QString &uuid : goneUUIDs)
+        if (ZTDirectory::sharedInstance()->objectWithID(uuid))
+            QTextStream(stderr) << uuid << ": still in the agent's directory" << Qt::endl;
+    out.insert(QString::fromLatin1(GoneEntry), goneUUIDs);
     return out;
 }

@@ -162,3 +162,45 @@ TEST_F(ChatTest, TransfersAndPersonsWithName)
     EXPECT_EQ(connection->personsWithName(QStringLiteral("ANN")),
               (QList<zt::Ref<ZTAbstractPerson>>{inFirst, inSecond}));
 }
+
+// Teardown: what a connection or a channel owns leaves the directory with
+// it; a server that a network lists stays the network's.
+TEST_F(ChatTest, OwnedObjectsEndWithTheirOwner)
+{
+    auto connection = make<AgentConnection>();
+    auto shared = ZTAbstractNetwork::networkWithName<AgentNetwork>(QStringLiteral("N"));
+    auto listed = zt::make<AgentServer>();
+    listed->init();
+    listed->setNetwork(shared);
+    shared->addServer(listed);
+    auto other = make<AgentConnection>();
+    other->setServer(listed);
+    auto own = zt::make<AgentServer>();
+    own->init();
+    connection->setServer(own);
+    connection->setCurrentIdentity(make<AgentSelfIdentity>());
+    connection->setNextIdentity(make<AgentSelfIdentity>());
+    connection->setProxy(make<AgentProxy>());
+    connection->setAdvancedSettings(make<AgentAdvancedSettings>());
+    connection->addTransfer(make<AgentTransfer>());
+    auto room = channel(QStringLiteral("#a"), connection.get());
+    connection->addChannel(room);
+    room->setAdvancedSettings(make<AgentAdvancedSettings>());
+    room->mutableBanlist().addObject(zt::objectValue(make<AgentBan>().get()));
+    const QList<std::pair<const char *, zt::Ref<ZTAbstractIPC>>> owned = {
+        {"server", own},
+        {"current identity", connection->currentIdentity()},
+        {"next identity", connection->nextIdentity()},
+        {"proxy", connection->proxy()},
+        {"settings", connection->advancedSettings()},
+        {"transfer", connection->transfers()[0]},
+        {"channel settings", room->advancedSettings()},
+        {"ban", room->banlist()[0]},
+    };
+    connection->invalidate();
+    other->invalidate();
+    for (const auto &[name, object] : owned)
+        EXPECT_FALSE(object->inDirectory()) << name;
+    EXPECT_TRUE(listed->inDirectory());
+    invalidateNetworkTree(shared.get());
+}
