@@ -330,31 +330,6 @@ TEST(AsyncSocketRead, CallerBuffersAreFilledFromTheirOffset)
     EXPECT_EQ(*small, "..xyz");
 }
 
-// unreadData() while connected: bytes still in Qt's buffer are not the
-// socket's, bytes it read ahead are; when the peer closes, whatever no read
-// took is there during willDisconnect either way.
-TEST(AsyncSocketRead, UnreadDataHoldsTheBytesReadAheadAndWhatThePeerLeft)
-{
-    const std::tuple<Taking, QByteArray> rows[] = {{Taking::Exactly, ""}, {Taking::ReadingAhead, "llo"}};
-    for (const auto &[taking, unread] : rows) {
-        SCOPED_TRACE(takingName(taking));
-        Pair pair;
-        ASSERT_TRUE(pair.open());
-        AsyncSocket *server = pair.server();
-        takeBy(server, taking);
-        server->readDataToLengthWithTimeoutTag(2, 10, 1);
-        pair.client->writeDataWithTimeoutTag("hello", 10, 1);
-        ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 1; }));
-        EXPECT_EQ(server->unreadData(), unread);
-        server->readDataToLengthWithTimeoutTag(10, 10, 2);
-        pair.client->disconnectAfterWriting();
-        ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.disconnects == 1; }));
-        EXPECT_EQ(pair.serverEvents.events.mid(2), words("read:1 will:closed did"));
-        EXPECT_EQ(pair.serverEvents.unreadAtWill, "llo");
-        EXPECT_EQ(pair.clientEvents.events.mid(2), words("write:1 did"));
-    }
-}
-
 // Length-prefixed frames, each followed by a text line, read the way a
 // message connection reads them: the length, then the body, then the line,
 // each queued from the callback of the one before. The stream arrives split
