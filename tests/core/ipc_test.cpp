@@ -163,24 +163,6 @@ TEST_F(CoreTest, UuidRulesAndTheirAssertionTexts)
     }
 }
 
-TEST_F(CoreTest, StaticUuidObjectsAreMadeWithPlainInitInBothProcesses)
-{
-    for (bool agent : {true, false}) {
-        playRole(agent);
-        auto s = make<TestSingleton>();
-        s->init();
-        EXPECT_EQ(s->description(), QStringLiteral("TEST-SINGLETON-UUID"));
-        s->invalidate();
-    }
-    // With registration off, the second assignment of initWithUUID succeeds.
-    playRole(false);
-    ZTAbstractIPC::disableRegistration();
-    auto s = make<TestSingleton>();
-    s->initWithUUID(QStringLiteral("other"));
-    EXPECT_EQ(s->description(), QStringLiteral("TEST-SINGLETON-UUID"));
-    EXPECT_FALSE(s->inDirectory());
-}
-
 TEST_F(CoreTest, RegistrationOffMakesVolatileObjectsThatNeverSend)
 {
     ZTAbstractIPC::disableRegistration();
@@ -282,19 +264,6 @@ TEST_F(CoreTest, HeldObjectsAreRetainedExactlyWhileRegistered)
     auto found = ZTDirectory::sharedInstance()->objectWithID(uuid);
     ASSERT_TRUE(found);
     found->invalidate();
-}
-
-TEST_F(CoreTest, TeardownWhileRegisteredLeavesTheEntryAndWarns)
-{
-    zttest::LogCapture log;
-    QString uuid;
-    {
-        auto n = agentObject();
-        uuid = n->description();
-    }
-    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(uuid), nullptr);
-    ASSERT_EQ(log.lines().size(), 1);
-    EXPECT_TRUE(log.lines()[0].contains(uuid));
 }
 
 TEST_F(CoreTest, DirectoryAssertions)
@@ -430,14 +399,6 @@ TEST_F(CoreTest, DirectingClientsSendTheFourClientMessagesLedByTheirId)
     expectCalls({{"toAgent_TestNode_C-1_setEnableInterProcessKVO:", {true}}});
     n->invalidate();
     child->invalidate();
-}
-
-TEST_F(CoreTest, NoConnectionLosesChangesSilently)
-{
-    ZTApplication::setDelegate(nullptr);
-    auto n = agentObject();
-    n->setName(QStringLiteral("lost"));
-    n->invalidate();
 }
 
 TEST_F(CoreTest, UnwireableChangesAreDroppedWithTheirLogLines)

@@ -20,22 +20,6 @@ constexpr KORange R(qsizetype location, qsizetype length)
 
 // ---- compilation ----
 
-TEST(KORegexCompile, GroupCountOrNullForBrokenPatterns)
-{
-    const struct
-    {
-        const char *pattern;
-        int groupCount; // 0: does not compile
-    } rows[] = {
-        {"", 1},   {"abc", 1}, {"(a)(?:b)(?<n>c)", 3}, {"((a)|(b))*", 4},     {"(?|(a)|(b))", 2}, {"(", 0},
-        {"a)", 0}, {"[a", 0},  {"a{2,1}", 0},          {"(?<n>a)(?<n>b)", 0}, {"\\", 0}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.pattern);
-        const Ref<KORegex> regex = KORegex::regexWithPattern(qs(row.pattern));
-        EXPECT_EQ(regex ? regex->groupCount() : 0, row.groupCount);
-    }
-}
-
 TEST(KORegexCompile, InitWithoutPatternAndPatternLists)
 {
     auto empty = zt::make<KORegex>();
@@ -267,29 +251,6 @@ TEST(KORegexEnumerator, LazyAndExhausted)
     EXPECT_EQ(astral->range(), R(3, 3));
 }
 
-TEST(KORegexEnumerator, AgreesWithRepeatedRangedFinds)
-{
-    // For text within the Basic Multilingual Plane reported positions are
-    // code units, so walking by hand with findInString gives the same matches.
-    const QString subject = qs("Ünïcødé wörds, ascii words; 日本語の文 and   spaces\n");
-    for (const char *pattern : {"\\S+", "\\s*", "[^ ]*?", "(?<=\\s)\\S", "\\b"}) {
-        SCOPED_TRACE(pattern);
-        auto regex = compile(pattern);
-        std::string manual;
-        qsizetype location = 0;
-        while (auto match = regex->findInString(subject, R(location, subject.size() - location))) {
-            const KORange r = match->range();
-            location = r.end() + (r.length == 0 ? 1 : 0);
-            if (location > subject.size())
-                break;
-            if (!manual.empty())
-                manual += ' ';
-            manual += rangeText(r);
-        }
-        EXPECT_EQ(rangesOf(regex->findAllInString(subject)), manual);
-    }
-}
-
 // ---- long subjects: offsets far from the start convert correctly ----
 
 // Words of one- to four-byte characters, long enough to span many of the
@@ -307,27 +268,6 @@ QString longMixedText()
         subject += word % 1000 == 999 ? QString(3000, u' ') : QStringLiteral(" ");
     }
     return subject;
-}
-
-TEST(KORegexLongSubject, PositionsMatchTheByteCount)
-{
-    const QString subject = longMixedText();
-    // The reference count: bytes before an offset that start a UTF-8 sequence.
-    const QByteArray utf8 = subject.toUtf8();
-    std::vector<qsizetype> startsBefore(size_t(utf8.size()) + 1, 0);
-    for (qsizetype i = 0; i < utf8.size(); ++i)
-        startsBefore[size_t(i) + 1] = startsBefore[size_t(i)] + ((uchar(utf8[i]) & 0xC0) != 0x80);
-    const auto starts = [&](int bytes) { return startsBefore[size_t(bytes)]; };
-
-    const auto matches = compile("(\\S)\\S*")->findAllInString(subject);
-    const QStringList words = subject.split(u' ', Qt::SkipEmptyParts);
-    ASSERT_EQ(matches.size(), words.size());
-    for (qsizetype i = 0; i < matches.size(); ++i) {
-        const int *mv = matches[i]->matchv();
-        ASSERT_EQ(matches[i]->group(), words[i]) << "match " << i;
-        ASSERT_EQ(matches[i]->range(), R(starts(mv[0]), starts(mv[1]) - starts(mv[0]))) << "match " << i;
-        ASSERT_EQ(matches[i]->rangeAtIndex(1), R(starts(mv[2]), starts(mv[3]) - starts(mv[2])));
-    }
 }
 
 TEST(KORegexLongSubject, SubstitutionAndSplittingCutAtTruePositions)

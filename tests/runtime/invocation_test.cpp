@@ -157,7 +157,7 @@ TEST(Format, PrintsTheSystemsDirectives)
     } rows[] = {
         {format(u"%@ and %@", QStringLiteral("a"), QVariant()), QStringLiteral("a and (null)")},
         {format(u"%d|%ld|%lu|%u", -3, qint64(-4), quint64(5), 6u), QStringLiteral("-3|-4|5|6")},
-        {format(u"%s/%%/%c", "bytes", 'x'), QStringLiteral("bytes/%/x")},
+        {format(u"%s/%@/%%/%c", "bytes", "text", 'x'), QStringLiteral("bytes/text/%/x")},
         {format(u"%5d|%-3d|%03d", 42, 7, 5), QStringLiteral("   42|7  |005")},
         {format(u"%@", QVariantList{1, QStringLiteral("two words")}),
          QStringLiteral("(\n    1,\n    \"two words\"\n)")},

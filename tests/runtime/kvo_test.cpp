@@ -46,20 +46,6 @@ TEST(KeyValueObserving, DeliversWhatTheOptionsAskFor)
     }
 }
 
-TEST(KeyValueObserving, NilValuesArriveAsTheNullMarker)
-{
-    auto s = make<Sample>();
-    auto rec = make<Recorder>();
-    s->addObserver(rec.get(), QStringLiteral("child"), ObservingOption::New | ObservingOption::Old);
-    s->setChild(make<Sample>());
-    s->setChild(nullptr);
-    ASSERT_EQ(rec->notes.size(), 2);
-    EXPECT_TRUE(isNullMarker(rec->notes[0].change.oldValue));
-    EXPECT_EQ(kindOf(rec->notes[0].change.newValue), ValueKind::Object);
-    EXPECT_TRUE(isNullMarker(rec->notes[1].change.newValue));
-    s->removeObserver(rec.get(), QStringLiteral("child"));
-}
-
 TEST(KeyValueObserving, DuplicateRegistrationsCountTwiceAndNeedTwoRemovals)
 {
     auto s = make<Sample>();

@@ -22,14 +22,6 @@ TextAttributes colored(const QColor &color)
     return {std::nullopt, color, std::nullopt};
 }
 
-TEST(AttributedString, StartsAsOneRun)
-{
-    const AttributedString s(u"hello"_s, colored(Red));
-    EXPECT_EQ(s.runs(), (QList<AttributeRun>{{0, 5, colored(Red)}}));
-    EXPECT_TRUE(AttributedString().runs().isEmpty());
-    EXPECT_TRUE(AttributedString(QString(), colored(Red)).runs().isEmpty());
-}
-
 TEST(AttributedString, AddingSplitsAndMerges)
 {
     AttributedString s(u"abcdefgh"_s, colored(Red));

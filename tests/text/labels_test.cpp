@@ -36,14 +36,6 @@ AttributedString styled(std::initializer_list<std::pair<QString, TextAttributes>
     return result;
 }
 
-TEST(Labels, SharedPieces)
-{
-    EXPECT_EQ(irc::tailingParagraphStyle().lineBreakMode, zt::LineBreakMode::TruncateTail);
-    EXPECT_EQ(irc::tailingParagraphStyle().alignment, zt::ParagraphStyle::defaultStyle().alignment);
-    EXPECT_EQ(irc::newline(), styled({{u"\n"_s, plain()}}));
-    EXPECT_EQ(irc::systemFont(11).pointSizeF(), 11.0);
-}
-
 TEST(Labels, ColoredAndSubtexted)
 {
     const struct

@@ -154,41 +154,4 @@ TEST(AsyncReadPacket, FixedLengthBufferGrowsWithTheBytesNotTheClaim)
     }
 }
 
-// The socket's request queues: first in, first out across the wrap of the
-// ring and across growing while wrapped; popped slots are emptied at once.
-TEST(AsyncSocketQueue, KeepsOrderAcrossWrapAndGrowth)
-{
-    struct Item
-    {
-        std::shared_ptr<int> value;
-        void clear() { value.reset(); }
-    };
-    AsyncSocketQueue<Item> queue;
-    int next = 0, expected = 0;
-    std::weak_ptr<int> firstPopped;
-    // Pushes outrun pops: the ring wraps while it fills, then grows twice.
-    for (int round = 0; round < 40; ++round) {
-        for (int i = 0; i < 3; ++i)
-            queue.emplace_back().value = std::make_shared<int>(next++);
-        ASSERT_EQ(*queue.front().value, expected);
-        if (round == 0)
-            firstPopped = queue.front().value;
-        queue.pop_front();
-        ++expected;
-        if (round == 0) {
-            EXPECT_TRUE(firstPopped.expired());
-        }
-        for (size_t i = 0; i < queue.size(); ++i)
-            ASSERT_EQ(*queue[i].value, expected + int(i)) << "round " << round;
-    }
-    while (!queue.empty()) {
-        ASSERT_EQ(*queue.front().value, expected++);
-        queue.pop_front();
-    }
-    EXPECT_EQ(expected, next);
-    queue.emplace_back().value = std::make_shared<int>(7);
-    queue.clear();
-    EXPECT_TRUE(queue.empty());
-}
-
 } // namespace

@@ -25,24 +25,6 @@ using namespace zttest;
 
 // ---- the delegate ----
 
-TEST(VDConnectionDelegate, HearsTheConnectionNeverTheRawSocket)
-{
-    LinkedPair link;
-    ASSERT_TRUE(link.connect());
-    const quint16 port = link.listener->socket()->localPort();
-    EXPECT_TRUE(link.acceptedWithoutDelegate);
-    EXPECT_NE(link.server(), link.listener.get());
-    link.events.sort(); // the two ends hear of the connection in either order
-    const quint16 clientPort = link.client()->socket()->localPort();
-    EXPECT_EQ(link.events, (QStringList{u"accept listener"_s, u"connect client0 127.0.0.1:%1"_s.arg(port),
-                                        u"connect server0 127.0.0.1:%1"_s.arg(clientPort)}));
-
-    link.events.clear();
-    link.client()->socket()->disconnect();
-    ASSERT_TRUE(waitUntil([&] { return link.events.contains(u"did server0"_s); }));
-    EXPECT_EQ(link.events, (QStringList{u"did client0"_s, u"will server0 closed"_s, u"did server0"_s}));
-}
-
 // A released listener stops listening at once; a released connected
 // connection closes once its writes are out, and the peer hears of it.
 TEST(VDConnectionDelegate, ReleasedConnectionsCloseTheirSockets)
@@ -159,17 +141,6 @@ INSTANTIATE_TEST_SUITE_P(
                     GateRow{"queue_after_stop_starts_empty", "start a stop start b", "a", 1, false, true}),
     [](const testing::TestParamInfo<GateRow> &info) { return std::string(info.param.name); });
 
-TEST(VDConnectionGateBytes, RegisterClientOnAFreshConnectionWritesExactlyOneMessage)
-{
-    LinkedPair link;
-    ASSERT_TRUE(link.connectRaw(false));
-    VDConnectionRemoteProxy *remote = link.server()->proxyForRemoteObject();
-    remote->perform("note:", {u"dropped"_s});
-    remote->perform("registerClient");
-    ASSERT_TRUE(link.waitForBodies(1));
-    EXPECT_EQ(link.bodies, QList<QByteArray>{body("registerClient", {}, {})});
-}
-
 // ---- return handlers ----
 
 TEST(VDConnectionHandlers, AnObjectResultComesBackToTheHandlerOnce)
@@ -280,22 +251,6 @@ TEST(VDConnectionHandlers, RepliesFindTheirHandlerByIdentifierOnly)
     EXPECT_EQ(runs, 1);
     EXPECT_EQ(result, QVariant(u"answer"_s));
     EXPECT_EQ(c->pendingReturnHandlerCount(), 0);
-}
-
-TEST(VDConnectionHandlers, AHandlerStaysWhenItsCallCannotBeEncoded)
-{
-    LinkedPair link;
-    ASSERT_TRUE(link.connect());
-    VDConnection *c = link.client();
-    auto gadget = zt::make<TestRoot>(u"gadget"_s);
-    const auto [name, reason] =
-        raised([&] { c->proxyForRemoteObject()->perform("echo:", {zt::objectValue(gadget.get())}); });
-    EXPECT_EQ(name, u"Unknown object type"_s);
-    EXPECT_EQ(reason, u"Argument gadget (class TestRoot) of selector echo: is not allowed"_s);
-    EXPECT_EQ(c->pendingReturnHandlerCount(), 1);
-    c->proxyForRemoteObject()->perform("handshakeFromAgent:", {u"end"_s});
-    ASSERT_TRUE(waitForCall(link.serverRoot(), u"handshakeFromAgent: s\"end\""_s));
-    EXPECT_EQ(link.serverRoot()->calls, QStringList{u"handshakeFromAgent: s\"end\""_s});
 }
 
 // ---- incoming messages ----

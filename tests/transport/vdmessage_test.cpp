@@ -458,27 +458,6 @@ TEST(VDMessageDecode, EveryTruncationOfAValidBodyIsARangeFault)
     }
 }
 
-TEST(VDMessageDecode, PayloadLimitsBoundWhatOneArgumentBuilds)
-{
-    QVariant deep = QStringLiteral("bottom");
-    for (int i = 0; i < 40; ++i)
-        deep = QVariantList{deep};
-    const QByteArray b = body("take:", {}, {zt::plist::writeBinary(deep)});
-    auto target = zt::make<CodecTarget>();
-
-    const auto open = vd::invocationFromData(b, target.get(), nullptr);
-    ASSERT_TRUE(open.has_value());
-    EXPECT_TRUE(zt::valuesEqual(open->argumentAtIndex(2), deep));
-
-    vd::DecodeLimits tight;
-    tight.plist.maxDepth = 8;
-    zttest::LogCapture log;
-    const auto bounded = vd::invocationFromData(b, target.get(), nullptr, tight);
-    ASSERT_TRUE(bounded.has_value());
-    EXPECT_FALSE(bounded->argumentAtIndex(2).isValid());
-    EXPECT_EQ(log.lines().size(), 1);
-}
-
 // ---- encoding faults ----
 
 TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
