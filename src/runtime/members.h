@@ -24,11 +24,13 @@
 //       NSRangeException or NSInvalidArgumentException as the platform's
 //       arrays do, whoever calls it), "setKey:" and mutableKey(), the
 //       announcing view that key-value coding and the class's own
-//       operations use.
+//       operations use; "countOfKey" and "keyAtIndexes:" read a count and
+//       a few elements without copying the whole list.
 //   ZT_WIRED_TO_MANY(Type, key, Key, wired, Wired)
 //       ZT_TO_MANY plus the wired form of the key: "wired" (each element's
 //       dictionary), "setWired:", "insertWired:atIndexes:",
-//       "removeWiredAtIndexes:", converted back through the class's
+//       "removeWiredAtIndexes:", "countOfWired" and "wiredAtIndexes:" (the
+//       dictionaries of those elements only), converted back through the class's
 //       `std::optional<QList<Ref<Type>>> replacementObjectsForWired(const
 //       QVariantList &)`; nil (nullopt) leaves the list alone in the setter.
 //   ZT_METHOD("selector:", function)  /  ZT_ACTION("selector:", function)
@@ -130,6 +132,21 @@ template<typename T> QVariantList dictionariesOf(const QList<Ref<T>> &list)
     out.reserve(list.size());
     for (const Ref<T> &object : list)
         out.append(object->dictionary());
+    return out;
+}
+
+//! The elements at `indexes`, each made by `value` (an object's value or its
+//! dictionary); raises NSRangeException for an index past the end.
+template<typename T, typename Value>
+QVariantList valuesAtIndexes(const Object *self, const char *selector, const QList<Ref<T>> &list,
+                             const IndexSet &indexes, Value value)
+{
+    if (!indexes.isEmpty() && indexes.last() >= quint64(list.size()))
+        raiseIndexBeyondBounds(self, selector, indexes.last(), list.size());
+    QVariantList out;
+    out.reserve(qsizetype(indexes.count()));
+    for (quint64 i : indexes)
+        out.append(value(list[qsizetype(i)]));
     return out;
 }
 
@@ -244,13 +261,24 @@ public:
     ::zt::MutableArrayProxy mutable##Key()                                                                   \
     {                                                                                                        \
         return mutableArrayValueForKey(QStringLiteral(#key));                                                \
+    }                                                                                                        \
+    qsizetype countOf##Key() const                                                                           \
+    {                                                                                                        \
+        return m_##key.size();                                                                               \
+    }                                                                                                        \
+    QVariantList key##AtIndexes(const ::zt::IndexSet &indexes) const                                         \
+    {                                                                                                        \
+        return ::zt::detail::valuesAtIndexes(this, #key "AtIndexes:", m_##key, indexes,                      \
+                                             [](const auto &o) { return ::zt::objectValue(o.get()); });      \
     }
 
 #define ZT_TO_MANY_REGISTER(b, key, Key)                                                                     \
     b.property(#key, &zt_self::key, &zt_self::set##Key);                                                     \
     b.method("insert" #Key ":atIndexes:", &zt_self::insert##Key##AtIndexes);                                 \
     b.method("remove" #Key "AtIndexes:", &zt_self::remove##Key##AtIndexes);                                  \
-    b.method("replace" #Key "AtIndexes:with" #Key ":", &zt_self::replace##Key##AtIndexesWith##Key);
+    b.method("replace" #Key "AtIndexes:with" #Key ":", &zt_self::replace##Key##AtIndexesWith##Key);          \
+    b.method("countOf" #Key, &zt_self::countOf##Key);                                                        \
+    b.method(#key "AtIndexes:", &zt_self::key##AtIndexes);
 
 #define ZT_TO_MANY(Type, key, Key)                                                                           \
     ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                     \
@@ -277,11 +305,22 @@ public:
     {                                                                                                        \
         mutable##Key().removeObjectsAtIndexes(indexes);                                                      \
     }                                                                                                        \
+    qsizetype countOf##Wired() const                                                                         \
+    {                                                                                                        \
+        return m_##key.size();                                                                               \
+    }                                                                                                        \
+    QVariantList wired##AtIndexes(const ::zt::IndexSet &indexes) const                                       \
+    {                                                                                                        \
+        return ::zt::detail::valuesAtIndexes(this, #wired "AtIndexes:", m_##key, indexes,                    \
+                                             [](const auto &o) { return QVariant(o->dictionary()); });       \
+    }                                                                                                        \
     ZT_DECLARED_MEMBER(b)                                                                                    \
     {                                                                                                        \
         ZT_TO_MANY_REGISTER(b, key, Key)                                                                     \
         b.property(#wired, &zt_self::wired, &zt_self::set##Wired);                                           \
         b.method("insert" #Wired ":atIndexes:", &zt_self::insert##Wired##AtIndexes);                         \
         b.method("remove" #Wired "AtIndexes:", &zt_self::remove##Wired##AtIndexes);                          \
+        b.method("countOf" #Wired, &zt_self::countOf##Wired);                                                \
+        b.method(#wired "AtIndexes:", &zt_self::wired##AtIndexes);                                           \
     }                                                                                                        \
     ZT_PROPERTY_FIELD(QList<::zt::Ref<Type>>, key)
