@@ -67,6 +67,10 @@ public:
     //! The announcing view of "users".
     zt::MutableArrayProxy mutableUsers() { return mutableArrayValueForKey(QStringLiteral("users")); }
     qsizetype countOfUsers() const { return m_users.size(); }
+    ZT_METHOD("countOfUsers", countOfUsers)
+    //! The users at the indexes (raises NSRangeException past the end).
+    QVariantList usersAtIndexes(const zt::IndexSet &indexes) const;
+    ZT_METHOD("usersAtIndexes:", usersAtIndexes)
     ZT_KEY(users, setUsers)
     ZT_METHOD("insertUsers:atIndexes:", insertUsersAtIndexes)
     ZT_METHOD("removeUsersAtIndexes:", removeUsersAtIndexes)
@@ -79,6 +83,11 @@ public:
     void insertUserDictionariesAtIndexes(const QVariantList &dictionaries, const zt::IndexSet &indexes);
     void removeUserDictionariesAtIndexes(const zt::IndexSet &indexes);
     ZT_KEY(userDictionaries, setUserDictionaries)
+    qsizetype countOfUserDictionaries() const { return m_users.size(); }
+    ZT_METHOD("countOfUserDictionaries", countOfUserDictionaries)
+    //! The dictionaries of the users at the indexes only.
+    QVariantList userDictionariesAtIndexes(const zt::IndexSet &indexes) const;
+    ZT_METHOD("userDictionariesAtIndexes:", userDictionariesAtIndexes)
     ZT_METHOD("insertUserDictionaries:atIndexes:", insertUserDictionariesAtIndexes)
     ZT_METHOD("removeUserDictionariesAtIndexes:", removeUserDictionariesAtIndexes)
     //! Abstract: nil. The concrete class makes (or finds by UUID) its people.
@@ -222,6 +231,9 @@ public:
     void resetUsers();
     ZT_METHOD("resetUsers", resetUsers)
     //! The first user whose identity's nickname equals `name` ignoring case.
+    //! Answered from an index by case-folded nickname, kept as people are
+    //! appended and rebuilt after any other change of "users" or any
+    //! rename (zt::model::nicknameGeneration()).
     zt::Ref<ZTAbstractPerson> personWithName(const QString &name) const;
     ZT_METHOD("personWithName:", personWithName)
 
@@ -264,8 +276,17 @@ private:
     void invalidateDeparted(const QList<zt::Ref<ZTAbstractPerson>> &old,
                             const QList<zt::Ref<ZTAbstractPerson>> &now);
 
+    //! Adds the users from `first` on to a valid index; the first user of
+    //! a nickname stays its entry.
+    void indexUsersFrom(qsizetype first) const;
+
     zt::Ref<ZTAbstractAdvancedSettings> m_advancedSettings;
     QList<zt::Ref<ZTAbstractPerson>> m_users;
+    // Case-folded nickname → first user of it. Valid while it covers
+    // exactly m_users and no identity was renamed since it was made.
+    mutable QHash<QString, ZTAbstractPerson *> m_userIndex;
+    mutable bool m_userIndexValid = false;
+    mutable quint64 m_userIndexGeneration = 0;
     QList<zt::Ref<ZTAbstractBan>> m_banlist;
     QVariant m_highlightDictionaries;
 };

@@ -1,5 +1,7 @@
 #include "model/ztmodelsupport.h"
 
+#include <atomic>
+
 #include <QCoreApplication>
 #include <QHash>
 #include <QReadWriteLock>
@@ -43,6 +45,20 @@ QVariant transformedValue(const QString &name, const QVariant &value)
         transformer = t.byName.value(name);
     }
     return transformer ? transformer(value) : QVariant();
+}
+
+namespace {
+std::atomic<quint64> renames{0};
+} // namespace
+
+quint64 nicknameGeneration()
+{
+    return renames.load(std::memory_order_relaxed);
+}
+
+void noteNicknameChange()
+{
+    renames.fetch_add(1, std::memory_order_relaxed);
 }
 
 } // namespace zt::model

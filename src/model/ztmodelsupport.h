@@ -30,4 +30,11 @@ ZT_EXPORT void setValueTransformer(const QString &name, ValueTransformer transfo
 //! The transformed value, or nil when no transformer has that name.
 ZT_EXPORT QVariant transformedValue(const QString &name, const QVariant &value);
 
+//! Grows whenever a person may have changed names under an index of people
+//! by nickname: an identity's nickname changed from a non-empty one, or a
+//! person took another identity. Such an index is rebuilt when it differs.
+ZT_EXPORT quint64 nicknameGeneration();
+//! Notes a rename (see nicknameGeneration).
+ZT_EXPORT void noteNicknameChange();
+
 } // namespace zt::model
