@@ -4,7 +4,7 @@
 find_package(Qt6 6.4 QUIET COMPONENTS RemoteObjects)
 # The helper processes are defined with the other helpers, in
 # bench/peers/zintaro and bench/peers/qtro (added by transport_peers.cmake).
-zt_add_bench(bench_model_join ${CMAKE_CURRENT_SOURCE_DIR}/model_join.cpp LIBS ZintaroModelApps)
+zt_add_bench(bench_model_join ${CMAKE_CURRENT_SOURCE_DIR}/model_join.cpp LIBS zt_bench_model_root)
 target_include_directories(bench_model_join PRIVATE ${CMAKE_CURRENT_SOURCE_DIR})
 target_compile_definitions(bench_model_join PRIVATE ZT_MODEL_AGENT_PEER="$<TARGET_FILE:peer_zintaro_model_agent>")
 add_dependencies(bench_model_join peer_zintaro_model_agent)

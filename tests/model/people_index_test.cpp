@@ -2,6 +2,7 @@
 // list, after every kind of change of the list and of the names in it; and
 // the indexed reads of a wired list against the whole list.
 #include "chat_fixture.h"
+#include "runtime/exception.h"
 
 using chattest::ChatTest;
 using namespace Qt::StringLiterals;

@@ -1,5 +1,6 @@
 // The agent side of bench_model_join: an agent connection with the chat
-// model, told what to do by lines on stdin, answering on stdout.
+// model, its channels also held by the root that clients mirror
+// (model_root.h), told what to do by lines on stdin, answering on stdout.
 //
 //   JOIN <people>     joins a new channel whose NAMES reply lists <people>
 //                     nicknames, 40 to a line as a server sends them, some
@@ -17,6 +18,7 @@
 #include "connection_classes.h"
 #include "core/ztagenthost.h"
 #include "model/ztidentity.h"
+#include "model_root.h"
 #include "runtime/process.h"
 
 #include <QCoreApplication>
@@ -77,6 +79,7 @@ class Agent : public ZTAgentHostDelegate
 {
 public:
     zt::Ref<AgentConnection> connection;
+    zt::Ref<BenchModelRoot> root;
     int channelCount = 0;
 
     zt::Ref<AgentChannel> newChannel()
@@ -87,6 +90,7 @@ public:
         channel->setIsChannel(true);
         channel->setConnection(connection.get());
         connection->mutableChannels().addObject(zt::objectValue(channel.get()));
+        root->mutableChannels().addObject(zt::objectValue(channel.get()));
         return channel;
     }
 
@@ -152,7 +156,8 @@ public:
 
     void reset()
     {
-        connection->mutableChannels().removeAllObjects();
+        root->mutableChannels().removeAllObjects();
+        connection->mutableChannels().removeAllObjects(); // invalidates them
         QTextStream(stdout) << "RESET" << Qt::endl;
     }
 
@@ -180,7 +185,9 @@ int main(int argc, char **argv)
     agent.connection = zt::make<AgentConnection>();
     agent.connection->init();
     agent.connection->setNickname(QStringLiteral("Me"));
-    zt::Ref<ZTAgentHost> host = ZTAgentHost::create(agent.connection.get(), &agent);
+    agent.root = zt::make<BenchModelRoot>();
+    agent.root->init();
+    zt::Ref<ZTAgentHost> host = ZTAgentHost::create(agent.root.get(), &agent);
     if (!host->listen(QStringLiteral("127.0.0.1"), 0))
         return 1;
     QByteArray pending;
@@ -203,6 +210,8 @@ int main(int argc, char **argv)
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
     host->close();
+    agent.root->mutableChannels().removeAllObjects();
+    agent.root->invalidate();
     agent.connection->invalidate();
     return rc;
 }
