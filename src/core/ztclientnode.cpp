@@ -29,6 +29,7 @@ bool ZTClientNode::connectToHost(const QString &host, quint16 port, zt::Error *e
     m_connection = VDConnection::createWithDelegate(this);
     m_root->attach(this, m_connection.get());
     m_connection->setProtocolForRemoteObject(m_agentProtocol);
+    m_connection->setDecodeLimits(m_decodeLimits);
     ZTApplication::setDelegate(this);
     if (m_connection->socket()->connectToHostOnPortError(host, port, error))
         return true;

@@ -15,6 +15,7 @@
 
 #include "core/ztapplication.h"
 #include "core/ztrootobject.h"
+#include "transport/vdmessage.h"
 
 class ZTClientNode;
 
@@ -45,6 +46,9 @@ public:
     //! What the agent's root offers (default ZTRootObject::agentRootProtocol()). Not owned.
     void setAgentProtocol(const zt::Protocol *protocol) { m_agentProtocol = protocol; }
     void setClientID(const QVariant &id) { m_clientID = id; }
+    //! What one message from the agent may make this process build (the
+    //! initial state of a large model is one message); applied on connecting.
+    void setDecodeLimits(const vd::DecodeLimits &limits) { m_decodeLimits = limits; }
 
     //! Connects, registers once connected, and becomes the application delegate.
     bool connectToHost(const QString &host, quint16 port, zt::Error *error = nullptr);
@@ -78,6 +82,7 @@ private:
     ZTClientNodeDelegate *m_delegate = nullptr;
     const zt::ClassInfo *m_rootClass = &ZTRootObject::staticClassInfo();
     const zt::Protocol *m_agentProtocol = &ZTRootObject::agentRootProtocol();
+    vd::DecodeLimits m_decodeLimits;
     QVariant m_clientID;
     zt::Ref<VDConnection> m_connection;
     zt::Ref<ZTRootObject> m_root;

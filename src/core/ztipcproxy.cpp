@@ -166,17 +166,31 @@ void ZTIPCProxy::changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes
 {
     if (!m_parent)
         return;
+    auto beyondBounds = [](quint64 i, qint64 count) {
+        zt::Exception::raise(QString::fromUtf16(zt::exceptions::RangeError),
+                             zt::format(u"*** -[NSArray objectsAtIndexes:]: index %lu in index set beyond "
+                                        u"bounds [0 .. %ld]",
+                                        i, count - 1));
+    };
     auto valuesAtIndexes = [&]() {
+        // A class that reads elements at indexes ("countOfKey" and
+        // "keyAtIndexes:") makes only the values that cross: a wired list
+        // builds one dictionary per element, and a batch inserted into a
+        // long list must not cost the whole list.
+        const zt::KeyAccessors &accessors = m_parent->classInfo().accessorsForKey(key);
+        if (accessors.countOf && accessors.atIndexes) {
+            const qint64 count = accessors.countOf->call(m_parent, nullptr).toLongLong();
+            if (!indexes.isEmpty() && indexes.last() >= quint64(count))
+                beyondBounds(indexes.last(), count);
+            const QVariant indexValue = QVariant::fromValue(indexes);
+            return accessors.atIndexes->call(m_parent, &indexValue).toList();
+        }
         const QVariantList all = m_parent->valueForKey(key).toList();
         QVariantList picked;
         picked.reserve(qsizetype(indexes.count()));
         for (quint64 i : indexes) {
             if (i >= quint64(all.size()))
-                zt::Exception::raise(
-                    QString::fromUtf16(zt::exceptions::RangeError),
-                    zt::format(u"*** -[NSArray objectsAtIndexes:]: index %lu in index set beyond "
-                               u"bounds [0 .. %ld]",
-                               i, qint64(all.size()) - 1));
+                beyondBounds(i, all.size());
             picked.append(all[qsizetype(i)]);
         }
         return picked;

@@ -59,7 +59,75 @@ void ZTAbstractChannel::setAdvancedSettingsDictionary(const QVariant &)
 
 // ---- users ----
 
-ZT_DEFINE_WIRED_TO_MANY(ZTAbstractChannel, ZTAbstractPerson, users, Users, userDictionaries, UserDictionaries)
+QList<zt::Ref<ZTAbstractPerson>> ZTAbstractChannel::users() const
+{
+    return m_users;
+}
+
+void ZTAbstractChannel::setUsers(const QList<zt::Ref<ZTAbstractPerson>> &users)
+{
+    m_userIndexValid = false;
+    setAndNotify(m_users, users, UsersKey);
+}
+
+void ZTAbstractChannel::insertUsersAtIndexes(const QList<zt::Ref<ZTAbstractPerson>> &users,
+                                             const zt::IndexSet &indexes)
+{
+    const qsizetype before = m_users.size();
+    zt::detail::insertAtIndexes(this, "insertUsers:atIndexes:", m_users, users, indexes);
+    if (!indexes.isEmpty() && indexes.first() == quint64(before))
+        indexUsersFrom(before); // appended: the index grows
+    else
+        m_userIndexValid = false;
+}
+
+void ZTAbstractChannel::removeUsersAtIndexes(const zt::IndexSet &indexes)
+{
+    m_userIndexValid = false;
+    zt::detail::removeAtIndexes(this, "removeUsersAtIndexes:", m_users, indexes);
+}
+
+void ZTAbstractChannel::replaceUsersAtIndexesWithUsers(const zt::IndexSet &indexes,
+                                                       const QList<zt::Ref<ZTAbstractPerson>> &users)
+{
+    m_userIndexValid = false;
+    zt::detail::replaceAtIndexes(this, "replaceUsersAtIndexes:withUsers:", m_users, indexes, users);
+}
+
+QVariantList ZTAbstractChannel::usersAtIndexes(const zt::IndexSet &indexes) const
+{
+    return zt::detail::valuesAtIndexes(this, "usersAtIndexes:", m_users, indexes,
+                                       [](const auto &person) { return zt::objectValue(person.get()); });
+}
+
+QVariantList ZTAbstractChannel::userDictionaries() const
+{
+    return zt::detail::dictionariesOf(m_users);
+}
+
+QVariantList ZTAbstractChannel::userDictionariesAtIndexes(const zt::IndexSet &indexes) const
+{
+    return zt::detail::valuesAtIndexes(this, "userDictionariesAtIndexes:", m_users, indexes,
+                                       [](const auto &person) { return QVariant(person->dictionary()); });
+}
+
+void ZTAbstractChannel::setUserDictionaries(const QVariantList &dictionaries)
+{
+    if (auto users = replacementObjectsForUserDictionaries(dictionaries))
+        setUsers(*users);
+}
+
+void ZTAbstractChannel::insertUserDictionariesAtIndexes(const QVariantList &dictionaries,
+                                                        const zt::IndexSet &indexes)
+{
+    const auto users = replacementObjectsForUserDictionaries(dictionaries);
+    mutableUsers().insertObjectsAtIndexes(users ? zt::detail::objectValues(*users) : QVariantList(), indexes);
+}
+
+void ZTAbstractChannel::removeUserDictionariesAtIndexes(const zt::IndexSet &indexes)
+{
+    mutableUsers().removeObjectsAtIndexes(indexes);
+}
 
 std::optional<QList<zt::Ref<ZTAbstractPerson>>>
 ZTAbstractChannel::replacementObjectsForUserDictionaries(const QVariantList &)
@@ -279,8 +347,39 @@ void ZTAbstractChannel::resetUsers()
     mutableUsers().removeAllObjects();
 }
 
+void ZTAbstractChannel::indexUsersFrom(qsizetype first) const
+{
+    if (!m_userIndexValid)
+        return;
+    for (qsizetype i = first; i < m_users.size(); ++i) {
+        const auto identity = m_users[i]->identity();
+        if (!identity)
+            continue;
+        QString key = identity->nickname().toCaseFolded();
+        if (!m_userIndex.contains(key))
+            m_userIndex.insert(std::move(key), m_users[i].get());
+    }
+}
+
 zt::Ref<ZTAbstractPerson> ZTAbstractChannel::personWithName(const QString &name) const
 {
+    const quint64 generation = zt::model::nicknameGeneration();
+    if (!m_userIndexValid || m_userIndexGeneration != generation) {
+        m_userIndex.clear();
+        m_userIndex.reserve(m_users.size());
+        m_userIndexValid = true;
+        m_userIndexGeneration = generation;
+        indexUsersFrom(0);
+    }
+    if (ZTAbstractPerson *candidate = m_userIndex.value(name.toCaseFolded())) {
+        const auto identity = candidate->identity();
+        if (identity && identity->nickname().compare(name, Qt::CaseInsensitive) == 0)
+            return zt::Ref<ZTAbstractPerson>(candidate);
+    } else {
+        return {};
+    }
+    // The index disagrees with the people (changed without a rename being
+    // noted): read the list itself.
     for (const auto &person : m_users) {
         const auto identity = person->identity();
         if (identity && identity->nickname().compare(name, Qt::CaseInsensitive) == 0)

@@ -59,11 +59,39 @@ public:
     ZT_WEAK(ZTAbstractConnection, connection, setConnection)
 
     // ---- people ("users", ordered to-many) ----
-    //! Wired as "userDictionaries" (every user's dictionary, in order);
-    //! converted back with replacementObjectsForUserDictionaries, nil
-    //! leaving the list alone.
-    ZT_WIRED_TO_MANY_OUT_OF_LINE(ZTAbstractPerson, users, Users, userDictionaries, UserDictionaries)
+    // Written out rather than declared with the to-many macros: every change
+    // keeps the index of people by nickname.
+    QList<zt::Ref<ZTAbstractPerson>> users() const;
+    void setUsers(const QList<zt::Ref<ZTAbstractPerson>> &users);
+    void insertUsersAtIndexes(const QList<zt::Ref<ZTAbstractPerson>> &users, const zt::IndexSet &indexes);
+    void removeUsersAtIndexes(const zt::IndexSet &indexes);
+    void replaceUsersAtIndexesWithUsers(const zt::IndexSet &indexes,
+                                        const QList<zt::Ref<ZTAbstractPerson>> &users);
+    zt::MutableArrayProxy mutableUsers() { return mutableArrayValueForKey(QStringLiteral("users")); }
     qsizetype countOfUsers() const { return m_users.size(); }
+    ZT_METHOD("countOfUsers", countOfUsers)
+    //! The users at the indexes (raises NSRangeException past the end).
+    QVariantList usersAtIndexes(const zt::IndexSet &indexes) const;
+    ZT_METHOD("usersAtIndexes:", usersAtIndexes)
+    ZT_KEY(users, setUsers)
+    ZT_METHOD("insertUsers:atIndexes:", insertUsersAtIndexes)
+    ZT_METHOD("removeUsersAtIndexes:", removeUsersAtIndexes)
+    ZT_METHOD("replaceUsersAtIndexes:withUsers:", replaceUsersAtIndexesWithUsers)
+    //! Every user's dictionary, in order (the wired form of "users").
+    QVariantList userDictionaries() const;
+    //! Converts with replacementObjectsForUserDictionaries; nil leaves the
+    //! list alone.
+    void setUserDictionaries(const QVariantList &dictionaries);
+    void insertUserDictionariesAtIndexes(const QVariantList &dictionaries, const zt::IndexSet &indexes);
+    void removeUserDictionariesAtIndexes(const zt::IndexSet &indexes);
+    ZT_KEY(userDictionaries, setUserDictionaries)
+    qsizetype countOfUserDictionaries() const { return m_users.size(); }
+    ZT_METHOD("countOfUserDictionaries", countOfUserDictionaries)
+    //! The dictionaries of the users at the indexes only.
+    QVariantList userDictionariesAtIndexes(const zt::IndexSet &indexes) const;
+    ZT_METHOD("userDictionariesAtIndexes:", userDictionariesAtIndexes)
+    ZT_METHOD("insertUserDictionaries:atIndexes:", insertUserDictionariesAtIndexes)
+    ZT_METHOD("removeUserDictionariesAtIndexes:", removeUserDictionariesAtIndexes)
     //! Abstract: nil. The concrete class makes (or finds by UUID) its people.
     virtual std::optional<QList<zt::Ref<ZTAbstractPerson>>>
     replacementObjectsForUserDictionaries(const QVariantList &dictionaries);
@@ -197,6 +225,9 @@ public:
     void resetUsers();
     ZT_METHOD("resetUsers", resetUsers)
     //! The first user whose identity's nickname equals `name` ignoring case.
+    //! Answered from an index by case-folded nickname, kept as people are
+    //! appended and rebuilt after any other change of "users" or any
+    //! rename (zt::model::nicknameGeneration()).
     zt::Ref<ZTAbstractPerson> personWithName(const QString &name) const;
     ZT_METHOD("personWithName:", personWithName)
 
@@ -237,7 +268,17 @@ protected:
 private:
     static void invalidatePeople(const QList<zt::Ref<ZTAbstractPerson>> &people);
 
+    //! Adds the users from `first` on to a valid index; the first user of
+    //! a nickname stays its entry.
+    void indexUsersFrom(qsizetype first) const;
+
     zt::Ref<ZTAbstractAdvancedSettings> m_advancedSettings;
+    QList<zt::Ref<ZTAbstractPerson>> m_users;
+    // Case-folded nickname → first user of it. Valid while it covers
+    // exactly m_users and no identity was renamed since it was made.
+    mutable QHash<QString, ZTAbstractPerson *> m_userIndex;
+    mutable bool m_userIndexValid = false;
+    mutable quint64 m_userIndexGeneration = 0;
     QVariant m_highlightDictionaries;
     bool m_tearingDown = false;
 };

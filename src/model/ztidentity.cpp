@@ -69,6 +69,8 @@ void ZTAbstractIdentity::init()
 
 void ZTAbstractIdentity::setNickname(const QString &nickname)
 {
+    if (!m_nickname.isEmpty() && m_nickname != nickname)
+        zt::model::noteNicknameChange();
     setAndNotify(m_nickname, nickname, QStringLiteral("nickname"));
 }
 

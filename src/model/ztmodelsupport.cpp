@@ -6,6 +6,8 @@
 #include <QHash>
 #include <QReadWriteLock>
 
+#include <atomic>
+
 namespace zt::model {
 
 QVariantList dictionariesOfEntries(const QVariantList &entries)
@@ -58,6 +60,20 @@ QVariant transformedValue(const QString &name, const QVariant &value)
         transformer = t.byName.value(name);
     }
     return transformer ? transformer(value) : QVariant();
+}
+
+namespace {
+std::atomic<quint64> renames{0};
+} // namespace
+
+quint64 nicknameGeneration()
+{
+    return renames.load(std::memory_order_relaxed);
+}
+
+void noteNicknameChange()
+{
+    renames.fetch_add(1, std::memory_order_relaxed);
 }
 
 } // namespace zt::model

@@ -34,10 +34,6 @@ ZT_EXPORT void setValueTransformer(const QString &name, ValueTransformer transfo
 //! The transformed value, or nil when no transformer has that name.
 ZT_EXPORT QVariant transformedValue(const QString &name, const QVariant &value);
 
-//! The objects that a change of an ordered to-many list, observed with its
-//! old values, takes out of the list (`now` is the list after the change):
-//! every old object, except, for a replacement, the replacing objects and,
-//! for any other change, the objects still held.
 //! The indexes at which `list` holds any of `objects`.
 template<typename T> IndexSet indexesOfAny(const QList<Ref<T>> &list, const QList<Ref<T>> &objects)
 {
@@ -55,6 +51,10 @@ template<typename T> IndexSet indexesOfAny(const QList<Ref<T>> &list, const QLis
 //! dictionary form, a plain value as it is.
 ZT_EXPORT QVariantList dictionariesOfEntries(const QVariantList &entries);
 
+//! The objects that a change of an ordered to-many list, observed with its
+//! old values, takes out of the list (`now` is the list after the change):
+//! every old object, except, for a replacement, the replacing objects and,
+//! for any other change, the objects still held.
 template<typename T> QList<Ref<T>> departedObjects(const KVOChange &change, const QList<Ref<T>> &now)
 {
     if (isNilOrNull(change.oldValue) || change.kind == KeyValueChange::Insertion)
@@ -74,5 +74,12 @@ template<typename T> QList<Ref<T>> departedObjects(const KVOChange &change, cons
             departed.append(object);
     return departed;
 }
+
+//! Grows whenever a person may have changed names under an index of people
+//! by nickname: an identity's nickname changed from a non-empty one, or a
+//! person took another identity. Such an index is rebuilt when it differs.
+ZT_EXPORT quint64 nicknameGeneration();
+//! Notes a rename (see nicknameGeneration).
+ZT_EXPORT void noteNicknameChange();
 
 } // namespace zt::model

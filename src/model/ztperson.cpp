@@ -140,6 +140,13 @@ void ZTAbstractPerson::initWithNicknameOnConnection(const QString &nickname, ZTA
     }
 }
 
+void ZTAbstractPerson::willChangeValueForKey(const QString &key)
+{
+    if (m_identity && key == u"identity")
+        zt::model::noteNicknameChange();
+    super::willChangeValueForKey(key);
+}
+
 void ZTAbstractPerson::initWithNicknameOnChannel(const QString &nickname, ZTAbstractChannel *channel)
 {
     initWithNicknameOnConnection(nickname, channel ? rawPointer(channel->connection()) : nullptr);

@@ -109,6 +109,8 @@ public:
     void nilify() override;
     QString replacementKeyForWiring(const QString &key) const override;
     bool shouldPropagateValueChangesForKey(const QString &key) const override;
+    //! Taking another identity counts as a rename (zt::model::noteNicknameChange).
+    void willChangeValueForKey(const QString &key) override;
 
 private:
     bool m_isQueryParty = false;

@@ -52,6 +52,23 @@ QVariant readPath(Object *object, const QString &path)
 
 QVariant elementsAt(Object *object, const QString &key, const IndexSet &indexes)
 {
+    // A key read at indexes ("countOfKey", "keyAtIndexes:") costs the
+    // elements changed, not the whole list.
+    const KeyAccessors &accessors = object->classInfo().accessorsForKey(key);
+    if (accessors.countOf && accessors.atIndexes) {
+        try {
+            const qint64 count = accessors.countOf->call(object, nullptr).toLongLong();
+            if (indexes.isEmpty() || indexes.last() < quint64(count)) {
+                const QVariant at = QVariant::fromValue(indexes);
+                QVariantList out = accessors.atIndexes->call(object, &at).toList();
+                for (QVariant &v : out)
+                    v = recordValue(std::move(v));
+                return out;
+            }
+        } catch (const Exception &) {
+            // read the whole list below
+        }
+    }
     const QVariantList list = readKey(object, key).toList();
     QVariantList out;
     out.reserve(qsizetype(indexes.count()));

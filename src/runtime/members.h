@@ -24,11 +24,13 @@
 //       NSRangeException or NSInvalidArgumentException as the platform's
 //       arrays do, whoever calls it), "setKey:" and mutableKey(), the
 //       announcing view that key-value coding and the class's own
-//       operations use.
+//       operations use; "countOfKey" and "keyAtIndexes:" read a count and
+//       a few elements without copying the whole list.
 //   ZT_WIRED_TO_MANY(Type, key, Key, wired, Wired)
 //       ZT_TO_MANY plus the wired form of the key: "wired" (each element's
 //       dictionary), "setWired:", "insertWired:atIndexes:",
-//       "removeWiredAtIndexes:", converted back through the class's
+//       "removeWiredAtIndexes:", "countOfWired" and "wiredAtIndexes:" (the
+//       dictionaries of those elements only), converted back through the class's
 //       `std::optional<QList<Ref<Type>>> replacementObjectsForWired(const
 //       QVariantList &)`; nil (nullopt) leaves the list alone in the setter.
 //   ZT_TO_MANY_OUT_OF_LINE / ZT_WIRED_TO_MANY_OUT_OF_LINE (same arguments)
@@ -134,6 +136,21 @@ template<typename T> QVariantList dictionariesOf(const QList<Ref<T>> &list)
     out.reserve(list.size());
     for (const Ref<T> &object : list)
         out.append(object->dictionary());
+    return out;
+}
+
+//! The elements at `indexes`, each made by `value` (an object's value or its
+//! dictionary); raises NSRangeException for an index past the end.
+template<typename T, typename Value>
+QVariantList valuesAtIndexes(const Object *self, const char *selector, const QList<Ref<T>> &list,
+                             const IndexSet &indexes, Value value)
+{
+    if (!indexes.isEmpty() && indexes.last() >= quint64(list.size()))
+        raiseIndexBeyondBounds(self, selector, indexes.last(), list.size());
+    QVariantList out;
+    out.reserve(qsizetype(indexes.count()));
+    for (quint64 i : indexes)
+        out.append(value(list[qsizetype(i)]));
     return out;
 }
 
@@ -254,6 +271,15 @@ public:
     void Scope set##Key(const QList<::zt::Ref<Type>> &objects)                                               \
     {                                                                                                        \
         setAndNotify(m_##key, objects, QStringLiteral(#key));                                                \
+    }                                                                                                        \
+    qsizetype Scope countOf##Key() const                                                                     \
+    {                                                                                                        \
+        return m_##key.size();                                                                               \
+    }                                                                                                        \
+    QVariantList Scope key##AtIndexes(const ::zt::IndexSet &indexes) const                                   \
+    {                                                                                                        \
+        return ::zt::detail::valuesAtIndexes(this, #key "AtIndexes:", m_##key, indexes,                      \
+                                             [](const auto &o) { return ::zt::objectValue(o.get()); });      \
     }
 
 #define ZT_WIRED_BODIES(Scope, Type, key, Key, wired, Wired)                                                 \
@@ -275,6 +301,15 @@ public:
     void Scope remove##Wired##AtIndexes(const ::zt::IndexSet &indexes)                                       \
     {                                                                                                        \
         mutable##Key().removeObjectsAtIndexes(indexes);                                                      \
+    }                                                                                                        \
+    qsizetype Scope countOf##Wired() const                                                                   \
+    {                                                                                                        \
+        return m_##key.size();                                                                               \
+    }                                                                                                        \
+    QVariantList Scope wired##AtIndexes(const ::zt::IndexSet &indexes) const                                 \
+    {                                                                                                        \
+        return ::zt::detail::valuesAtIndexes(this, #wired "AtIndexes:", m_##key, indexes,                    \
+                                             [](const auto &o) { return QVariant(o->dictionary()); });       \
     }
 
 #define ZT_TO_MANY_MUTABLE(key, Key)                                                                         \
@@ -294,13 +329,17 @@ public:
     void replace##Key##AtIndexesWith##Key(const ::zt::IndexSet &indexes,                                     \
                                           const QList<::zt::Ref<Type>> &objects);                            \
     void set##Key(const QList<::zt::Ref<Type>> &objects);                                                    \
+    qsizetype countOf##Key() const;                                                                          \
+    QVariantList key##AtIndexes(const ::zt::IndexSet &indexes) const;                                        \
     ZT_TO_MANY_MUTABLE(key, Key)
 
 #define ZT_TO_MANY_REGISTER(b, key, Key)                                                                     \
     b.property(#key, &zt_self::key, &zt_self::set##Key);                                                     \
     b.method("insert" #Key ":atIndexes:", &zt_self::insert##Key##AtIndexes);                                 \
     b.method("remove" #Key "AtIndexes:", &zt_self::remove##Key##AtIndexes);                                  \
-    b.method("replace" #Key "AtIndexes:with" #Key ":", &zt_self::replace##Key##AtIndexesWith##Key);
+    b.method("replace" #Key "AtIndexes:with" #Key ":", &zt_self::replace##Key##AtIndexesWith##Key);          \
+    b.method("countOf" #Key, &zt_self::countOf##Key);                                                        \
+    b.method(#key "AtIndexes:", &zt_self::key##AtIndexes);
 
 #define ZT_TO_MANY(Type, key, Key)                                                                           \
     ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                     \
@@ -310,7 +349,9 @@ public:
     ZT_TO_MANY_REGISTER(b, key, Key)                                                                         \
     b.property(#wired, &zt_self::wired, &zt_self::set##Wired);                                               \
     b.method("insert" #Wired ":atIndexes:", &zt_self::insert##Wired##AtIndexes);                             \
-    b.method("remove" #Wired "AtIndexes:", &zt_self::remove##Wired##AtIndexes);
+    b.method("remove" #Wired "AtIndexes:", &zt_self::remove##Wired##AtIndexes);                              \
+    b.method("countOf" #Wired, &zt_self::countOf##Wired);                                                    \
+    b.method(#wired "AtIndexes:", &zt_self::wired##AtIndexes);
 
 #define ZT_WIRED_TO_MANY(Type, key, Key, wired, Wired)                                                       \
     ZT_TO_MANY_ACCESSORS(Type, key, Key)                                                                     \
@@ -332,6 +373,8 @@ public:
     void set##Wired(const QVariantList &dictionaries);                                                       \
     void insert##Wired##AtIndexes(const QVariantList &dictionaries, const ::zt::IndexSet &indexes);          \
     void remove##Wired##AtIndexes(const ::zt::IndexSet &indexes);                                            \
+    qsizetype countOf##Wired() const;                                                                        \
+    QVariantList wired##AtIndexes(const ::zt::IndexSet &indexes) const;                                      \
     ZT_DECLARED_MEMBER(b){ZT_WIRED_REGISTER(b, key, Key, wired, Wired)} ZT_LIST_FIELD(Type, key)
 
 #define ZT_DEFINE_TO_MANY(Class, Type, key, Key) ZT_TO_MANY_BODIES(Class::, Type, key, Key)

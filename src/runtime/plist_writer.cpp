@@ -12,11 +12,13 @@
 #include "runtime/fastpath_p.h"
 #include "runtime/plist.h"
 #include "runtime/plist_p.h"
+
 #include "runtime/value.h"
 
 #include "runtime/format.h"
 
 #include <QVarLengthArray>
+#include <algorithm>
 #include <cstring>
 
 namespace zt::plist {
@@ -90,6 +92,15 @@ private:
 
     bool sameScalar(const Object &a, const Object &b) const;
     void growTable();
+    //! Resizes the reference list, growing its capacity geometrically: a
+    //! resize alone reallocates to the exact size, which makes a list of
+    //! many containers cost the square of its length in copies.
+    void growRefs(qsizetype size)
+    {
+        if (size > m_refs.capacity())
+            m_refs.reserve(std::max(size, 2 * m_refs.capacity()));
+        m_refs.resize(size);
+    }
     uchar *emitObject(uchar *p, const Object &o, int refSize) const;
 
     QVarLengthArray<Object, 64> m_objects;
@@ -231,7 +242,7 @@ template<typename It> qsizetype Writer::flattenEntries(It first, It last, qsizet
     o.headerSize = 1 + countSize(n);
     m_objects.append(o);
     m_headerBytes += o.headerSize;
-    m_refs.resize(o.firstRef + 2 * n);
+    growRefs(o.firstRef + 2 * n);
     qsizetype at = o.firstRef;
     for (It it = first; it != last; ++it)
         m_refs[at++] = flattenString(keyOf(*it));
@@ -268,7 +279,7 @@ qsizetype Writer::flattenContainer(const QVariant &value, int depth)
         o.headerSize = 1 + countSize(o.count);
         m_objects.append(o);
         m_headerBytes += o.headerSize;
-        m_refs.resize(o.firstRef + o.count);
+        growRefs(o.firstRef + o.count);
         qsizetype at = o.firstRef;
         for (const QString &s : list)
             m_refs[at++] = flattenString(s);
@@ -279,7 +290,7 @@ qsizetype Writer::flattenContainer(const QVariant &value, int depth)
     o.headerSize = 1 + countSize(o.count);
     m_objects.append(o);
     m_headerBytes += o.headerSize;
-    m_refs.resize(o.firstRef + o.count);
+    growRefs(o.firstRef + o.count);
     qsizetype at = o.firstRef;
     for (const QVariant &element : list) {
         const qsizetype child = flatten(element, depth + 1);
