@@ -1,42 +1,10 @@
-// Connections: defaults, wiring, look-ups, bookkeeping and teardown.
+// Connections: the server and its dictionary, look-ups, bookkeeping and teardown.
 #include "model_fixture.h"
 #include "network_classes.h"
 #include "settings_classes.h"
 #include "support/log_capture.h"
 
 using ChatTest = ModelTest;
-
-TEST_F(ChatTest, FreshConnection)
-{
-    auto connection = make<AgentConnection>();
-    EXPECT_EQ(connection->status(), 3);
-    EXPECT_EQ(connection->nickname(), QStringLiteral("")); // empty, not nil
-    EXPECT_TRUE(connection->modes().isNull());
-    EXPECT_TRUE(connection->isConnection());
-    EXPECT_EQ(connection->connectionUUID(), connection->description());
-}
-
-TEST_F(ChatTest, ObjectValuedKeysTravelAsDictionaries)
-{
-    auto connection = make<AgentConnection>();
-    const struct
-    {
-        QString key, wired;
-    } rows[] = {
-        {QStringLiteral("server"), QStringLiteral("serverDictionary")},
-        {QStringLiteral("currentIdentity"), QStringLiteral("currentIdentityDictionary")},
-        {QStringLiteral("nextIdentity"), QStringLiteral("nextIdentityDictionary")},
-        {QStringLiteral("channels"), QStringLiteral("channelDictionaries")},
-        {QStringLiteral("transfers"), QStringLiteral("transferDictionaries")},
-        {QStringLiteral("advancedSettings"), QStringLiteral("advancedSettingsDictionary")},
-        {QStringLiteral("proxy"), QStringLiteral("proxyDictionary")},
-        {QStringLiteral("console"), QStringLiteral("consoleDictionary")},
-        {QStringLiteral("highlights"), QStringLiteral("highlightDictionaries")},
-        {QStringLiteral("nickname"), QStringLiteral("nickname")},
-    };
-    for (const auto &row : rows)
-        EXPECT_EQ(connection->replacementKeyForWiring(row.key), row.wired) << row.key.toStdString();
-}
 
 TEST_F(ChatTest, ServerDictionaryIsReadFromTheServer)
 {

@@ -1,11 +1,10 @@
 // The channel's index of people by nickname against a plain scan of the
 // list, after every kind of change of the list and of the names in it; and
 // the indexed reads of a wired list against the whole list.
-#include "chat_fixture.h"
+#include "model_fixture.h"
 #include "runtime/exception.h"
 
-using chattest::ChatTest;
-using namespace Qt::StringLiterals;
+using ChatTest = ModelTest;
 
 TEST_F(ChatTest, PersonWithNameAgreesWithAScanAfterEveryChange)
 {
