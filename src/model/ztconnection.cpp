@@ -1,5 +1,7 @@
 #include "model/ztconnection.h"
 
+#include "core/ztdirectory.h"
+#include "model/ztcontrollers.h"
 #include "model/ztidentity.h"
 #include "model/ztmodelsupport.h"
 #include "model/ztnetwork.h"
@@ -215,7 +217,8 @@ void ZTAbstractConnection::nilify()
     // What the connection owns ends with it: the departure observation has
     // ended by now (invalidate empties the observer set first; teardown
     // too), so the channels and the console are invalidated here, and so
-    // are the settings, transfers, proxy, identities and a server that no
+    // are the settings, transfers, proxy, the identities that the identity
+    // controller does not list, and a server that no
     // network lists (a network's server stays the network's).
     m_tearingDown = true;
     QList<zt::Ref<ZTAbstractIPC>> owned;
@@ -238,9 +241,14 @@ void ZTAbstractConnection::nilify()
         invalidateChannels({console});
     }
     setModes(QString());
-    keep(m_currentIdentity);
+    // The user's own identities belong to the identity controller when it
+    // lists them; any other identity was the connection's alone.
+    const auto identities = zt::dynamicCast<ZTAbstractIdentityController>(
+        ZTDirectory::sharedInstance()->objectWithID(QStringLiteral("IdentityController")));
+    for (const zt::Ref<ZTAbstractSelfIdentity> &identity : {m_currentIdentity, m_nextIdentity})
+        if (!identities || !identities->identities().contains(identity))
+            keep(identity);
     setCurrentIdentity({});
-    keep(m_nextIdentity);
     setNextIdentity({});
     if (m_server && !(m_server->network() && m_server->network()->servers().contains(m_server)))
         keep(m_server);

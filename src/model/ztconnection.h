@@ -10,7 +10,8 @@
 // client's forwards it to the agent.
 //
 // Ownership: the connection owns its channels, transfers, server (unless a
-// network lists it), identities, proxy, settings and console. A channel that
+// network lists it), identities (unless the identity controller lists them),
+// proxy, settings and console. A channel that
 // leaves "channels" is invalidated and loses its back reference;
 // invalidating (or tearing down) the connection invalidates everything it
 // still owns, and sends nothing to the mirror meanwhile.

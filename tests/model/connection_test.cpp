@@ -143,6 +143,9 @@ TEST_F(ChatTest, OwnedObjectsEndWithTheirOwner)
     shared->addServer(listed);
     auto other = make<AgentConnection>();
     other->setServer(listed);
+    auto identities = make<AgentIdentityController>(); // the user's own identities stay its
+    identities->addIdentity(make<AgentSelfIdentity>());
+    other->setCurrentIdentity(identities->identities()[0]);
     auto own = zt::make<AgentServer>();
     own->init();
     connection->setServer(own);
@@ -170,5 +173,6 @@ TEST_F(ChatTest, OwnedObjectsEndWithTheirOwner)
     for (const auto &[name, object] : owned)
         EXPECT_FALSE(object->inDirectory()) << name;
     EXPECT_TRUE(listed->inDirectory());
+    EXPECT_TRUE(identities->identities()[0]->inDirectory());
     invalidateNetworkTree(shared.get());
 }
