@@ -40,22 +40,6 @@ const zt::Protocol &demoClientRootProtocol()
     return protocol;
 }
 
-//! The controller and everything it holds leave the directory. Invalidating
-//! a connection takes its channels and their people along but only drops
-//! its server and identities: those are invalidated here.
-void invalidateModel(ZTAbstractConnectionController *controller)
-{
-    QList<zt::Ref<ZTAbstractIPC>> dropped;
-    for (const auto &connection : controller->connections())
-        dropped << zt::Ref<ZTAbstractIPC>(connection->server())
-                << zt::Ref<ZTAbstractIPC>(connection->currentIdentity())
-                << zt::Ref<ZTAbstractIPC>(connection->nextIdentity());
-    controller->invalidate();
-    for (const auto &object : dropped)
-        if (object)
-            object->invalidate();
-}
-
 // ---- the agent ----
 
 zt::Ref<AgentChannel> makeChannel(ZTAbstractConnection *connection, const QString &name, bool console = false)
@@ -226,7 +210,7 @@ int runAgent(QCoreApplication &app)
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true); // the event loop is over: close at once
     host->close();
-    invalidateModel(agent.controller.get());
+    agent.controller->invalidate(); // with everything it holds
     return rc;
 }
 
@@ -327,8 +311,7 @@ private:
             << (topic.isEmpty() ? QString() : QStringLiteral(" (topic: %1)").arg(topic)) << Qt::endl;
         for (const auto &person : ch->users())
             watchPerson(person, ch);
-        // An empty topic is not shown: the agent's channel clears its state
-        // when it is invalidated, and its mirror follows before the removal.
+        // A topic is shown when it is set, not when it is cleared.
         watch(ch, "attributes", [ch](auto *, const zt::KVOChange &c) {
             const QString topic = c.newValue.toMap().value(TopicKey).toString();
             if (!topic.isEmpty() && topic != c.oldValue.toMap().value(TopicKey).toString())
@@ -445,8 +428,8 @@ int runClient(QCoreApplication &app, quint16 port)
     QTimer::singleShot(20000, &app, [] { QCoreApplication::exit(2); });
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
-    invalidateModel(controller.get());
-    client->close(); // the agent sees its last client go and quits
+    controller->invalidate(); // with everything it holds
+    client->close();          // the agent sees its last client go and quits
     if (agent.state() != QProcess::NotRunning) {
         agent.waitForFinished(5000);
         out << QString::fromUtf8(agent.readAllStandardOutput());
