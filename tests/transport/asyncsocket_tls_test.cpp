@@ -166,36 +166,29 @@ const char *const eagerClient = R"(
 import socket, ssl, sys
 s = socket.create_connection(('127.0.0.1', int(sys.argv[1])))
 ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
-ctx.check_hostname = False
-ctx.verify_mode = ssl.CERT_NONE
+ctx.check_hostname, ctx.verify_mode = False, ssl.CERT_NONE
 incoming, outgoing = ssl.MemoryBIO(), ssl.MemoryBIO()
 tls = ctx.wrap_bio(incoming, outgoing, server_hostname='localhost')
-def receive():
-    chunk = s.recv(65536)
-    if not chunk:
-        sys.exit('closed by the server')
-    incoming.write(chunk)
+def retry(action):
+    while True:
+        try:
+            return action()
+        except ssl.SSLWantReadError:
+            s.sendall(outgoing.read())
+            chunk = s.recv(65536)
+            if not chunk:
+                sys.exit('closed by the server')
+            incoming.write(chunk)
 try:
     tls.do_handshake()
 except ssl.SSLWantReadError:
-    pass
-s.sendall(b'STARTTLS\r\n' + outgoing.read())
-while True:
-    try:
-        tls.do_handshake()
-        s.sendall(outgoing.read())
-        break
-    except ssl.SSLWantReadError:
-        s.sendall(outgoing.read())
-        receive()
+    s.sendall(b'STARTTLS\r\n' + outgoing.read())
+retry(tls.do_handshake)
 tls.write(b'secret\n')
 s.sendall(outgoing.read())
 reply = b''
 while len(reply) < 6:
-    try:
-        reply += tls.read(6 - len(reply))
-    except ssl.SSLWantReadError:
-        receive()
+    reply += retry(lambda: tls.read(6 - len(reply)))
 print(reply.decode(), end='')
 )";
 

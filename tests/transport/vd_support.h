@@ -40,21 +40,14 @@ inline QByteArray hex(const char *text)
     return QByteArray::fromHex(QByteArray(text));
 }
 
-//! A binary property list holding one object, built by hand: the header,
-//! the object's bytes (given in hex), a one-entry offset table of 1-byte
-//! offsets and the 32-byte trailer.
+//! A binary property list holding one object (its bytes in hex), built by
+//! hand: header, object, a one-entry table of 1-byte offsets, the trailer
+//! (unused bytes, offset and reference widths, count, top, table position).
 inline QByteArray scalarPlist(const char *objectHex)
 {
     const QByteArray object = hex(objectHex);
-    QByteArray out = QByteArrayLiteral("bplist00") + object;
-    out.append(char(8));                     // the one offset: the object follows the header
-    out.append(QByteArray(6, '\0'));         // unused, sort version
-    out.append(char(1));                     // offset width
-    out.append(char(1));                     // reference width
-    out += word(1);                          // object count
-    out += word(0);                          // top object
-    out += word(quint64(8 + object.size())); // offset table position
-    return out;
+    return "bplist00" + object + hex("08 000000000000 01 01") + word(1) + word(0) +
+           word(quint64(8 + object.size()));
 }
 
 //! A message body: selector, handler identifier, then one record per payload.

@@ -104,24 +104,6 @@ struct ExactRow
     QVariantList decoded;
 };
 
-//! The pinned messages, by row name, in file order.
-const QList<std::pair<QString, QByteArray>> &pinnedMessages()
-{
-    static const QList<std::pair<QString, QByteArray>> messages = [] {
-        QList<std::pair<QString, QByteArray>> out;
-        QFile file(QStringLiteral(ZT_TEST_SOURCE_DIR "/data/vdmessage_calls.txt"));
-        EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << file.fileName().toStdString();
-        for (const QByteArray &line : file.readAll().split('\n')) {
-            if (line.isEmpty() || line.startsWith('#'))
-                continue;
-            const qsizetype space = line.indexOf(' ');
-            out.append({QString::fromLatin1(line.left(space)), QByteArray::fromHex(line.mid(space + 1))});
-        }
-        return out;
-    }();
-    return messages;
-}
-
 // A call with one argument and no handler.
 ExactRow one(const char *name, const char *selector, const QVariant &argument, const QVariant &decoded)
 {
@@ -192,44 +174,58 @@ bool sameValue(const QVariant &a, const QVariant &b)
     return zt::valuesEqual(a, b);
 }
 
-void PrintTo(const ExactRow &row, std::ostream *os)
+// Each row's call encodes to the bytes pinned for it and they decode back;
+// Python's plistlib and a decoder written from the byte layout read the
+// pinned messages and must see the same calls.
+TEST(VDMessageExact, EncodesThePinnedBytesAndDecodesBack)
 {
-    *os << row.name;
-}
-
-class VDMessageExact : public testing::TestWithParam<ExactRow>
-{
-};
-
-TEST_P(VDMessageExact, EncodesThePinnedBytesAndDecodesBack)
-{
-    const ExactRow &row = GetParam();
-    const QByteArray bytes = vd::dataFromInvocation(call(row.selector, row.arguments), row.handler);
-    const auto &pinned = pinnedMessages();
-    const auto it = std::find_if(pinned.begin(), pinned.end(),
-                                 [&](const auto &p) { return p.first == QLatin1String(row.name); });
-    ASSERT_NE(it, pinned.end()) << "not pinned in tests/data/vdmessage_calls.txt";
-    EXPECT_EQ(bytes.toHex().toStdString(), it->second.toHex().toStdString());
-    ASSERT_GE(it->second.size(), 8);
-
+    QFile file(QStringLiteral(ZT_TEST_SOURCE_DIR "/data/vdmessage_calls.txt"));
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << file.fileName().toStdString();
+    QList<QByteArray> lines = file.readAll().split('\n');
+    lines.removeIf([](const QByteArray &line) { return line.isEmpty() || line.startsWith('#'); });
+    ASSERT_EQ(lines.size(), qsizetype(exactRows().size()));
     auto target = zt::make<CodecTarget>();
-    QString handler = u"stale"_s;
-    const auto decoded = vd::invocationFromData(QByteArrayView(it->second).sliced(8), target.get(), &handler);
-    ASSERT_TRUE(decoded.has_value());
-    EXPECT_EQ(decoded->selector(), row.selector);
-    EXPECT_EQ(decoded->target(), target.get());
-    EXPECT_EQ(handler, row.handler.isNull() ? QString() : row.handler);
-    EXPECT_FALSE(handler.isNull()) << "an absent identifier arrives as an empty string";
-    const QVariantList arguments = decoded->arguments();
-    ASSERT_EQ(arguments.size(), row.decoded.size());
-    for (qsizetype i = 0; i < arguments.size(); ++i)
-        EXPECT_TRUE(sameValue(arguments[i], row.decoded[i]))
-            << "argument " << i << ": " << render(arguments[i]).toStdString() << " vs "
-            << render(row.decoded[i]).toStdString();
-}
+    QStringList expected; // what the frame decoder prints
+    for (size_t r = 0; r < exactRows().size(); ++r) {
+        const ExactRow &row = exactRows()[r];
+        SCOPED_TRACE(row.name);
+        const qsizetype space = lines[r].indexOf(' ');
+        ASSERT_EQ(lines[r].left(space), row.name) << "the file follows the rows' order";
+        const QByteArray pinned = QByteArray::fromHex(lines[r].mid(space + 1));
+        const QByteArray bytes = vd::dataFromInvocation(call(row.selector, row.arguments), row.handler);
+        EXPECT_EQ(bytes.toHex().toStdString(), pinned.toHex().toStdString());
+        ASSERT_GE(pinned.size(), 8);
 
-INSTANTIATE_TEST_SUITE_P(Rows, VDMessageExact, testing::ValuesIn(exactRows()),
-                         [](const testing::TestParamInfo<ExactRow> &info) { return info.param.name; });
+        QString handler = u"stale"_s;
+        const auto decoded = vd::invocationFromData(QByteArrayView(pinned).sliced(8), target.get(), &handler);
+        ASSERT_TRUE(decoded.has_value());
+        EXPECT_EQ(decoded->selector(), row.selector);
+        EXPECT_EQ(decoded->target(), target.get());
+        EXPECT_EQ(handler, row.handler);
+        EXPECT_FALSE(handler.isNull()) << "an absent identifier arrives as an empty string";
+        const QVariantList arguments = decoded->arguments();
+        ASSERT_EQ(arguments.size(), row.decoded.size());
+        for (qsizetype i = 0; i < arguments.size(); ++i)
+            EXPECT_TRUE(sameValue(arguments[i], row.decoded[i]))
+                << "argument " << i << ": " << render(arguments[i]).toStdString() << " vs "
+                << render(row.decoded[i]).toStdString();
+        expected.append(u"frame B=%1 selector=%2 handler=%3 count=%4"_s.arg(pinned.size() - 8)
+                            .arg(QString::fromLatin1(row.selector), row.handler)
+                            .arg(row.decoded.size()));
+        for (const QVariant &v : row.decoded)
+            expected.append(u"  "_s + render(v));
+    }
+    const QString python = QStandardPaths::findExecutable(u"python3"_s);
+    if (python.isEmpty())
+        GTEST_SKIP() << "python3 is not installed";
+    QProcess process;
+    process.start(python,
+                  {QStringLiteral(ZT_TEST_SOURCE_DIR "/transport/frame_decoder.py"), file.fileName()});
+    ASSERT_TRUE(process.waitForFinished(60000));
+    const QString out = QString::fromUtf8(process.readAllStandardOutput()).trimmed();
+    EXPECT_EQ(process.exitCode(), 0) << out.toStdString() << process.readAllStandardError().toStdString();
+    EXPECT_EQ(out.split(u'\n'), expected);
+}
 
 // The per-thread tables of recent strings and selectors start empty: on a
 // fresh thread the empty string is not mistaken for an empty slot, and a
@@ -252,34 +248,6 @@ TEST(VDMessageRecent, FreshThreadsSendEmptyAndRepeatedStringsAsThemselves)
     thread->wait();
     delete thread;
     EXPECT_EQ(seen, (QStringList{u"''"_s, u"'value'"_s, u"''"_s, u"'value'"_s}));
-}
-
-// Python's plistlib and a decoder written from the byte layout read the
-// pinned messages and must see the calls the rows decode to.
-TEST(VDMessageOracle, PythonDecoderReadsTheSameCalls)
-{
-    const QString python = QStandardPaths::findExecutable(u"python3"_s);
-    if (python.isEmpty())
-        GTEST_SKIP() << "python3 is not installed";
-    QStringList expected;
-    for (const auto &pinned : pinnedMessages()) {
-        const auto row = std::find_if(exactRows().begin(), exactRows().end(), [&](const ExactRow &r) {
-            return pinned.first == QLatin1String(r.name);
-        });
-        ASSERT_NE(row, exactRows().end()) << pinned.first.toStdString();
-        expected.append(u"frame B=%1 selector=%2 handler=%3 count=%4"_s.arg(pinned.second.size() - 8)
-                            .arg(QString::fromLatin1(row->selector), row->handler)
-                            .arg(row->decoded.size()));
-        for (const QVariant &v : row->decoded)
-            expected.append(u"  "_s + render(v));
-    }
-    QProcess process;
-    process.start(python, {QStringLiteral(ZT_TEST_SOURCE_DIR "/transport/frame_decoder.py"),
-                           QStringLiteral(ZT_TEST_SOURCE_DIR "/data/vdmessage_calls.txt")});
-    ASSERT_TRUE(process.waitForFinished(60000));
-    const QString out = QString::fromUtf8(process.readAllStandardOutput()).trimmed();
-    EXPECT_EQ(process.exitCode(), 0) << out.toStdString() << process.readAllStandardError().toStdString();
-    EXPECT_EQ(out.split(u'\n'), expected);
 }
 
 // ---- the index-set form ----
