@@ -137,6 +137,20 @@ struct Assembly
     }
 };
 
+inline QVariant utcDate(qint64 ms)
+{
+    return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC);
+}
+
+//! `levels` one-element arrays around `innermost`.
+inline QVariant nested(int levels, const QVariant &innermost = 1)
+{
+    QVariant v = innermost;
+    for (int i = 0; i < levels; ++i)
+        v = QVariantList{v};
+    return v;
+}
+
 inline QByteArray hexBytes(const char *hex)
 {
     return QByteArray::fromHex(QByteArray(hex).replace(' ', ""));
