@@ -1,15 +1,10 @@
 // The two processes of the model scenario, one program:
-//   zt-e2e-model --agent   prints "LISTENING <port>"; once a client has
-//                          registered, runs every step of every family and
-//                          sends the client after each one the dictionary
-//                          forms of all objects ("agentCompletedStep:snapshot:"),
-//                          at the end the number of steps ("agentFinished:");
-//                          exits when its last client leaves.
-//   zt-e2e-model <port>    mirrors the agent's model and after each step
-//                          compares every object the agent lists with its
-//                          own mirror, printing "STEP <name>: OK" or
-//                          "STEP <name>: MISMATCH" and a "  <difference>"
-//                          line each; "DONE <steps>" at the end.
+//   zt-e2e-model --agent   prints "LISTENING <port>", runs the steps once a
+//                          client has registered, sending a snapshot after
+//                          each; exits when its last client leaves.
+//   zt-e2e-model <port>    compares each snapshot with its mirrors, printing
+//                          "STEP <name>: OK" or "STEP <name>: MISMATCH" and
+//                          one "  <difference>" line each; "DONE <steps>".
 
 #include "core/ztagenthost.h"
 #include "core/ztclientnode.h"
@@ -32,49 +27,37 @@ QTextStream out(stdout);
 struct Agent : ZTAgentHostDelegate
 {
     ScenarioContext ctx;
-    bool ran = false;
-    QList<ScenarioStep> steps;
-    ZTAgentHost *host = nullptr;
+    QList<ScenarioStep> steps = networkSteps() + peopleSteps() + chatSteps();
 
-    void hostDidRegisterClient(ZTAgentHost *h, VDConnection *) override
+    void hostDidRegisterClient(ZTAgentHost *host, VDConnection *) override
     {
-        if (std::exchange(ran, true))
+        if (ctx.tellClient)
             return;
-        host = h;
-        ctx.tellClient = [h](const char *selector, const QVariantList &arguments) {
-            h->counterpart()->perform(selector, arguments);
+        ctx.tellClient = [host](const char *selector, const QVariantList &arguments) {
+            host->counterpart()->perform(selector, arguments);
         };
-        for (const ScenarioFamily &family : scenarioFamilies())
-            steps += family.steps();
-        runFrom(0);
+        run(0, QDeadlineTimer(5000));
     }
-    void runFrom(qsizetype index)
+    // A step with `until` waits for it on the event loop for at most five
+    // seconds, then the snapshot goes out and the next step runs.
+    void run(qsizetype index, QDeadlineTimer deadline, bool started = false)
     {
-        if (index == steps.size()) {
-            host->counterpart()->perform("agentFinished:", {qint64(steps.size())});
-            return;
-        }
-        try {
-            steps[index].run(ctx);
-        } catch (const zt::Exception &e) {
-            QTextStream(stderr) << steps[index].name << ": " << e.name() << ": " << e.reason() << Qt::endl;
-        }
-        finish(index, QDeadlineTimer(5000));
-    }
-    // A step with `until` waits for it on the event loop (the client acts
-    // back), for at most five seconds.
-    void finish(qsizetype index, QDeadlineTimer deadline)
-    {
+        if (index == steps.size())
+            return ctx.tellClient("agentFinished:", {qint64(steps.size())});
         const ScenarioStep &step = steps[index];
+        try {
+            if (!started)
+                step.run(ctx);
+        } catch (const zt::Exception &e) {
+            QTextStream(stderr) << step.name << ": " << e.name() << ": " << e.reason() << Qt::endl;
+        }
         if (step.until && !step.until(ctx)) {
-            if (!deadline.hasExpired()) {
-                QTimer::singleShot(5, [this, index, deadline] { finish(index, deadline); });
-                return;
-            }
+            if (!deadline.hasExpired())
+                return QTimer::singleShot(5, [this, index, deadline] { run(index, deadline, true); });
             QTextStream(stderr) << step.name << ": timed out" << Qt::endl;
         }
-        host->counterpart()->perform("agentCompletedStep:snapshot:", {step.name, ctx.snapshot()});
-        runFrom(index + 1);
+        ctx.tellClient("agentCompletedStep:snapshot:", {step.name, ctx.snapshot()});
+        run(index + 1, QDeadlineTimer(5000));
     }
     void hostDidLoseClient(ZTAgentHost *host, VDConnection *) override
     {
@@ -107,8 +90,6 @@ int runAgent(QCoreApplication &app)
     const int rc = app.exec();
     AsyncSocket::setIsTerminating(true);
     host->close();
-    for (const auto &object : agent.ctx.tracked)
-        object->invalidate();
     root->invalidateAll();
     invalidateNetworkDirectory(directory.get());
     return rc;

@@ -1,33 +1,19 @@
 #include "model_scenario.h"
 
+#include "channel_classes.h"
+#include "connection_classes.h"
+#include "controller_classes.h"
 #include "core/ztdirectory.h"
-#include "core/ztrootobject.h"
+#include "dictionary_objects.h"
 #include "network_classes.h"
+#include "person_classes.h"
+#include "settings_classes.h"
 
 #include <QTextStream>
 
+using namespace Qt::StringLiterals;
+
 ZT_DEFINE_CLASS(ScenarioRoot)
-
-const QList<ScenarioFamily> &scenarioFamilies()
-{
-    static const QList<ScenarioFamily> families = {
-        {networkSteps, networkBuilders},
-        {peopleSteps, peopleBuilders},
-        {chatSteps, chatBuilders, chatComparedKeys},
-    };
-    return families;
-}
-
-ClientBuilders &clientBuilders()
-{
-    static ClientBuilders builders = [] {
-        ClientBuilders b;
-        for (const ScenarioFamily &family : scenarioFamilies())
-            family.builders(b);
-        return b;
-    }();
-    return builders;
-}
 
 const zt::Protocol &scenarioClientProtocol()
 {
@@ -41,60 +27,117 @@ const zt::Protocol &scenarioClientProtocol()
     return protocol;
 }
 
-// ---- root ----
+namespace {
+
+template<typename C> zt::Ref<ZTAbstractIPC> fromDictionary(const QVariantMap &dictionary)
+{
+    return zt::apps::objectFromDictionary<C, ZTAbstractIPC>(dictionary);
+}
+
+// Controllers have a fixed UUID: the client makes them with plain init()
+// unless one is registered already.
+template<typename C> zt::Ref<ZTAbstractIPC> singleton(const QVariantMap &dictionary)
+{
+    if (auto existing =
+            ZTDirectory::sharedInstance()->objectWithID(dictionary.value(u"description"_s).toString()))
+        return existing;
+    return made<C>();
+}
+
+// The client's mirror of a top-level object, by the agent's class name.
+zt::Ref<ZTAbstractIPC> mirrorOf(const QVariantMap &entry)
+{
+    using Builder = zt::Ref<ZTAbstractIPC> (*)(const QVariantMap &);
+    static const QHash<QString, Builder> builders = {
+        {u"AgentAdvancedSettings"_s, fromDictionary<ClientAdvancedSettings>},
+        {u"AgentProxy"_s, fromDictionary<ClientProxy>},
+        {u"AgentBan"_s, fromDictionary<ClientBan>},
+        {u"AgentTransfer"_s, fromDictionary<ClientTransfer>},
+        {u"AgentSelfIdentity"_s, fromDictionary<ClientSelfIdentity>},
+        {u"AgentPseudoPerson"_s, fromDictionary<ClientPseudoPerson>},
+        {u"AgentPerson"_s,
+         [](const QVariantMap &d) -> zt::Ref<ZTAbstractIPC> {
+             return ClientPerson::personWithDictionary(d);
+         }},
+        {u"AgentConnectionController"_s, singleton<ClientConnectionController>},
+        {u"AgentIdentityController"_s, singleton<ClientIdentityController>},
+        // Not registered: the network directory holds its UUID.
+        {u"AgentPersonListController"_s,
+         [](const QVariantMap &) -> zt::Ref<ZTAbstractIPC> { return made<ClientPersonListController>(); }},
+    };
+    const Builder builder = builders.value(entry.value(u"class"_s).toString());
+    return builder ? builder(entry.value(u"dictionary"_s).toMap()) : nullptr;
+}
+
+QList<zt::Ref<ZTAbstractIPC>> mirrorsOf(const QVariantList &entries)
+{
+    QList<zt::Ref<ZTAbstractIPC>> out;
+    for (const QVariant &entry : entries)
+        if (auto object = mirrorOf(entry.toMap()))
+            out.append(object);
+    return out;
+}
+
+QStringList comparedKeys(const ZTAbstractIPC *object)
+{
+    static const QStringList connectionKeys =
+        u"nickname modes status unreadLines unreadHighlights attributes serverDictionary "
+        u"currentIdentityDictionary nextIdentityDictionary advancedSettingsDictionary proxyDictionary "
+        u"consoleDictionary channelDictionaries transferDictionaries"_s.split(u' ');
+    if (dynamic_cast<const ZTAbstractConnection *>(object))
+        return connectionKeys;
+    if (dynamic_cast<const ZTAbstractChannel *>(object))
+        return {u"starOccurences"_s};
+    if (dynamic_cast<const ZTAbstractConnectionController *>(object))
+        return {u"connectionDictionaries"_s};
+    if (dynamic_cast<const ZTAbstractIdentityController *>(object))
+        return {u"identityDictionaries"_s};
+    if (dynamic_cast<const ZTAbstractNetworkDirectory *>(object))
+        return {u"networkDictionaries"_s};
+    return {};
+}
+
+} // namespace
 
 QVariantList ScenarioRoot::objectDictionaries() const
 {
     QVariantList out;
     for (const zt::Ref<ZTAbstractIPC> &object : m_objects)
-        out.append(QVariantMap{{QStringLiteral("class"), object->className()},
-                               {QStringLiteral("dictionary"), object->dictionary()}});
-    return out;
-}
-
-QList<zt::Ref<ZTAbstractIPC>> ScenarioRoot::objectsForEntries(const QVariantList &entries) const
-{
-    QList<zt::Ref<ZTAbstractIPC>> out;
-    for (const QVariant &entry : entries) {
-        const QVariantMap e = entry.toMap();
-        const auto builder = clientBuilders().value(e.value(QStringLiteral("class")).toString());
-        if (auto object = builder ? builder(e.value(QStringLiteral("dictionary")).toMap()) : nullptr)
-            out.append(object);
-    }
+        out.append(QVariantMap{{u"class"_s, object->className()}, {u"dictionary"_s, object->dictionary()}});
     return out;
 }
 
 void ScenarioRoot::setObjectDictionaries(const QVariantList &entries)
 {
-    setObjects(objectsForEntries(entries));
+    setObjects(mirrorsOf(entries));
 }
 
 void ScenarioRoot::insertObjectDictionariesAtIndexes(const QVariantList &entries, const zt::IndexSet &indexes)
 {
-    mutableObjects().insertObjectsAtIndexes(zt::detail::objectValues(objectsForEntries(entries)), indexes);
+    mutableObjects().insertObjectsAtIndexes(zt::detail::objectValues(mirrorsOf(entries)), indexes);
 }
 
 void ScenarioRoot::removeObjectDictionariesAtIndexes(const zt::IndexSet &indexes)
 {
     QList<zt::Ref<ZTAbstractIPC>> removed;
     for (quint64 i : indexes)
-        if (i < quint64(m_objects.size()))
-            removed.append(m_objects[qsizetype(i)]);
+        removed.append(m_objects.value(qsizetype(i)));
     mutableObjects().removeObjectsAtIndexes(indexes);
     for (const auto &object : removed)
-        object->invalidate(); // the client's root owns its mirrors
+        if (object)
+            object->invalidate(); // the client's root owns its mirrors
 }
 
 QVariantMap ScenarioRoot::dictionary() const
 {
     QVariantMap d = super::dictionary();
-    d.insert(QStringLiteral("objectDictionaries"), objectDictionaries());
+    d.insert(u"objectDictionaries"_s, objectDictionaries());
     return d;
 }
 
 QString ScenarioRoot::replacementKeyForWiring(const QString &key) const
 {
-    return key == u"objects" ? QStringLiteral("objectDictionaries") : super::replacementKeyForWiring(key);
+    return key == u"objects" ? u"objectDictionaries"_s : super::replacementKeyForWiring(key);
 }
 
 void ScenarioRoot::invalidateAll()
@@ -104,54 +147,63 @@ void ScenarioRoot::invalidateAll()
     invalidate();
 }
 
-// ---- context ----
-
-void ScenarioContext::adopt(const zt::Ref<ZTAbstractIPC> &object)
+void ScenarioContext::adopt(const QString &name, const zt::Ref<ZTAbstractIPC> &object)
 {
+    adopted.insert(name, object);
     root->mutableObjects().addObject(zt::objectValue(object.get()));
 }
 
-void ScenarioContext::forget(const ZTAbstractIPC *object)
+void ScenarioContext::drop(const QString &name)
 {
-    tracked.removeIf([object](const zt::Ref<ZTAbstractIPC> &o) { return o.get() == object; });
+    zt::Ref<ZTAbstractIPC> object = adopted.take(name);
+    root->mutableObjects().removeObjectAtIndex(root->objects().indexOf(object));
+    object->invalidate();
 }
 
 QVariantMap comparedForm(const ZTAbstractIPC *object)
 {
     QVariantMap form = object->dictionary();
-    for (const ScenarioFamily &family : scenarioFamilies()) {
-        if (!family.comparedKeys)
-            continue;
-        for (const QString &key : family.comparedKeys(object)) {
-            const QVariant value = const_cast<ZTAbstractIPC *>(object)->valueForKey(key);
-            form.insert(key, value.isValid() ? value : QVariant(QStringLiteral("<nil>")));
-        }
+    for (const QString &key : comparedKeys(object)) {
+        const QVariant value = const_cast<ZTAbstractIPC *>(object)->valueForKey(key);
+        form.insert(key, value.isValid() ? value : QVariant(u"<nil>"_s));
     }
     return form;
 }
 
-QVariantMap ScenarioContext::snapshot() const
+QVariantMap ScenarioContext::snapshot()
 {
     QVariantMap out;
-    // Only the object the directory holds mirrors by UUID (the person list
-    // controller loses "NetworkDirectory" to the network directory).
-    auto add = [&out](const ZTAbstractIPC *object) {
-        if (ZTDirectory::sharedInstance()->objectWithID(object->description()).get() == object)
-            out.insert(object->description(), comparedForm(object));
+    ZTDirectory *directory = ZTDirectory::sharedInstance();
+    // Every dictionary with a UUID the directory holds names an object: its
+    // compared form goes in, and is searched in turn.
+    std::function<void(const QVariant &)> visit = [&](const QVariant &value) {
+        if (value.typeId() == QMetaType::QVariantList) {
+            for (const QVariant &v : value.toList())
+                visit(v);
+        } else if (value.typeId() == QMetaType::QVariantMap) {
+            const QVariantMap map = value.toMap();
+            const QString uuid = map.value(u"description"_s).toString();
+            if (zt::Ref<ZTAbstractIPC> object =
+                    out.contains(uuid) ? nullptr : directory->objectWithID(uuid)) {
+                out.insert(uuid, comparedForm(object.get()));
+                visit(out.value(uuid));
+            }
+            for (const QVariant &v : map)
+                visit(v);
+        }
     };
-    add(directory);
-    for (const auto &network : directory->networks()) {
-        add(network.get());
-        for (const auto &server : network->servers())
-            add(server.get());
-    }
-    for (const auto &object : root->objects())
-        add(object.get());
-    for (const auto &object : tracked)
-        add(object.get());
-    for (const QString &uuid : goneUUIDs)
-        if (ZTDirectory::sharedInstance()->objectWithID(uuid))
+    visit(this->directory->dictionary());
+    visit(root->objectDictionaries());
+    QStringList gone;
+    for (const QString &uuid : std::as_const(seen)) {
+        if (out.contains(uuid))
+            continue;
+        gone.append(uuid);
+        if (directory->objectWithID(uuid))
             QTextStream(stderr) << uuid << ": still in the agent's directory" << Qt::endl;
-    out.insert(QString::fromLatin1(GoneEntry), goneUUIDs);
+    }
+    for (auto it = out.cbegin(); it != out.cend(); ++it)
+        seen.insert(it.key());
+    out.insert(QString::fromLatin1(GoneEntry), gone);
     return out;
 }

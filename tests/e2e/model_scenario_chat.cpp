@@ -1,16 +1,13 @@
 // Steps of the chat family: the three controllers, a connection with its
 // server, identities, settings and proxy, its console, channels and a query,
 // the people in a channel, bans, stars, counters and transfers, and the
-// removal of a channel and of the connection. The controllers are top-level
-// objects; the connection and its channels are tracked (their dictionary
-// form is only part of what they hold, so chatComparedKeys names the rest).
-// A connection's dictionary form is its UUID alone: its mirror is made
-// empty, so the agent adds it to the controller before filling it.
+// removal of a channel and of the connection. A connection's dictionary form
+// is its UUID alone: its mirror is made empty, so the agent adds it to the
+// controller before filling it.
 
 #include "channel_classes.h"
 #include "connection_classes.h"
 #include "controller_classes.h"
-#include "dictionary_objects.h"
 #include "model_scenario.h"
 #include "network_classes.h"
 #include "person_classes.h"
@@ -20,28 +17,14 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-qsizetype controllerIndex = -1; // where the controllers sit among the root's objects
-
-ZTAbstractConnectionController *controller(ScenarioContext &ctx)
-{
-    return dynamic_cast<ZTAbstractConnectionController *>(ctx.root->objects().value(controllerIndex).get());
-}
-
 ZTAbstractConnection *connection(ScenarioContext &ctx)
 {
-    return controller(ctx)->connections().value(0).get();
+    return ctx.get<ZTAbstractConnectionController>(u"connections"_s)->connections().value(0).get();
 }
 
 ZTAbstractChannel *channel(ScenarioContext &ctx, const QString &name)
 {
     return connection(ctx)->channelWithName(name).get();
-}
-
-template<typename T> zt::Ref<T> made()
-{
-    auto object = zt::make<T>();
-    object->init();
-    return object;
 }
 
 zt::Ref<ZTAbstractChannel> newChannel(const QString &name, bool isChannel, bool isQuery = false)
@@ -73,45 +56,16 @@ zt::Ref<ZTAbstractSelfIdentity> selfIdentity(const QString &username)
     return identity;
 }
 
-QStringList uuidsOf(const QList<zt::Ref<ZTAbstractIPC>> &objects)
+zt::Ref<ZTAbstractTransfer> transfer(const QString &file)
 {
-    QStringList out;
-    for (const auto &object : objects)
-        if (object)
-            out.append(object->description());
-    return out;
+    auto t = made<AgentTransfer>();
+    t->setAttributes({{u"file"_s, file}, {u"size"_s, qint64(2048)}});
+    return t;
 }
 
-//! The channel, its people (with their identities), bans and settings.
-QStringList ownedBy(const ZTAbstractChannel *c)
+QString messageID(ZTAbstractChannel *c, qsizetype line)
 {
-    QList<zt::Ref<ZTAbstractIPC>> owned{zt::Ref<ZTAbstractIPC>(const_cast<ZTAbstractChannel *>(c)),
-                                        c->advancedSettings()};
-    for (const auto &person : c->users())
-        owned << person << person->identity();
-    for (const auto &ban : c->banlist())
-        owned.append(ban);
-    return uuidsOf(owned);
-}
-
-QStringList ownedBy(const ZTAbstractConnection *c)
-{
-    QList<zt::Ref<ZTAbstractIPC>> owned{c->currentIdentity(), c->nextIdentity(), c->server(), c->proxy(),
-                                        c->advancedSettings()};
-    for (const auto &transfer : c->transfers())
-        owned.append(transfer);
-    QStringList out = uuidsOf(owned) << c->description();
-    if (c->console())
-        out += ownedBy(c->console().get());
-    for (const auto &ch : c->channels())
-        out += ownedBy(ch.get());
-    return out;
-}
-
-bool countersCleared(ScenarioContext &ctx)
-{
-    const ZTAbstractChannel *c = channel(ctx, u"#qt"_s);
-    return c->unreadLines() == 0 && c->unreadHighlights() == 0;
+    return c->content()[line].toMap().value(u"msgID"_s).toString();
 }
 
 } // namespace
@@ -119,33 +73,24 @@ bool countersCleared(ScenarioContext &ctx)
 QList<ScenarioStep> chatSteps()
 {
     return {
-        {u"controllers: create"_s,
+        {u"controllers: create, identities"_s,
          [](ScenarioContext &ctx) {
-             controllerIndex = ctx.root->objects().size();
-             ctx.adopt(made<AgentConnectionController>());
-             ctx.adopt(made<AgentIdentityController>());
-             // Not registered (the directory holds "NetworkDirectory"): it
-             // stays local, and the snapshot leaves it out.
-             ctx.adopt(made<AgentPersonListController>());
-         }},
-        {u"identity controller: identities"_s,
-         [](ScenarioContext &ctx) {
-             auto *identities =
-                 dynamic_cast<ZTAbstractIdentityController *>(ctx.root->objects()[controllerIndex + 1].get());
+             ctx.adopt(u"connections"_s, made<AgentConnectionController>());
+             auto identities = made<AgentIdentityController>();
+             ctx.adopt(u"identities"_s, identities);
+             auto people = made<AgentPersonListController>();
+             ctx.adopt(u"people"_s, people);
              identities->addIdentity(selfIdentity(u"zin"_s));
              identities->insertIdentitiesAtLocations({selfIdentity(u"taro"_s)}, zt::IndexSet(0));
              identities->identities()[1]->setRealname(u"Zin T."_s);
-             auto *people = dynamic_cast<ZTAbstractPersonListController *>(
-                 ctx.root->objects()[controllerIndex + 2].get());
              auto pseudo = zt::make<AgentPseudoPerson>();
              pseudo->initWithContentOnNetwork(u"zin*"_s, ctx.directory->networks().value(0).get());
              people->addPseudoPerson(pseudo);
          }},
-        {u"connection: server, identities, settings, proxy"_s,
+        {u"connection: server, identities, settings, proxy, transfers"_s,
          [](ScenarioContext &ctx) {
              auto c = made<AgentConnection>();
-             controller(ctx)->addConnection(c);
-             ctx.track(c);
+             ctx.get<ZTAbstractConnectionController>(u"connections"_s)->addConnection(c);
              auto server = made<AgentServer>();
              server->setAddress(u"irc.example.net"_s);
              server->setSecure(true);
@@ -159,44 +104,39 @@ QList<ScenarioStep> chatSteps()
              c->setNickname(u"zin"_s);
              c->setModes(u"+iw"_s);
              c->setStatus(1);
+             c->addTransfer(transfer(u"notes.txt"_s));
+             c->addTransfer(transfer(u"talk.ogg"_s));
          }},
-        {u"connection: console, channels and a query"_s,
+        {u"connection: console, channels and a query; people join, bans added"_s,
          [](ScenarioContext &ctx) {
-             ZTAbstractConnection *c = connection(ctx);
-             c->setConsole(newChannel(u"Example"_s, false));
-             c->addChannels({newChannel(u"#zintaro"_s, true), newChannel(u"#qt"_s, true)});
-             c->insertChannelsAtLocations({newChannel(u"alice"_s, false, true)}, zt::IndexSet(1));
-             for (const auto &ch : c->channels())
-                 ctx.track(ch);
-             c->channels()[0]->setAdvancedSettings(made<AgentAdvancedSettings>());
-         }},
-        {u"channel: people join"_s,
-         [](ScenarioContext &ctx) {
-             ZTAbstractChannel *c = channel(ctx, u"#zintaro"_s);
+             ZTAbstractConnection *connection = ::connection(ctx);
+             connection->setConsole(newChannel(u"Example"_s, false));
+             connection->addChannels({newChannel(u"#zintaro"_s, true), newChannel(u"#qt"_s, true)});
+             connection->insertChannelsAtLocations({newChannel(u"alice"_s, false, true)}, zt::IndexSet(1));
+             ZTAbstractChannel *c = connection->channels()[0].get();
+             c->setAdvancedSettings(made<AgentAdvancedSettings>());
              c->addPerson(newPerson(ctx, u"alice"_s, c));
              c->mutableUsers().addObjects(
                  zt::detail::objectValues(QList{newPerson(ctx, u"bob"_s, c), newPerson(ctx, u"carol"_s, c)}));
              c->users()[1]->identity()->setPrivileges(QVariantList{qint16(3)});
+             for (const QString &mask : {u"*!*@spam.example"_s, u"troll!*@*"_s, u"*!*@flood.example"_s})
+                 c->mutableBanlist().addObject(zt::objectValue(
+                     ZTAbstractBan::banWithMaskBannerDate<AgentBan>(mask, u"zin"_s, 1700000000.5).get()));
          }},
-        {u"channel: nick change and away"_s,
+        {u"channel and connection: nick change, away, a person leaves, topic, modes, parts changed"_s,
          [](ScenarioContext &ctx) {
              ZTAbstractChannel *c = channel(ctx, u"#zintaro"_s);
              c->personWithName(u"bob"_s)->identity()->setNickname(u"bobby"_s);
              // The status crosses; the away text stays with the agent.
              c->personWithName(u"alice"_s)->identity()->setStatus(ZTAbstractIdentity::StatusAway);
-         }},
-        {u"channel: a person leaves"_s,
-         [](ScenarioContext &ctx) {
-             ZTAbstractChannel *c = channel(ctx, u"#zintaro"_s);
-             zt::Ref<ZTAbstractPerson> carol = c->personWithName(u"carol"_s);
-             ctx.gone({carol->description(), carol->identity()->description()});
-             c->removePerson(carol);
-         }},
-        {u"channel: topic and modes"_s,
-         [](ScenarioContext &ctx) {
-             channel(ctx, u"#zintaro"_s)
-                 ->setAttributes({{u"topic"_s, u"Zintaro Core"_s}, {u"modes"_s, u"+nt"_s}});
+             c->removePerson(c->personWithName(u"carol"_s));
+             c->setAttributes({{u"topic"_s, u"Zintaro Core"_s}, {u"modes"_s, u"+nt"_s}});
              channel(ctx, u"#qt"_s)->setAttributes({{u"topic"_s, u"Qt 6"_s}});
+             c->advancedSettings()->setMuteSounds(true);
+             ZTAbstractConnection *connection = ::connection(ctx);
+             connection->server()->setPort(6698);
+             connection->currentIdentity()->setRealname(u"Zin Taro"_s);
+             connection->nextIdentity()->setUsername(u"zin_"_s);
          }},
         {u"counters: unread lines and highlights"_s,
          [](ScenarioContext &ctx) {
@@ -206,101 +146,40 @@ QList<ScenarioStep> chatSteps()
              }
              connection(ctx)->setUnreadLines(4);
          }},
-        {u"counters: the agent resets a channel"_s,
-         [](ScenarioContext &ctx) { channel(ctx, u"#zintaro"_s)->resetLineCount(); }},
-        {u"counters: the client resets a channel"_s,
+        {u"counters: the agent resets one channel, the client the other"_s,
          [](ScenarioContext &ctx) {
+             channel(ctx, u"#zintaro"_s)->resetLineCount();
              ctx.tellClient("agentAsksClientToPerform:onObjectWithID:",
                             {u"resetLineCount"_s, channel(ctx, u"#qt"_s)->description()});
          },
-         countersCleared},
-        {u"stars: lines, a star added and one removed"_s,
+         [](ScenarioContext &ctx) {
+             const ZTAbstractChannel *c = channel(ctx, u"#qt"_s);
+             return c->unreadLines() == 0 && c->unreadHighlights() == 0;
+         }},
+        {u"stars added and removed, a ban removed, transfer attributes, a transfer removed"_s,
          [](ScenarioContext &ctx) {
              ZTAbstractChannel *c = channel(ctx, u"#zintaro"_s);
              c->echo(u"hello"_s);
              c->echo(u"world"_s);
-             const QString first = c->content()[0].toMap().value(u"msgID"_s).toString();
-             c->addStarOccurenceWithUUID(first);
-             c->addStarOccurenceWithUUID(c->content()[1].toMap().value(u"msgID"_s).toString());
-             c->removeStarOccurenceWithUUID(first);
-         }},
-        {u"bans: added, then one removed"_s,
-         [](ScenarioContext &ctx) {
-             ZTAbstractChannel *c = channel(ctx, u"#zintaro"_s);
-             for (const QString &mask : {u"*!*@spam.example"_s, u"troll!*@*"_s, u"*!*@flood.example"_s})
-                 c->mutableBanlist().addObject(zt::objectValue(
-                     ZTAbstractBan::banWithMaskBannerDate<AgentBan>(mask, u"zin"_s, 1700000000.5).get()));
-             zt::Ref<ZTAbstractBan> gone = c->banlist()[1];
+             c->addStarOccurenceWithUUID(messageID(c, 0));
+             c->addStarOccurenceWithUUID(messageID(c, 1));
+             c->removeStarOccurenceWithUUID(messageID(c, 0));
+             zt::Ref<ZTAbstractBan> ban = c->banlist()[1];
              c->mutableBanlist().removeObjectAtIndex(1);
-             ctx.gone({gone->description()});
-             gone->invalidate();
-         }},
-        {u"transfers: added, attributes, one removed"_s,
-         [](ScenarioContext &ctx) {
-             ZTAbstractConnection *c = connection(ctx);
-             for (const QString &file : {u"notes.txt"_s, u"talk.ogg"_s}) {
-                 auto t = made<AgentTransfer>();
-                 t->setAttributes({{u"file"_s, file}, {u"size"_s, qint64(2048)}});
-                 c->addTransfer(t);
-             }
-             c->transfers()[1]->setAttributes({{u"file"_s, u"talk.ogg"_s}, {u"received"_s, qint64(512)}});
-             c->transfers()[1]->accept();
-             zt::Ref<ZTAbstractTransfer> gone = c->transfers()[0];
-             c->removeTransfer(gone);
-             ctx.gone({gone->description()});
-             gone->invalidate();
+             ban->invalidate();
+             ZTAbstractConnection *connection = ::connection(ctx);
+             connection->transfers()[1]->setAttributes(
+                 {{u"file"_s, u"talk.ogg"_s}, {u"received"_s, qint64(512)}});
+             connection->transfers()[1]->accept();
+             zt::Ref<ZTAbstractTransfer> transfer = connection->transfers()[0];
+             connection->removeTransfer(transfer);
+             transfer->invalidate();
          }},
         {u"connection: a channel removed"_s,
-         [](ScenarioContext &ctx) {
-             zt::Ref<ZTAbstractChannel> c = channel(ctx, u"#zintaro"_s);
-             ctx.gone(ownedBy(c.get()));
-             ctx.forget(c.get());
-             connection(ctx)->removeChannel(c);
-         }},
+         [](ScenarioContext &ctx) { connection(ctx)->removeChannel(channel(ctx, u"#zintaro"_s)); }},
         {u"controller: the connection removed"_s,
          [](ScenarioContext &ctx) {
-             zt::Ref<ZTAbstractConnection> c = connection(ctx);
-             ctx.gone(ownedBy(c.get()));
-             ctx.forget(c.get());
-             for (const auto &ch : c->channels())
-                 ctx.forget(ch.get());
-             controller(ctx)->removeConnection(c);
+             ctx.get<ZTAbstractConnectionController>(u"connections"_s)->removeConnection(connection(ctx));
          }},
     };
-}
-
-// Controllers have a fixed UUID: the client makes them with plain init()
-// unless one is registered already.
-template<typename C> zt::Ref<ZTAbstractIPC> singleton(const QVariantMap &dictionary)
-{
-    if (auto existing =
-            ZTDirectory::sharedInstance()->objectWithID(dictionary.value(u"description"_s).toString()))
-        return existing;
-    return made<C>();
-}
-
-void chatBuilders(ClientBuilders &builders)
-{
-    builders.insert(u"AgentConnectionController"_s, singleton<ClientConnectionController>);
-    builders.insert(u"AgentIdentityController"_s, singleton<ClientIdentityController>);
-    builders.insert(u"AgentPersonListController"_s, [](const QVariantMap &) -> zt::Ref<ZTAbstractIPC> {
-        return made<ClientPersonListController>();
-    });
-}
-
-QStringList chatComparedKeys(const ZTAbstractIPC *object)
-{
-    static const QStringList connectionKeys =
-        u"nickname modes status unreadLines unreadHighlights attributes serverDictionary "
-        u"currentIdentityDictionary nextIdentityDictionary advancedSettingsDictionary proxyDictionary "
-        u"consoleDictionary channelDictionaries transferDictionaries"_s.split(u' ');
-    if (dynamic_cast<const ZTAbstractConnection *>(object))
-        return connectionKeys;
-    if (dynamic_cast<const ZTAbstractChannel *>(object))
-        return {u"starOccurences"_s};
-    if (dynamic_cast<const ZTAbstractConnectionController *>(object))
-        return {u"connectionDictionaries"_s};
-    if (dynamic_cast<const ZTAbstractIdentityController *>(object))
-        return {u"identityDictionaries"_s};
-    return {};
 }

@@ -2,7 +2,6 @@
 // and servers (every kind of to-many change), advanced settings, a proxy,
 // bans and a transfer.
 
-#include "dictionary_objects.h"
 #include "model_scenario.h"
 #include "network_classes.h"
 #include "settings_classes.h"
@@ -13,8 +12,7 @@ namespace {
 
 zt::Ref<ZTAbstractServer> server(ZTAbstractNetwork *network, const QString &address, quint64 port = 0)
 {
-    auto s = zt::make<AgentServer>();
-    s->init();
+    auto s = made<AgentServer>();
     s->setAddress(address);
     s->setPort(port);
     s->setNetwork(network);
@@ -29,138 +27,93 @@ zt::Ref<ZTAbstractNetwork> network(const QString &name, const QStringList &addre
     return n;
 }
 
-template<typename T> T *adopted(ScenarioContext &ctx, qsizetype index)
-{
-    return dynamic_cast<T *>(ctx.root->objects().value(index).get());
-}
-
-void removeAdopted(ScenarioContext &ctx, qsizetype index)
-{
-    zt::Ref<ZTAbstractIPC> object = ctx.root->objects().value(index);
-    ctx.root->mutableObjects().removeObjectAtIndex(index);
-    object->invalidate();
-}
-
 } // namespace
 
 QList<ScenarioStep> networkSteps()
 {
     return {
-        {QStringLiteral("directory: add networks"),
+        {u"directory: add networks"_s,
          [](ScenarioContext &ctx) {
-             ctx.directory->addNetwork(
-                 network(QStringLiteral("Libera"), {u"irc.libera.chat"_s, u"eu.libera.chat"_s}));
-             ctx.directory->addNetwork(network(QStringLiteral("OFTC"), {u"irc.oftc.net"_s}));
+             ctx.directory->addNetwork(network(u"Libera"_s, {u"irc.libera.chat"_s, u"eu.libera.chat"_s}));
+             ctx.directory->addNetwork(network(u"OFTC"_s, {u"irc.oftc.net"_s}));
          }},
-        {QStringLiteral("server: every key"),
+        {u"network and server: every key; servers inserted, removed by equality, replaced"_s,
          [](ScenarioContext &ctx) {
-             ZTAbstractServer *s = ctx.directory->networks()[0]->servers()[1].get();
-             s->setAddress(QStringLiteral("EU.Libera.Chat"));
+             ZTAbstractNetwork *oftc = ctx.directory->networks()[1].get();
+             oftc->setName(u"OFTC (custom)"_s);
+             oftc->setAuthService(2);
+             oftc->setIsCustom(true);
+             ZTAbstractServer *s = oftc->servers()[0].get();
+             s->setAddress(u"IRC.OFTC.net"_s);
              s->setSecure(true); // the effective port follows
              s->setTrust(true);
-             s->setPassword(QStringLiteral("Secret"));
+             s->setPassword(u"Secret"_s);
              s->setPort(7000);
-         }},
-        {QStringLiteral("network: insert a server at the front"),
-         [](ScenarioContext &ctx) {
              ZTAbstractNetwork *n = ctx.directory->networks()[0].get();
-             n->insertServersAtLocations({server(n, QStringLiteral("us.libera.chat"), 6665)},
-                                         zt::IndexSet(0));
-         }},
-        {QStringLiteral("network: remove a server by equality"),
-         [](ScenarioContext &ctx) {
-             ZTAbstractNetwork *n = ctx.directory->networks()[0].get();
-             zt::Ref<ZTAbstractServer> gone = n->servers()[1];
-             n->removeServer(server(n, QStringLiteral("IRC.LIBERA.CHAT")));
-             gone->invalidate();
-         }},
-        {QStringLiteral("network: replace a server"),
-         [](ScenarioContext &ctx) {
-             ZTAbstractNetwork *n = ctx.directory->networks()[0].get();
-             zt::Ref<ZTAbstractServer> gone = n->servers()[0];
-             n->mutableServers().replaceObjectAtIndex(0,
+             n->insertServersAtLocations({server(n, u"us.libera.chat"_s, 6665)}, zt::IndexSet(0));
+             zt::Ref<ZTAbstractServer> removed = n->servers()[1];
+             n->removeServer(server(n, u"IRC.LIBERA.CHAT"_s));
+             removed->invalidate();
+             zt::Ref<ZTAbstractServer> replaced = n->servers()[1];
+             n->mutableServers().replaceObjectAtIndex(1,
                                                       zt::objectValue(server(n, u"ca.libera.chat"_s).get()));
-             gone->invalidate();
+             replaced->invalidate();
          }},
-        {QStringLiteral("network: name, auth service, custom"),
+        {u"directory: replace a network, add two, remove one"_s,
          [](ScenarioContext &ctx) {
-             ZTAbstractNetwork *n = ctx.directory->networks()[1].get();
-             n->setName(QStringLiteral("OFTC (custom)"));
-             n->setAuthService(2);
-             n->setIsCustom(true);
+             zt::Ref<ZTAbstractNetwork> replaced = ctx.directory->networks()[1];
+             auto efnet = network(u"EFnet"_s, {u"irc.efnet.org"_s, u"efnet.port80.se"_s});
+             ctx.directory->mutableNetworks().replaceObjectAtIndex(1, zt::objectValue(efnet.get()));
+             invalidateNetworkTree(replaced.get());
+             auto rizon = network(u"Rizon"_s, {u"irc.rizon.net"_s});
+             ctx.directory->addNetwork(rizon);
+             ctx.directory->addNetwork(network(u"QuakeNet"_s, {}));
+             ctx.directory->removeNetwork(rizon);
+             invalidateNetworkTree(rizon.get());
          }},
-        {QStringLiteral("directory: replace a network"),
+        {u"settings: advanced settings, proxy, bans, transfer"_s,
          [](ScenarioContext &ctx) {
-             zt::Ref<ZTAbstractNetwork> gone = ctx.directory->networks()[1];
-             auto fresh = network(QStringLiteral("EFnet"), {u"irc.efnet.org"_s, u"efnet.port80.se"_s});
-             ctx.directory->mutableNetworks().replaceObjectAtIndex(1, zt::objectValue(fresh.get()));
-             invalidateNetworkTree(gone.get());
-         }},
-        {QStringLiteral("directory: add then remove a network"),
-         [](ScenarioContext &ctx) {
-             auto extra = network(QStringLiteral("Rizon"), {u"irc.rizon.net"_s});
-             ctx.directory->addNetwork(extra);
-             ctx.directory->addNetwork(network(QStringLiteral("QuakeNet"), {}));
-             ctx.directory->removeNetwork(extra);
-             invalidateNetworkTree(extra.get());
-         }},
-        {QStringLiteral("settings: advanced settings, proxy, bans, transfer"),
-         [](ScenarioContext &ctx) {
-             auto settings = zt::make<AgentAdvancedSettings>();
-             settings->init();
-             ctx.adopt(settings);
-             auto proxy = zt::make<AgentProxy>();
-             proxy->init();
-             proxy->setProxyAddress(QStringLiteral("proxy.local"));
-             ctx.adopt(proxy);
+             ctx.adopt(u"settings"_s, made<AgentAdvancedSettings>());
+             auto proxy = made<AgentProxy>();
+             proxy->setProxyAddress(u"proxy.local"_s);
+             ctx.adopt(u"proxy"_s, proxy);
              // A date finer than a millisecond survives the dictionary.
-             ctx.adopt(ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@spam.example"_s, u"op"_s,
-                                                                      1700000000.123456));
-             ctx.adopt(ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"troll!*@*"_s, u"op"_s, 1.5));
-             auto transfer = zt::make<AgentTransfer>();
-             transfer->init();
-             transfer->setAttributes({{QStringLiteral("file"), QStringLiteral("notes.txt")},
-                                      {QStringLiteral("size"), qint64(1024)}});
-             ctx.adopt(transfer);
+             ctx.adopt(u"ban"_s, ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@spam.example"_s,
+                                                                                u"op"_s, 1700000000.123456));
+             ctx.adopt(u"ban2"_s,
+                       ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"troll!*@*"_s, u"op"_s, 1.5));
+             auto transfer = made<AgentTransfer>();
+             transfer->setAttributes({{u"file"_s, u"notes.txt"_s}, {u"size"_s, qint64(1024)}});
+             ctx.adopt(u"transfer"_s, transfer);
          }},
-        {QStringLiteral("settings: change every key"),
+        {u"settings: change every key"_s,
          [](ScenarioContext &ctx) {
-             auto *settings = adopted<ZTAbstractAdvancedSettings>(ctx, 0);
+             auto *settings = ctx.get<ZTAbstractAdvancedSettings>(u"settings"_s);
              settings->setShowCounts(false);
              settings->setExcludeFromLog(true);
              settings->setMuteSounds(true);
              settings->setBlowfishEnabled(true);
              settings->setAutoJoin(true);
              settings->setAutoRejoin(true);
-             settings->setBlowfishKey(QStringLiteral("fish"));
-             auto *proxy = adopted<ZTAbstractProxy>(ctx, 1);
-             proxy->setProxyPassword(QStringLiteral("pw"));
-             proxy->setProxyUsername(QStringLiteral("me"));
+             settings->setBlowfishKey(u"fish"_s);
+             auto *proxy = ctx.get<ZTAbstractProxy>(u"proxy"_s);
+             proxy->setProxyPassword(u"pw"_s);
+             proxy->setProxyUsername(u"me"_s);
              proxy->setEnabled(true);
              proxy->setSystemwide(true);
              proxy->setProxyType(2);
              proxy->setProxyPort(1080);
-             auto *ban = adopted<ZTAbstractBan>(ctx, 2);
-             ban->setMask(QStringLiteral("*!*@ham.example"));
-             ban->setBanner(QStringLiteral("chanserv"));
+             proxy->setProxyAddress(QString());
+             auto *ban = ctx.get<ZTAbstractBan>(u"ban"_s);
+             ban->setMask(u"*!*@ham.example"_s);
+             ban->setBanner(u"chanserv"_s);
              ban->setDate(QDateTime::fromMSecsSinceEpoch(1600000000250, Qt::UTC));
-             adopted<ZTAbstractTransfer>(ctx, 4)->accept();
+             ctx.get<ZTAbstractTransfer>(u"transfer"_s)->accept();
+             ctx.drop(u"ban2"_s);
          }},
-        {QStringLiteral("settings: nil key, removed ban"),
+        {u"settings: nil Blowfish key"_s,
          [](ScenarioContext &ctx) {
-             adopted<ZTAbstractAdvancedSettings>(ctx, 0)->setBlowfishKey(QString()); // sent as ""
-             adopted<ZTAbstractProxy>(ctx, 1)->setProxyAddress(QString());
-             removeAdopted(ctx, 3);
+             ctx.get<ZTAbstractAdvancedSettings>(u"settings"_s)->setBlowfishKey(QString());
          }},
     };
-}
-
-void networkBuilders(ClientBuilders &builders)
-{
-    using zt::apps::objectFromDictionary;
-    builders.insert(QStringLiteral("AgentAdvancedSettings"),
-                    objectFromDictionary<ClientAdvancedSettings, ZTAbstractIPC>);
-    builders.insert(QStringLiteral("AgentProxy"), objectFromDictionary<ClientProxy, ZTAbstractIPC>);
-    builders.insert(QStringLiteral("AgentBan"), objectFromDictionary<ClientBan, ZTAbstractIPC>);
-    builders.insert(QStringLiteral("AgentTransfer"), objectFromDictionary<ClientTransfer, ZTAbstractIPC>);
 }
