@@ -1,5 +1,5 @@
 // Key-value coding: accessor search, key paths, collections, undefined keys,
-// and the ordered to-many view.
+// and the ordered to-many view's refusals.
 
 #include "support/test_model.h"
 
@@ -92,62 +92,6 @@ TEST(KeyValueCoding, UndefinedKeysRaiseWithThePlatformText)
               QStringLiteral("NSUndefinedKeyException")); // read-only
     EXPECT_EQ(raisedName([&] { valueForKey(QVariant(QStringLiteral("s")), QStringLiteral("x")); }),
               QStringLiteral("NSUndefinedKeyException"));
-}
-
-TEST(MutableArrayProxy, AnnouncesEachKindWithItsIndexes)
-{
-    auto s = make<Sample>();
-    auto rec = make<Recorder>();
-    s->addObserver(rec.get(), QStringLiteral("items"), ObservingOption::New | ObservingOption::Old);
-    MutableArrayProxy items = s->mutableArrayValueForKey(QStringLiteral("items"));
-
-    items.insertObjectsAtIndexes({QStringLiteral("a"), QStringLiteral("c")}, IndexSet{0, 1});
-    items.insertObjectAtIndex(QStringLiteral("b"), 1);
-    items.replaceObjectAtIndex(2, QStringLiteral("C"));
-    items.removeObjectsAtIndexes(IndexSet{0, 2});
-    EXPECT_EQ(s->items(), QVariantList{QStringLiteral("b")});
-
-    struct Expect
-    {
-        KeyValueChange kind;
-        IndexSet indexes;
-        QVariant newValue, oldValue;
-    } expected[] = {
-        {KeyValueChange::Insertion, {0, 1}, QVariantList{QStringLiteral("a"), QStringLiteral("c")}, {}},
-        {KeyValueChange::Insertion, {1}, QVariantList{QStringLiteral("b")}, {}},
-        {KeyValueChange::Replacement,
-         {2},
-         QVariantList{QStringLiteral("C")},
-         QVariantList{QStringLiteral("c")}},
-        {KeyValueChange::Removal, {0, 2}, {}, QVariantList{QStringLiteral("a"), QStringLiteral("C")}},
-    };
-    ASSERT_EQ(rec->notes.size(), 4);
-    for (int i = 0; i < 4; ++i) {
-        SCOPED_TRACE(i);
-        const KVOChange &c = rec->notes[i].change;
-        EXPECT_EQ(c.kind, expected[i].kind);
-        EXPECT_TRUE(c.hasIndexes);
-        EXPECT_EQ(c.indexes, expected[i].indexes);
-        EXPECT_TRUE(valuesEqual(c.newValue, expected[i].newValue)) << qPrintable(describe(c.newValue));
-        EXPECT_TRUE(valuesEqual(c.oldValue, expected[i].oldValue)) << qPrintable(describe(c.oldValue));
-    }
-    s->removeObserver(rec.get(), QStringLiteral("items"));
-}
-
-TEST(MutableArrayProxy, KeyWithOnlyASetterIsReplacedWhole)
-{
-    auto s = make<Sample>();
-    auto rec = make<Recorder>();
-    s->addObserver(rec.get(), QStringLiteral("tags"), ObservingOption::New);
-    auto tags = s->mutableArrayValueForKey(QStringLiteral("tags"));
-    tags.addObject(QStringLiteral("x"));
-    tags.insertObjectAtIndex(QStringLiteral("w"), 0);
-    tags.removeLastObject();
-    EXPECT_EQ(s->tags(), QVariantList{QStringLiteral("w")});
-    ASSERT_EQ(rec->notes.size(), 3);
-    for (const auto &n : rec->notes)
-        EXPECT_EQ(n.change.kind, KeyValueChange::Setting);
-    s->removeObserver(rec.get(), QStringLiteral("tags"));
 }
 
 TEST(MutableArrayProxy, RefusesBadIndexesWithoutChangingAnything)
