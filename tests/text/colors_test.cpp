@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QHash>
 #include <QRandomGenerator>
 
+#include <algorithm>
 #include <climits>
 
 namespace {
@@ -43,18 +45,9 @@ QString html(const QString &text)
     for (qsizetype open; (open = text.indexOf(u'{', at)) >= 0; at = text.indexOf(u'}', open) + 1) {
         out += text.mid(at, open - at);
         const QString token = text.mid(open + 1, text.indexOf(u'}', open) - open - 1);
-        if (token == u"b")
-            out += Bold;
-        else if (token == u"i")
-            out += Italic;
-        else if (token == u"u")
-            out += Underline;
-        else if (token == u"r")
-            out += Reverse;
-        else if (token == u"/")
-            out += End;
-        else
-            out += color(token.section(u',', 0, 0), token.section(u',', 1));
+        const QHash<QString, QString> pieces{
+            {u"b"_s, Bold}, {u"i"_s, Italic}, {u"u"_s, Underline}, {u"r"_s, Reverse}, {u"/"_s, End}};
+        out += pieces.value(token, color(token.section(u',', 0, 0), token.section(u',', 1)));
     }
     return out + text.mid(at);
 }
@@ -125,7 +118,8 @@ TEST(ColorCodesFastPath, TextWithoutCodesIsShared)
 }
 
 // A literal, unoptimised walk over the same rules, to check the scanning and
-// the two-pass sizing of the real converter on many random lines.
+// the two-pass sizing of the real converter on many random lines (the
+// colour names are the table that ColorTable.GetColor pins).
 QString referenceConvert(const QString &s, bool html)
 {
     auto digit = [&](qsizetype i) {
@@ -134,69 +128,51 @@ QString referenceConvert(const QString &s, bool html)
         const int v = int(static_cast<signed char>(s[i].unicode() & 0xFF)) - '0';
         return v >= 0 && v <= 9 ? v : -1;
     };
-    static const char16_t *const names[] = {u"white",  u"black",   u"navy",   u"green", u"red",  u"brown",
-                                            u"purple", u"orange",  u"yellow", u"lime",  u"teal", u"aqua",
-                                            u"blue",   u"fuchsia", u"gray",   u"silver"};
-    bool on[5] = {}; // bold, colour, reverse, underline, italic
-    QString out;
-    auto toggle = [&](int which, const QString &opening) {
-        if (html)
-            out += on[which] ? End : opening;
-        on[which] = !on[which];
+    qsizetype i = 0;
+    auto number = [&] { // one or two digits, the first at i + 1
+        const int first = digit(++i);
+        return digit(i + 1) >= 0 ? first * 10 + digit(++i) : first;
     };
-    for (qsizetype i = 0; i < s.size(); ++i) {
-        switch (s[i].unicode()) {
-        case 0x02:
-            toggle(0, Bold);
-            break;
-        case 0x03: {
-            if (on[1] && html)
-                out += End;
-            on[1] = false;
+    const std::pair<char16_t, QString> toggles[] = {
+        {0x02, Bold}, {0x16, Reverse}, {0x1F, Underline}, {0x1A, Italic}};
+    bool on[5] = {}; // the four toggles, then colour
+    QString out;
+    auto close = [&](bool &flag) {
+        if (flag && html)
+            out += End;
+        flag = false;
+    };
+    for (; i < s.size(); ++i) {
+        const auto toggle = std::find_if(std::begin(toggles), std::end(toggles),
+                                         [&](const auto &t) { return t.first == s[i].unicode(); });
+        if (toggle != std::end(toggles)) {
+            bool &flag = on[toggle - std::begin(toggles)];
+            if (html)
+                out += flag ? End : toggle->second;
+            flag = !flag;
+        } else if (s[i] == u'\x0F') {
+            for (bool &flag : on)
+                close(flag);
+        } else if (s[i] == u'\x03') {
+            close(on[4]);
             if (digit(i + 1) < 0)
-                break;
-            on[1] = true;
-            int fg = digit(++i);
-            if (digit(i + 1) >= 0)
-                fg = fg * 10 + digit(++i);
+                continue;
+            on[4] = true;
+            const int fg = number();
             int bg = -1;
             if (i + 1 < s.size() && s[i + 1] == u',') {
-                ++i;
-                if (digit(i + 1) >= 0) {
-                    bg = digit(++i);
-                    if (digit(i + 1) >= 0)
-                        bg = bg * 10 + digit(++i);
-                }
+                ++i; // the comma goes even without a background after it
+                if (digit(i + 1) >= 0)
+                    bg = number();
             }
             if (html)
-                out += color(QString::fromUtf16(names[fg % 16]),
-                             bg < 0 ? QString() : QString::fromUtf16(names[bg % 16]));
-            break;
-        }
-        case 0x0F:
-            for (bool &flag : on) {
-                if (flag && html)
-                    out += End;
-                flag = false;
-            }
-            break;
-        case 0x16:
-            toggle(2, Reverse);
-            break;
-        case 0x1F:
-            toggle(3, Underline);
-            break;
-        case 0x1A:
-            toggle(4, Italic);
-            break;
-        default:
+                out += color(irc::getColor(fg), bg < 0 ? QString() : irc::getColor(bg));
+        } else {
             out += s[i];
         }
     }
-    for (bool flag : on) {
-        if (flag && html)
-            out += End;
-    }
+    for (bool &flag : on)
+        close(flag);
     return out;
 }
 

@@ -21,11 +21,7 @@ QByteArray hex(const char *digits)
 
 std::string describe(const QByteArray &bytes)
 {
-    if (bytes.isNull())
-        return "(null)";
-    if (bytes.size() > 64)
-        return std::to_string(bytes.size()) + " bytes";
-    return bytes.toHex().toStdString();
+    return bytes.isNull() ? "(null)" : bytes.toHex().toStdString();
 }
 
 QByteArray chatText(qsizetype size)
