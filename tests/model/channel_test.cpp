@@ -1,7 +1,6 @@
-// Channels: defaults and dictionary form, outgoing commands, people and
-// their departure, line counts, stars and line look-ups.
+// Channels: dictionary form and encoding, outgoing commands, people and
+// their departure, line counts, stars, line look-ups and the archive.
 #include "model_fixture.h"
-#include "runtime/keyedarchive.h"
 
 using ChatTest = ModelTest;
 
@@ -9,25 +8,38 @@ namespace {
 
 QVariantMap line(const QString &id, const QString &text)
 {
-    return {{QStringLiteral("msgID"), id}, {QStringLiteral("text"), text}};
+    return {{u"msgID"_s, id}, {u"text"_s, text}};
 }
 
 } // namespace
 
-TEST_F(ChatTest, CountersGoOutTruncatedTo32Bits)
-{
-    auto channel = make<AgentChannel>();
-    channel->setUnreadLines((quint64(1) << 32) + 5);
-    EXPECT_EQ(channel->dictionary().value(QStringLiteral("unreadLines")).toLongLong(), 5);
-}
-
-TEST_F(ChatTest, EncodingFollowsTheConnectionUntilSet)
+TEST_F(ChatTest, DictionaryFormsCountersAndEncoding)
 {
     auto connection = make<AgentConnection>();
-    auto channel = this->channel(QStringLiteral("#a"), connection.get());
+    expectDictionary(connection.get(), {}); // its state travels as property changes
+    auto channel = make<AgentChannel>();
+    // Every key of a fresh channel, grouped by its default.
+    QVariantMap expected{{u"encoding"_s, quint64(0)},
+                         {u"attributes"_s, QVariantMap()},
+                         {u"linesDictionary"_s,
+                          QVariantMap{{u"content"_s, QVariantList()}, {u"pastcontent"_s, QVariantList()}}}};
+    const auto fill = [&](const QStringList &keys, const QVariant &value) {
+        for (const QString &key : keys)
+            expected.insert(key, value);
+    };
+    fill({u"name"_s, u"password"_s}, u""_s);
+    fill({u"isConsole"_s, u"isChannel"_s, u"isQuery"_s, u"didValidateNames"_s, u"focusAfterAdd"_s}, false);
+    fill({u"status"_s, u"unreadLines"_s, u"unreadHighlights"_s, u"importance"_s, u"index"_s}, qint64(0));
+    fill({u"userDictionaries"_s, u"banlistDictionaries"_s, u"highlights"_s}, QVariantList());
+    expectDictionary(channel.get(), expected);
+
+    // Counters go out truncated to 32 bits; the encoding is the
+    // connection's until the channel sets its own.
+    channel->setConnection(connection.get());
+    channel->setUnreadLines((quint64(1) << 32) + 5);
     connection->setEncoding(4);
-    EXPECT_EQ(channel->encoding(), 4u);
-    EXPECT_EQ(channel->dictionary().value(QStringLiteral("encoding")).toULongLong(), 4u);
+    EXPECT_EQ(channel->dictionary().value(u"unreadLines"_s).toLongLong(), 5);
+    EXPECT_EQ(channel->dictionary().value(u"encoding"_s).toULongLong(), 4u);
     channel->setEncoding(30);
     connection->setEncoding(5);
     EXPECT_EQ(channel->encoding(), 30u);
@@ -45,17 +57,17 @@ TEST_F(ChatTest, OutgoingCommands)
         QString line;
     };
     const Row rows[] = {
-        {"askTopic", &ZTAbstractChannel::askTopic, true, QStringLiteral("TOPIC #Zt")},
-        {"quietlyAskTopic", &ZTAbstractChannel::quietlyAskTopic, true, QStringLiteral("TOPIC #Zt")},
-        {"askMode", &ZTAbstractChannel::askMode, false, QStringLiteral("MODE #Zt")},
-        {"askBans", &ZTAbstractChannel::askBans, false, QStringLiteral("MODE #Zt +b")},
-        {"askExceptions", &ZTAbstractChannel::askExceptions, false, QStringLiteral("MODE #Zt +e")},
-        {"askWho", &ZTAbstractChannel::askWho, false, QStringLiteral("WHO #Zt")},
+        {"askTopic", &ZTAbstractChannel::askTopic, true, u"TOPIC #Zt"_s},
+        {"quietlyAskTopic", &ZTAbstractChannel::quietlyAskTopic, true, u"TOPIC #Zt"_s},
+        {"askMode", &ZTAbstractChannel::askMode, false, u"MODE #Zt"_s},
+        {"askBans", &ZTAbstractChannel::askBans, false, u"MODE #Zt +b"_s},
+        {"askExceptions", &ZTAbstractChannel::askExceptions, false, u"MODE #Zt +e"_s},
+        {"askWho", &ZTAbstractChannel::askWho, false, u"WHO #Zt"_s},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         auto connection = make<AgentConnection>();
-        auto channel = this->channel(QStringLiteral("#Zt"), connection.get());
+        auto channel = this->channel(u"#Zt"_s, connection.get());
         (channel.get()->*row.ask)();
         EXPECT_EQ(connection->outgoingLines(), row.typed ? QStringList{row.line} : QStringList());
         EXPECT_EQ(connection->writtenStrings(), row.typed ? QStringList() : QStringList{row.line});
@@ -63,12 +75,15 @@ TEST_F(ChatTest, OutgoingCommands)
     }
 }
 
+// A person that leaves "users" by any change, or with the channel, leaves
+// the directory with its identity.
 TEST_F(ChatTest, PeopleThatLeaveAreInvalidated)
 {
+    using People = QList<zt::Ref<ZTAbstractPerson>>;
     struct Row
     {
         const char *name;
-        std::function<void(ZTAbstractChannel &, const QList<zt::Ref<ZTAbstractPerson>> &)> change;
+        std::function<void(ZTAbstractChannel &, const People &)> change;
         QList<bool> stillRegistered;
     };
     const Row rows[] = {
@@ -98,28 +113,18 @@ TEST_F(ChatTest, PeopleThatLeaveAreInvalidated)
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         auto channel = make<AgentChannel>();
-        const QList<zt::Ref<ZTAbstractPerson>> people{
-            person(QStringLiteral("a")), person(QStringLiteral("b")), person(QStringLiteral("c"))};
-        for (const auto &p : people)
+        const People people{person(u"a"_s), person(u"b"_s), person(u"c"_s)};
+        QList<zt::Ref<ZTAbstractIdentity>> identities;
+        for (const auto &p : people) {
             channel->addPerson(p);
+            identities.append(p->identity());
+        }
         row.change(*channel, people);
-        for (qsizetype i = 0; i < people.size(); ++i)
+        for (qsizetype i = 0; i < people.size(); ++i) {
             EXPECT_EQ(people[i]->inDirectory(), row.stillRegistered[i]) << "person " << i;
+            EXPECT_EQ(identities[i]->inDirectory(), row.stillRegistered[i]) << "identity " << i;
+        }
     }
-}
-
-TEST_F(ChatTest, PersonLookUps)
-{
-    auto channel = this->channel(QStringLiteral("Bob"));
-    auto first = person(QStringLiteral("BOB"));
-    channel->addPerson(person(QStringLiteral("alice")));
-    channel->addPerson(first);
-    channel->addPerson(person(QStringLiteral("bob")));
-    EXPECT_EQ(channel->personWithName(QStringLiteral("bOb")).get(), first.get());
-    EXPECT_FALSE(channel->personWithName(QStringLiteral("carol")));
-    EXPECT_FALSE(channel->party()); // not a query
-    channel->setIsQuery(true);
-    EXPECT_EQ(channel->party().get(), first.get());
 }
 
 TEST_F(ChatTest, ResetLineCountEndsTheExchange)
@@ -153,33 +158,28 @@ TEST_F(ChatTest, ResetLineCountEndsTheExchange)
 TEST_F(ChatTest, LinesAndStars)
 {
     auto channel = make<AgentChannel>();
-    channel->setHistory(
-        {line(QStringLiteral("u1"), QStringLiteral("old")), line(QStringLiteral("u2"), QStringLiteral("h"))});
-    channel->setContent({line(QStringLiteral("u1"), QStringLiteral("new"))});
-    EXPECT_EQ(channel->messageWithUUID(QStringLiteral("u1")).toMap().value(QStringLiteral("text")),
-              QStringLiteral("new"));
-    EXPECT_EQ(channel->messageWithUUID(QStringLiteral("u2")).toMap().value(QStringLiteral("text")),
-              QStringLiteral("h"));
-    EXPECT_FALSE(channel->messageWithUUID(QStringLiteral("u3")).isValid());
+    channel->setHistory({line(u"u1"_s, u"old"_s), line(u"u2"_s, u"h"_s)});
+    channel->setContent({line(u"u1"_s, u"new"_s)});
+    EXPECT_EQ(channel->messageWithUUID(u"u1"_s).toMap().value(u"text"_s), u"new"_s);
+    EXPECT_EQ(channel->messageWithUUID(u"u2"_s).toMap().value(u"text"_s), u"h"_s);
+    EXPECT_FALSE(channel->messageWithUUID(u"u3"_s).isValid());
 
-    channel->addStarOccurenceWithUUID(QStringLiteral("u1"));
-    channel->addStarOccurenceWithUUID(QStringLiteral("nope"));
+    channel->addStarOccurenceWithUUID(u"u1"_s);
+    channel->addStarOccurenceWithUUID(u"nope"_s);
     const QVariantList stars = channel->starOccurences();
     ASSERT_EQ(stars.size(), 2);
-    EXPECT_EQ(stars[0].toMap().value(QStringLiteral("text")), QStringLiteral("new"));
-    EXPECT_EQ(stars[0].toMap().value(QStringLiteral("msgStarred")), true);
-    EXPECT_EQ(stars[1].toMap(), (QVariantMap{{QStringLiteral("msgStarred"), true}}));
-    EXPECT_FALSE(
-        channel->content()[0].toMap().contains(QStringLiteral("msgStarred"))); // the line itself stays
-    EXPECT_TRUE(channel->starredMessageWithUUID(QStringLiteral("u1")).isValid());
-    channel->removeStarOccurenceWithUUID(QStringLiteral("unknown"));
-    channel->removeStarOccurenceWithUUID(QStringLiteral("u1"));
+    EXPECT_EQ(stars[0].toMap().value(u"text"_s), u"new"_s);
+    EXPECT_EQ(stars[0].toMap().value(u"msgStarred"_s), true);
+    EXPECT_EQ(stars[1].toMap(), (QVariantMap{{u"msgStarred"_s, true}}));
+    EXPECT_FALSE(channel->content()[0].toMap().contains(u"msgStarred"_s)); // the line itself stays
+    EXPECT_TRUE(channel->starredMessageWithUUID(u"u1"_s).isValid());
+    channel->removeStarOccurenceWithUUID(u"unknown"_s);
+    channel->removeStarOccurenceWithUUID(u"u1"_s);
     EXPECT_EQ(channel->starOccurences().size(), 1);
 
     const QVariantMap lines = channel->linesDictionary();
-    EXPECT_EQ(lines.value(QStringLiteral("content")).toList()[0].toMap().value(QStringLiteral("msgEmbedded")),
-              false);
-    EXPECT_EQ(lines.value(QStringLiteral("pastcontent")).toList().size(), 2);
+    EXPECT_EQ(lines.value(u"content"_s).toList()[0].toMap().value(u"msgEmbedded"_s), false);
+    EXPECT_EQ(lines.value(u"pastcontent"_s).toList().size(), 2);
 
     channel->setUnreadLines(4);
     channel->clearLines();
@@ -191,13 +191,9 @@ TEST_F(ChatTest, LinesAndStars)
 TEST_F(ChatTest, ChannelArchiveKeepsItsUUID)
 {
     auto channel = make<AgentChannel>();
-    const QByteArray archive = zt::KeyedArchiver::archivedDataWithRootObject(zt::objectValue(channel.get()));
-    ZTAbstractIPC::disableRegistration();
-    const auto value = zt::KeyedUnarchiver::unarchiveObjectWithData(archive);
-    ZTAbstractIPC::enableRegistration();
-    ASSERT_TRUE(value);
-    auto *decoded = dynamic_cast<AgentChannel *>(zt::objectFrom(*value));
+    const QString uuid = channel->description();
+    auto decoded = roundTrip<AgentChannel>(channel.get());
     ASSERT_TRUE(decoded);
-    EXPECT_EQ(decoded->description(), channel->description());
+    EXPECT_EQ(decoded->description(), uuid);
     EXPECT_EQ(decoded->status(), 0); // init ran
 }

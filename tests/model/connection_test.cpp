@@ -1,4 +1,4 @@
-// Connections: the server and its dictionary, look-ups, bookkeeping and teardown.
+// Connections: the server and its dictionary, look-ups, departure and teardown.
 #include "model_fixture.h"
 #include "network_classes.h"
 #include "settings_classes.h"
@@ -6,129 +6,114 @@
 
 using ChatTest = ModelTest;
 
-TEST_F(ChatTest, ServerDictionaryIsReadFromTheServer)
+// The abstract connection stores a received server dictionary and answers
+// its server's; its other dictionary setters only log; the applications'
+// connection takes the server the dictionary names.
+TEST_F(ChatTest, AbstractDictionarySetters)
 {
     auto connection = zt::make<ZTAbstractConnection>();
     connection->init();
     made.append(connection);
-    auto server = make<AgentServer>();
-    auto other = make<AgentServer>();
+    auto server = make<AgentServer>(), other = make<AgentServer>();
     connection->setServer(server);
     EXPECT_EQ(connection->serverDictionary().toMap(), server->dictionary());
-    connection->setServerDictionary(other->dictionary()); // stored, no server built
+    connection->setServerDictionary(other->dictionary());
     EXPECT_EQ(connection->server().get(), server.get());
     EXPECT_EQ(connection->storedServerDictionary().toMap(), other->dictionary());
     connection->setServer({});
     EXPECT_FALSE(connection->serverDictionary().isValid());
-
-    // The applications' connection takes the server the dictionary names.
     auto agent = make<AgentConnection>();
     agent->setServerDictionary(other->dictionary());
     EXPECT_EQ(agent->server().get(), other.get());
-}
 
-TEST_F(ChatTest, AbstractDictionarySettersOnlyLog)
-{
-    auto connection = zt::make<ZTAbstractConnection>();
-    connection->init();
-    made.append(connection);
-    const char *setters[] = {
-        "setCurrentIdentityDictionary:", "setNextIdentityDictionary:", "setAdvancedSettingsDictionary:",
-        "setProxyDictionary:", "setConsoleDictionary:"};
-    for (const char *setter : setters) {
+    for (const char *setter :
+         {"setCurrentIdentityDictionary:", "setNextIdentityDictionary:", "setAdvancedSettingsDictionary:",
+          "setProxyDictionary:", "setConsoleDictionary:"}) {
         zttest::LogCapture log;
-        connection->perform(zt::Selector(setter),
-                            {QVariantMap{{QStringLiteral("description"), QStringLiteral("X")}}});
-        EXPECT_EQ(log.lines(), QStringList{QStringLiteral("Abstract method: %1").arg(QLatin1String(setter))});
+        connection->perform(zt::Selector(setter), {QVariantMap{{u"description"_s, u"X"_s}}});
+        EXPECT_EQ(log.lines(), QStringList{u"Abstract method: %1"_s.arg(QLatin1String(setter))});
     }
     EXPECT_FALSE(connection->currentIdentity());
     connection->setChannelDictionaries({QVariantMap()}); // conversion is nil: nothing changes
     EXPECT_TRUE(connection->channels().isEmpty());
 }
 
-TEST_F(ChatTest, ChannelLookUps)
+TEST_F(ChatTest, LookUps)
 {
     auto connection = make<AgentConnection>();
-    auto console = channel(QStringLiteral("Freenode"), connection.get());
+    auto console = channel(u"Freenode"_s, connection.get());
     console->setIsConsole(true);
-    auto hash = channel(QStringLiteral("#Zt"), connection.get());
-    auto query = channel(QStringLiteral("#zt"), connection.get());
+    auto hash = channel(u"#Zt"_s, connection.get());
+    auto query = channel(u"ann"_s, connection.get());
     query->setIsQuery(true);
     connection->addChannels({console, hash, query});
-    EXPECT_EQ(connection->channelWithName(QStringLiteral("#ZT")).get(), hash.get());
-    EXPECT_EQ(connection->channelWithName(QStringLiteral("freenode")).get(), console.get());
-    EXPECT_EQ(connection->queryWithName(QStringLiteral("#ZT")).get(), query.get());
-    EXPECT_FALSE(connection->queryWithName(QStringLiteral("freenode")));
-    EXPECT_FALSE(connection->channelWithName(QStringLiteral("#other")));
+    EXPECT_EQ(connection->channelWithName(u"#ZT"_s).get(), hash.get());
+    EXPECT_EQ(connection->channelWithName(u"freenode"_s).get(), console.get());
+    EXPECT_EQ(connection->queryWithName(u"ANN"_s).get(), query.get());
+    EXPECT_FALSE(connection->queryWithName(u"freenode"_s));
+    EXPECT_FALSE(connection->channelWithName(u"#other"_s));
+
+    // People by name across channels; a query's party is its namesake.
+    auto inHash = person(u"Ann"_s), inQuery = person(u"ann"_s);
+    hash->addPerson(inHash);
+    query->addPerson(inQuery);
+    EXPECT_EQ(connection->personsWithName(u"ANN"_s), (QList<zt::Ref<ZTAbstractPerson>>{inHash, inQuery}));
+    EXPECT_EQ(query->party().get(), inQuery.get());
+    EXPECT_FALSE(hash->party()); // not a query
+
+    // Transfers: removal takes the first occurrence, an unknown one nothing.
+    auto a = make<AgentTransfer>(), b = make<AgentTransfer>();
+    connection->addTransfer(a);
+    connection->addTransfer(b);
+    connection->addTransfer(a);
+    connection->removeTransfer(make<AgentTransfer>());
+    connection->removeTransfer(a);
+    EXPECT_EQ(connection->transfers(), (QList<zt::Ref<ZTAbstractTransfer>>{b, a}));
 }
 
+// A channel that leaves "channels" by any change, or with the connection,
+// leaves the directory with its people and loses its connection.
 TEST_F(ChatTest, ChannelsThatLeaveAreInvalidated)
 {
+    using Channels = QList<zt::Ref<ZTAbstractChannel>>;
     struct Row
     {
         const char *name;
-        std::function<void(ZTAbstractConnection &, const QList<zt::Ref<ZTAbstractChannel>> &)> change;
-        QList<bool> stillRegistered;
+        std::function<void(ZTAbstractConnection &, const Channels &)> change;
+        const char *registered; // '+' for each channel still registered
     };
     const Row rows[] = {
-        {"removeChannelsAtLocations",
-         [](auto &c, const auto &) {
+        {"at locations",
+         [](auto &c, auto &) {
              c.removeChannelsAtLocations(zt::IndexSet{0, 2});
          },
-         {false, true, false}},
-        {"removeChannel", [](auto &c, const auto &ch) { c.removeChannel(ch[1]); }, {true, false, true}},
-        {"removeChannelsInArray",
-         [](auto &c, const auto &ch) {
+         "-+-"},
+        {"removeChannel", [](auto &c, auto &ch) { c.removeChannel(ch[1]); }, "+-+"},
+        {"in an array",
+         [](auto &c, auto &ch) {
              c.removeChannelsInArray({ch[2], ch[0]});
          },
-         {false, true, false}},
-        {"setChannels keeping one",
-         [](auto &c, const auto &ch) { c.setChannels({ch[2]}); },
-         {false, false, true}},
-        {"removeAllChannels", [](auto &c, const auto &) { c.removeAllChannels(); }, {false, false, false}},
-        {"the connection is invalidated",
-         [](auto &c, const auto &) { c.invalidate(); },
-         {false, false, false}},
+         "-+-"},
+        {"setChannels keeping one", [](auto &c, auto &ch) { c.setChannels({ch[2]}); }, "--+"},
+        {"removeAllChannels", [](auto &c, auto &) { c.removeAllChannels(); }, "---"},
+        {"the connection is invalidated", [](auto &c, auto &) { c.invalidate(); }, "---"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         auto connection = make<AgentConnection>();
-        const QList<zt::Ref<ZTAbstractChannel>> channels{channel(QStringLiteral("#a"), connection.get()),
-                                                         channel(QStringLiteral("#b"), connection.get()),
-                                                         channel(QStringLiteral("#c"), connection.get())};
-        auto someone = person(QStringLiteral("x"));
+        const Channels channels{channel(u"#a"_s, connection.get()), channel(u"#b"_s, connection.get()),
+                                channel(u"#c"_s, connection.get())};
+        auto someone = person(u"x"_s);
         channels[1]->addPerson(someone);
         connection->addChannels(channels);
         row.change(*connection, channels);
         for (qsizetype i = 0; i < channels.size(); ++i) {
-            EXPECT_EQ(channels[i]->inDirectory(), row.stillRegistered[i]) << "channel " << i;
-            EXPECT_EQ(channels[i]->connection() != nullptr, row.stillRegistered[i]) << "channel " << i;
+            const bool registered = row.registered[i] == '+';
+            EXPECT_EQ(channels[i]->inDirectory(), registered) << "channel " << i;
+            EXPECT_EQ(channels[i]->connection() != nullptr, registered) << "channel " << i;
         }
-        EXPECT_EQ(someone->inDirectory(), row.stillRegistered[1]); // a channel's people go with it
+        EXPECT_EQ(someone->inDirectory(), row.registered[1] == '+'); // a channel's people go with it
     }
-}
-
-TEST_F(ChatTest, TransfersAndPersonsWithName)
-{
-    auto connection = make<AgentConnection>();
-    auto a = make<AgentTransfer>();
-    auto b = make<AgentTransfer>();
-    connection->addTransfer(a);
-    connection->addTransfer(b);
-    connection->addTransfer(a);
-    connection->removeTransfer(make<AgentTransfer>()); // unknown: nothing
-    connection->removeTransfer(a);                     // the first occurrence only
-    EXPECT_EQ(connection->transfers(), (QList<zt::Ref<ZTAbstractTransfer>>{b, a}));
-
-    auto first = channel(QStringLiteral("#a"), connection.get());
-    auto second = channel(QStringLiteral("#b"), connection.get());
-    connection->addChannels({first, second});
-    auto inFirst = person(QStringLiteral("Ann"));
-    auto inSecond = person(QStringLiteral("ann"));
-    first->addPerson(inFirst);
-    second->addPerson(inSecond);
-    EXPECT_EQ(connection->personsWithName(QStringLiteral("ANN")),
-              (QList<zt::Ref<ZTAbstractPerson>>{inFirst, inSecond}));
 }
 
 // Teardown: what a connection or a channel owns leaves the directory with
@@ -136,7 +121,7 @@ TEST_F(ChatTest, TransfersAndPersonsWithName)
 TEST_F(ChatTest, OwnedObjectsEndWithTheirOwner)
 {
     auto connection = make<AgentConnection>();
-    auto shared = ZTAbstractNetwork::networkWithName<AgentNetwork>(QStringLiteral("N"));
+    auto shared = ZTAbstractNetwork::networkWithName<AgentNetwork>(u"N"_s);
     auto listed = zt::make<AgentServer>();
     listed->init();
     listed->setNetwork(shared);
@@ -154,7 +139,7 @@ TEST_F(ChatTest, OwnedObjectsEndWithTheirOwner)
     connection->setProxy(make<AgentProxy>());
     connection->setAdvancedSettings(make<AgentAdvancedSettings>());
     connection->addTransfer(make<AgentTransfer>());
-    auto room = channel(QStringLiteral("#a"), connection.get());
+    auto room = channel(u"#a"_s, connection.get());
     connection->addChannel(room);
     room->setAdvancedSettings(make<AgentAdvancedSettings>());
     room->mutableBanlist().addObject(zt::objectValue(make<AgentBan>().get()));

@@ -8,35 +8,27 @@ using ChatTest = ModelTest;
 
 TEST_F(ChatTest, ControllersUseFixedUUIDsAndPropagateOnlyTheirList)
 {
-    auto connections = zt::make<AgentConnectionController>();
-    auto identities = zt::make<AgentIdentityController>();
+    auto connections = make<AgentConnectionController>();
+    auto identities = make<AgentIdentityController>();
     auto personList = zt::make<AgentPersonListController>();
-    connections->init();
-    identities->init();
     ZTAbstractIPC::disableRegistration(); // the network directory's UUID may be taken
     personList->init();
     ZTAbstractIPC::enableRegistration();
-    made.append(connections);
-    made.append(identities);
     const struct
     {
         ZTAbstractIPC *controller;
         QString uuid, list, wired;
         bool propagatesOthers;
     } rows[] = {
-        {connections.get(), QStringLiteral("ConnectionController"), QStringLiteral("connections"),
-         QStringLiteral("connectionDictionaries"), false},
-        {identities.get(), QStringLiteral("IdentityController"), QStringLiteral("identities"),
-         QStringLiteral("identityDictionaries"), false},
-        {personList.get(), QStringLiteral("NetworkDirectory"), QStringLiteral("pseudoPersons"),
-         QStringLiteral("pseudoPersonDictionaries"), true},
+        {connections.get(), u"ConnectionController"_s, u"connections"_s, u"connectionDictionaries"_s, false},
+        {identities.get(), u"IdentityController"_s, u"identities"_s, u"identityDictionaries"_s, false},
+        {personList.get(), u"NetworkDirectory"_s, u"pseudoPersons"_s, u"pseudoPersonDictionaries"_s, true},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.uuid.toStdString());
         EXPECT_EQ(row.controller->description(), row.uuid);
         EXPECT_TRUE(row.controller->shouldPropagateValueChangesForKey(row.list));
-        EXPECT_EQ(row.controller->shouldPropagateValueChangesForKey(QStringLiteral("other")),
-                  row.propagatesOthers);
+        EXPECT_EQ(row.controller->shouldPropagateValueChangesForKey(u"other"_s), row.propagatesOthers);
         EXPECT_EQ(row.controller->replacementKeyForWiring(row.list), row.wired);
     }
 }
@@ -44,13 +36,12 @@ TEST_F(ChatTest, ControllersUseFixedUUIDsAndPropagateOnlyTheirList)
 TEST_F(ChatTest, AllChannelsListsChannelsThenConsoles)
 {
     auto controller = make<AgentConnectionController>();
-    auto first = make<AgentConnection>();
-    auto second = make<AgentConnection>();
-    auto a = channel(QStringLiteral("#a"), first.get());
-    auto b = channel(QStringLiteral("#B"), first.get());
-    auto c = channel(QStringLiteral("#b"), second.get());
-    auto console1 = channel(QStringLiteral("one"), first.get());
-    auto console2 = channel(QStringLiteral("two"), second.get());
+    auto first = make<AgentConnection>(), second = make<AgentConnection>();
+    auto a = channel(u"#a"_s, first.get());
+    auto b = channel(u"#B"_s, first.get());
+    auto c = channel(u"#b"_s, second.get());
+    auto console1 = channel(u"one"_s, first.get());
+    auto console2 = channel(u"two"_s, second.get());
     first->addChannels({a, b});
     second->addChannel(c);
     first->setConsole(console1);
@@ -58,8 +49,7 @@ TEST_F(ChatTest, AllChannelsListsChannelsThenConsoles)
     controller->addConnection(first);
     controller->addConnection(second);
     EXPECT_EQ(controller->allChannels(), (QList<zt::Ref<ZTAbstractChannel>>{a, b, c, console1, console2}));
-    EXPECT_EQ(controller->allChannelsForName(QStringLiteral("#b")),
-              (QList<zt::Ref<ZTAbstractChannel>>{b, c}));
+    EXPECT_EQ(controller->allChannelsForName(u"#b"_s), (QList<zt::Ref<ZTAbstractChannel>>{b, c}));
     EXPECT_FALSE(controller->allChannelsForName(QString()));
 
     // Removing a connection invalidates it and its channels and console.
@@ -85,7 +75,7 @@ TEST_F(ChatTest, IdentityControllerRemovalsKeepIdentities)
     abstract->init();
     ZTAbstractIPC::enableRegistration();
     EXPECT_EQ(zttest::raised([&] { abstract->setIdentityDictionaries({}); }),
-              std::make_pair(QStringLiteral("Abstract method"),
+              std::make_pair(u"Abstract method"_s,
                              QStringLiteral("Implement -replacementObjectsForIdentityDictionaries: in "
                                             "ZTAbstractIdentityController")));
 }
@@ -121,7 +111,7 @@ TEST_F(ChatTest, PersonListLookUps)
         server->setNetwork(network);
         auto connection = make<AgentConnection>();
         connection->setServer(server);
-        auto p = person(i ? QStringLiteral("ann") : QStringLiteral("Ann"));
+        auto p = person(i ? u"ann"_s : u"Ann"_s);
         p->setConnection(connection.get());
         people.append(p);
         networks.append(network);
@@ -142,11 +132,11 @@ TEST_F(ChatTest, PersonListLookUps)
     const QVariantList real = list->realPersons();
     ASSERT_EQ(real.size(), 3);
     EXPECT_TRUE(zt::isNullMarker(real[2]));
-    EXPECT_EQ(list->realPersonsWithName(QStringLiteral("ANN")), people);
-    EXPECT_EQ(list->personsWithNameOnNetwork(QStringLiteral("ann"), networks[1]),
+    EXPECT_EQ(list->realPersonsWithName(u"ANN"_s), people);
+    EXPECT_EQ(list->personsWithNameOnNetwork(u"ann"_s, networks[1]),
               (QList<zt::Ref<ZTAbstractPerson>>{people[1]}));
-    EXPECT_EQ(list->pseudoPersonsWithName(QStringLiteral("aNN")), pseudo.mid(0, 2));
-    EXPECT_EQ(list->pseudoPersonsWithNameOnNetwork(QStringLiteral("ann"), networks[0]), pseudo.mid(0, 1));
+    EXPECT_EQ(list->pseudoPersonsWithName(u"aNN"_s), pseudo.mid(0, 2));
+    EXPECT_EQ(list->pseudoPersonsWithNameOnNetwork(u"ann"_s, networks[0]), pseudo.mid(0, 1));
     list->removePseudoPerson(pseudo[2]);
     EXPECT_EQ(list->counter->emptied, 4);
     EXPECT_TRUE(pseudo[2]->inDirectory()); // the person list does not invalidate

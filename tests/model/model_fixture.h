@@ -30,12 +30,6 @@ public:
     QList<QByteArray> forwarded;
 };
 
-inline void playRole(bool agent)
-{
-    zt::process::setApplicationIdentifier(agent ? u"com.zintaro.Zintaro2Agent"_s : u"com.zintaro.Zintaro2"_s);
-    ZTIPCProxy::resetCachedProcessRole();
-}
-
 } // namespace modeltest
 
 class ModelTest : public testing::Test
@@ -43,7 +37,7 @@ class ModelTest : public testing::Test
 protected:
     void SetUp() override
     {
-        modeltest::playRole(true);
+        playRole(true);
         ZTApplication::setDelegate(&delegate);
     }
     void TearDown() override
@@ -55,7 +49,12 @@ protected:
         zt::process::setApplicationIdentifier(QString());
         ZTIPCProxy::resetCachedProcessRole();
     }
-    static void playRole(bool agent) { modeltest::playRole(agent); }
+    static void playRole(bool agent)
+    {
+        zt::process::setApplicationIdentifier(agent ? u"com.zintaro.Zintaro2Agent"_s
+                                                    : u"com.zintaro.Zintaro2"_s);
+        ZTIPCProxy::resetCachedProcessRole();
+    }
     //! `object`, invalidated when the test ends.
     template<typename T> zt::Ref<T> keep(zt::Ref<T> object)
     {

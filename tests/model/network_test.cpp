@@ -1,5 +1,5 @@
 // Servers, networks and the network directory: equality and its hash, the
-// effective port, wiring, archives (also old ones without the newer keys),
+// effective port, look-ups, archives (also old ones without the newer keys),
 // the directory's saving and logging, removal of unknown objects, teardown.
 
 #include "model_fixture.h"
@@ -71,20 +71,11 @@ TEST_F(NetworkTest, ServerEqualityHashAndEffectivePort)
     }
 }
 
-TEST_F(NetworkTest, WiringAndServerLookUps)
+TEST_F(NetworkTest, ServerLookUpsAndRemovals)
 {
     auto libera = network(u"Libera"_s);
-    auto s = server(u"A"_s);
-    s->setNetwork(libera);
-    libera->addServer(s);
-    expectDictionary(libera.get(), {{u"name"_s, u"Libera"_s},
-                                    {u"serverDictionaries"_s, QVariantList{s->dictionary()}},
-                                    {u"authService"_s, qint64(0)},
-                                    {u"isCustom"_s, false}});
-    EXPECT_EQ(s->dictionary().value(u"networkUUID"_s), libera->description());
+    auto s = server(u"A"_s), second = server(u"a"_s), other = server(u"b"_s);
     EXPECT_EQ(ZTAbstractNetwork::networkWithName<ZTAbstractNetwork>(u"x"_s), nullptr); // no network class
-    EXPECT_EQ(s->replacementKeyForWiring(u"network"_s), u"networkUUID"_s);
-    EXPECT_EQ(libera->replacementKeyForWiring(u"servers"_s), u"serverDictionaries"_s);
     s->setNetworkUUID(u"unknown"_s);
     EXPECT_EQ(s->network(), nullptr);
     s->setNetworkUUID(libera->description());
@@ -92,7 +83,6 @@ TEST_F(NetworkTest, WiringAndServerLookUps)
 
     // Look-up by address (any case) and effective port; removal of every
     // equal server, and of an unknown one: a no-op with a log line.
-    auto second = server(u"a"_s), other = server(u"b"_s);
     libera->setServers({other, s, second});
     EXPECT_EQ(libera->indexOfServerWithAddressAndPort(u"a"_s, 6667), 1);
     EXPECT_EQ(libera->indexOfServerWithAddressAndPort(u"a"_s, 6697), ZTAbstractNetwork::NotFound);
@@ -104,11 +94,16 @@ TEST_F(NetworkTest, WiringAndServerLookUps)
     EXPECT_EQ(libera->servers().size(), 1);
 }
 
-TEST_F(NetworkTest, DirectorySavesOnAddOnlyAndLogs)
+// Only additions save; insertions and removals log; invalidating the
+// directory ends its networks and their servers.
+TEST_F(NetworkTest, DirectorySavingLoggingAndTeardown)
 {
     auto directory = make<AgentNetworkDirectory>();
     EXPECT_EQ(directory->description(), u"NetworkDirectory"_s);
     auto a = network(u"a"_s), b = network(u"b"_s);
+    auto s = server(u"s"_s);
+    s->setNetwork(a); // a reference cycle that invalidation breaks
+    a->addServer(s);
     zttest::LogCapture log;
     directory->addNetwork(a);
     directory->insertNetworksAtLocations({b}, zt::IndexSet(0));
@@ -122,6 +117,11 @@ TEST_F(NetworkTest, DirectorySavesOnAddOnlyAndLogs)
     EXPECT_TRUE(log.lines().value(1).startsWith(u"[NetworkDirectory] Remove networks at locations "_s));
     EXPECT_EQ(directory->saveCount(), 1);
     EXPECT_TRUE(directory->networks().isEmpty());
+
+    directory->addNetwork(a);
+    invalidateNetworkDirectory(directory.get());
+    for (const ZTAbstractIPC *object : QList<const ZTAbstractIPC *>{directory.get(), a.get(), s.get()})
+        EXPECT_FALSE(object->inDirectory()) << qPrintable(object->description());
 }
 
 TEST_F(NetworkTest, ArchivesIncludingOldOnesWithoutNewerKeys)
@@ -139,26 +139,4 @@ TEST_F(NetworkTest, ArchivesIncludingOldOnesWithoutNewerKeys)
         EXPECT_EQ(decoded->isCustom(), custom);
         EXPECT_EQ(decoded->authService(), auth);
     }
-}
-
-TEST_F(NetworkTest, TeardownLeavesNothingInTheDirectory)
-{
-    auto directory = zt::make<AgentNetworkDirectory>();
-    directory->init();
-    QStringList uuids{directory->description()};
-    for (const QString &name : {u"a"_s, u"b"_s}) {
-        auto n = ZTAbstractNetwork::networkWithName<AgentNetwork>(name);
-        for (int i = 0; i < 2; ++i) {
-            auto s = zt::make<AgentServer>();
-            s->init();
-            s->setNetwork(n); // a reference cycle that invalidation breaks
-            n->addServer(s);
-            uuids << s->description();
-        }
-        directory->addNetwork(n);
-        uuids << n->description();
-    }
-    invalidateNetworkDirectory(directory.get());
-    for (const QString &uuid : uuids)
-        EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(uuid), nullptr) << qPrintable(uuid);
 }

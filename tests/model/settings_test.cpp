@@ -1,24 +1,11 @@
-// Advanced settings and transfer: the settings' archive keys (also an
-// archive without them), the user default "autoAutoJoin", and which keys
-// propagate.
+// Advanced settings: the archive keys (also an archive without them), the
+// nil Blowfish key in the dictionary, the user default "autoAutoJoin".
 
 #include "model_fixture.h"
 #include "settings_classes.h"
 
 #include <QCoreApplication>
 #include <QSettings>
-
-TEST_F(ModelTest, SettingsPropagation)
-{
-    auto settings = make<AgentAdvancedSettings>();
-    settings->setBlowfishKey(QString());
-    EXPECT_EQ(settings->dictionary().value(u"blowfishKey"_s), u""_s); // nil is sent as ""
-    EXPECT_TRUE(settings->enableInterProcessKVO());
-    auto transfer = make<AgentTransfer>();
-    for (const auto &[key, propagates] :
-         {std::pair{"attributes", true}, {"description", false}, {"name", false}, {"representation", false}})
-        EXPECT_EQ(transfer->shouldPropagateValueChangesForKey(QString::fromLatin1(key)), propagates) << key;
-}
 
 TEST_F(ModelTest, AutoJoinFollowsTheUserDefault)
 {
@@ -60,4 +47,5 @@ TEST_F(ModelTest, SettingsArchiveUsesReadableKeysAndMissingFlagsReadNo)
     ASSERT_TRUE(fromOld);
     EXPECT_FALSE(fromOld->showCounts());
     EXPECT_TRUE(fromOld->blowfishKey().isNull());
+    EXPECT_EQ(fromOld->dictionary().value(u"blowfishKey"_s), u""_s); // nil is sent as ""
 }
