@@ -31,8 +31,6 @@ sockaddr_in loopback(quint16 port)
     return address;
 }
 
-// ---- accepting and connecting ----
-
 struct FamilyRow
 {
     const char *name;
@@ -271,8 +269,6 @@ TEST(AsyncSocketThreads, AcceptedSocketRunsOnTheThreadTheDelegateGives)
     EXPECT_GE(threads.size(), 4); // willConnect, connect, reads
 }
 
-// ---- reads ----
-
 // How a socket takes bytes from its stream: no more than each step needs
 // (none), terminator reads in chunks, or everything the stream holds.
 using Taking = void (AsyncSocket::*)();
@@ -432,8 +428,6 @@ TEST(AsyncSocketFrames, SplitAnywhereStillReadInOrder)
     }
 }
 
-// ---- writes ----
-
 struct BurstRow
 {
     const char *name;
@@ -509,8 +503,6 @@ TEST(AsyncSocketWriteBursts, CompleteOneByOneInQueueOrder)
         EXPECT_TRUE(std::isnan(pair.client->progressOfWriteReturningTagBytesDoneTotal()));
     }
 }
-
-// ---- timeouts ----
 
 TEST(AsyncSocketReadTimeouts, AskTheDelegateAtEachExpiry)
 {
@@ -628,8 +620,6 @@ TEST(AsyncSocketTimeout, WriteTimesOutWhenThePeerStopsReading)
     }
 }
 
-// ---- ending ----
-
 struct EndingRow
 {
     const char *name;
@@ -736,8 +726,6 @@ TEST(AsyncSocketLifetime, ReleasedFromItsOwnCallbacks)
         flushDeferredDeletes();
     }
 }
-
-// ---- progress ----
 
 // The send buffer asked for reaches the kernel whether it is asked before the
 // stream opens (connecting, accepted) or after; 0 leaves the system's.

@@ -77,11 +77,10 @@ inline QByteArray indexSetPayload(const QList<quint64> &indexes, std::optional<q
     return out;
 }
 
-//! A value as the frame decoder prints it (one token, containers inline):
-//!   nil  idx[3,5]  b:1  i:-1  r:<float64 bits>  s"text"  d<hex>  t:<ms>
-//!   [a,b]  {"k":v,...}
-//! Strings keep printable ASCII except '"' and '\', everything else as \uXXXX
-//! per UTF-16 code unit; dictionary keys sorted by code unit.
+//! A value as the frame decoder prints it, in one token: nil idx[3,5] b:1
+//! i:-1 r:<float64 bits> s"text" d<hex> t:<ms> [a,b] {"k":v,...}; strings
+//! keep printable ASCII but '"' and '\', other UTF-16 units as \uXXXX; keys
+//! sorted by code unit.
 inline QString render(const QVariant &v)
 {
     const auto string = [](const QString &s) {

@@ -91,10 +91,7 @@ QString maskPointers(QString text)
     return text.replace(pointer, u"0x?"_s);
 }
 
-// ---- exact bytes of representative calls ----
-
-// The whole messages are pinned in tests/data/vdmessage_calls.txt, which the
-// Python decoder reads too: one line per row, its name, then the bytes in hex.
+// A call whose whole message is pinned in tests/data/vdmessage_calls.txt.
 struct ExactRow
 {
     const char *name;
@@ -250,8 +247,6 @@ TEST(VDMessageRecent, FreshThreadsSendEmptyAndRepeatedStringsAsThemselves)
     EXPECT_EQ(seen, (QStringList{u"''"_s, u"'value'"_s, u"''"_s, u"'value'"_s}));
 }
 
-// ---- the index-set form ----
-
 TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
 {
     const quint64 big = quint64(1) << 40, bigger = (quint64(1) << 62) + 1;
@@ -286,8 +281,6 @@ TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
         }
     }
 }
-
-// ---- decoding ----
 
 // Every body is decoded against the codec methods; its outcome is the
 // decoded call's arguments rendered, the fault raised ("Name: reason",
@@ -425,8 +418,6 @@ TEST(VDMessageDecode, EveryTruncationOfAValidBodyIsARangeFault)
         ASSERT_EQ(name, QStringLiteral("NSRangeException")) << "prefix of " << n << " bytes";
     }
 }
-
-// ---- encoding faults ----
 
 TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
 {
