@@ -15,7 +15,7 @@ class IrcSasl
 {
 public:
     //! Connects (TLS with the client certificate when `certFile` is given),
-    //! registers as `nick` and reads the server's SASL mechanisms.
+    //! registers as `nick` and reads the server's capabilities to their end.
     bool connectAndListCaps(const QString &host, quint16 port, const QString &nick,
                             const QString &certFile = {})
     {
@@ -32,14 +32,8 @@ public:
         m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
         send("CAP LS 302\r\nNICK " + nick.toUtf8() + "\r\nUSER " + nick.toUtf8() + " 0 * :zt\r\n");
         for (QList<QByteArray> m; !(m = readMessage()).isEmpty();) {
-            if (m.value(0) == "CAP" && m.value(2) == "LS") {
-                for (const QByteArray &cap : m.constLast().split(' ')) {
-                    if (cap.startsWith("sasl"))
-                        mechanisms = QString::fromUtf8(cap.mid(5));
-                }
-                if (m.value(3) != "*")
-                    return true;
-            }
+            if (m.value(0) == "CAP" && m.value(2) == "LS" && m.value(3) != "*")
+                return true;
         }
         return false;
     }
@@ -88,8 +82,6 @@ public:
         send("QUIT\r\n");
         m_socket.waitForBytesWritten(1000);
     }
-
-    QString mechanisms;
 
 private:
     void send(const QByteArray &line)
