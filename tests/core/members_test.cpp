@@ -111,53 +111,41 @@ TEST_F(DeclaredMembers, ToManyMutatorsCheckTheirIndexesWhoeverCalls)
         const char *name;
         std::function<void(Shelf &)> change;
         QStringList after;
-        QString exception;
-        QString reason;
+        QString raised; // "name: reason", or nothing
     } rows[] = {
         {"insert in the middle",
          [](Shelf &s) { s.insertBooksAtIndexes({book(u"x"_s)}, zt::IndexSet(1)); },
-         {u"a"_s, u"x"_s, u"b"_s},
-         {},
-         {}},
+         {u"a"_s, u"x"_s, u"b"_s}},
         {"insert past the end",
          [](Shelf &s) { s.insertBooksAtIndexes({book(u"x"_s)}, zt::IndexSet(3)); },
          {u"a"_s, u"b"_s},
-         u"NSRangeException"_s,
-         u"*** -[Shelf insertBooks:atIndexes:]: index 3 beyond bounds [0 .. 2]"_s},
+         u"NSRangeException: *** -[Shelf insertBooks:atIndexes:]: index 3 beyond bounds [0 .. 2]"_s},
         {"fewer objects than indexes",
          [](Shelf &s) { s.insertBooksAtIndexes({}, zt::IndexSet(0)); },
          {u"a"_s, u"b"_s},
-         u"NSInvalidArgumentException"_s,
-         u"*** -[Shelf insertBooks:atIndexes:]: 0 objects (none nil) for 1 indexes required"_s},
+         u"NSInvalidArgumentException: *** -[Shelf insertBooks:atIndexes:]: 0 objects (none nil) for 1 "
+         u"indexes required"_s},
         {"a nil object",
          [](Shelf &s) { s.insertBooksAtIndexes({zt::Ref<Book>()}, zt::IndexSet(0)); },
          {u"a"_s, u"b"_s},
-         u"NSInvalidArgumentException"_s,
-         u"*** -[Shelf insertBooks:atIndexes:]: 1 objects (none nil) for 1 indexes required"_s},
+         u"NSInvalidArgumentException: *** -[Shelf insertBooks:atIndexes:]: 1 objects (none nil) for 1 "
+         u"indexes required"_s},
         {"remove past the end",
          [](Shelf &s) {
              s.removeBooksAtIndexes(zt::IndexSet({0, 4}));
          },
          {u"a"_s, u"b"_s},
-         u"NSRangeException"_s,
-         u"*** -[Shelf removeBooksAtIndexes:]: index 4 beyond bounds [0 .. 1]"_s},
+         u"NSRangeException: *** -[Shelf removeBooksAtIndexes:]: index 4 beyond bounds [0 .. 1]"_s},
         {"replace past the end",
          [](Shelf &s) { s.replaceBooksAtIndexesWithBooks(zt::IndexSet(2), {book(u"x"_s)}); },
          {u"a"_s, u"b"_s},
-         u"NSRangeException"_s,
-         u"*** -[Shelf replaceBooksAtIndexes:withBooks:]: index 2 beyond bounds [0 .. 1]"_s},
-        {"remove by key-value coding",
-         [](Shelf &s) { s.mutableBooks().removeObjectAtIndex(0); },
-         {u"b"_s},
-         {},
-         {}},
+         u"NSRangeException: *** -[Shelf replaceBooksAtIndexes:withBooks:]: index 2 beyond bounds [0 .. 1]"_s},
+        {"remove by key-value coding", [](Shelf &s) { s.mutableBooks().removeObjectAtIndex(0); }, {u"b"_s}},
         {"wired insertion",
          [](Shelf &s) {
              s.insertBookDictionariesAtIndexes({QVariantMap{{u"title"_s, u"w"_s}}}, zt::IndexSet(2));
          },
-         {u"a"_s, u"b"_s, u"w"_s},
-         {},
-         {}},
+         {u"a"_s, u"b"_s, u"w"_s}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -165,8 +153,7 @@ TEST_F(DeclaredMembers, ToManyMutatorsCheckTheirIndexesWhoeverCalls)
         shelf->init();
         shelf->setBooks({book(u"a"_s), book(u"b"_s)});
         const auto [name, reason] = zttest::raised([&] { row.change(*shelf); });
-        EXPECT_EQ(name, row.exception);
-        EXPECT_EQ(reason, row.reason);
+        EXPECT_EQ(name.isEmpty() ? QString() : name + u": "_s + reason, row.raised);
         EXPECT_EQ(titles(*shelf), row.after);
         shelf->invalidate();
     }
