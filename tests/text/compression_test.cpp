@@ -138,9 +138,8 @@ TEST(CompressionAgainstPython, BothDirectionsAgree)
         QFile gzipFile(folder.filePath(QStringLiteral("py_gzip_") + name));
         ASSERT_TRUE(zlibFile.open(QIODevice::ReadOnly) && gzipFile.open(QIODevice::ReadOnly));
         const QByteArray theirZlib = zlibFile.readAll();
-        const QByteArray theirGzip = gzipFile.readAll();
         EXPECT_TRUE(zlibInflate(theirZlib) == input.data);
-        EXPECT_TRUE(gzipInflate(theirGzip) == input.data);
+        EXPECT_TRUE(gzipInflate(gzipFile.readAll()) == input.data);
         EXPECT_TRUE(gzipInflate(theirZlib) == input.data);
     }
 }
