@@ -1,7 +1,7 @@
 // Keyed archives: round trips of values and object graphs, and malformed
 // archives that must fail cleanly.
 
-#include "runtime/plist.h"
+#include "plist_test_support.h"
 #include "support/test_model.h"
 
 using namespace zt;
@@ -52,6 +52,7 @@ TEST(KeyedArchive, ValuesOfEveryKindSurvive)
         {"indexes", QVariant::fromValue(IndexSet{0, 2, 3, 4, 100})},
         {"nested", QVariantMap{{QStringLiteral("list"), QVariantList{1, nullValue(), QStringLiteral("x")}},
                                {QStringLiteral("empty"), QVariantMap{}}}},
+        {"deep", plisttest::nested(40, QVariantList{})},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
@@ -112,6 +113,7 @@ TEST(KeyedArchive, MalformedArchivesFailWithAnError)
     {
         const char *name;
         QByteArray data;
+        KeyedUnarchiver::Limits limits = {};
     } rows[] = {
         {"not a property list", QByteArray("hello")},
         {"wrong archiver",
@@ -125,25 +127,15 @@ TEST(KeyedArchive, MalformedArchivesFailWithAnError)
         {"array refers to itself", archiveWith({nul, array({uid(1)}), arrayClass})},
         {"class reference is no UID", archiveWith({nul, QVariantMap{{QStringLiteral("$class"), 2}}})},
         {"array element is no UID", archiveWith({nul, array({7}), arrayClass})},
+        {"deeper than the limit",
+         KeyedArchiver::archivedDataWithRootObject(plisttest::nested(40, QVariantList{})),
+         {.maxDepth = 10}},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         Error error;
-        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(row.data, &error).has_value());
+        EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(row.data, &error, row.limits).has_value());
         EXPECT_EQ(error.domain, QStringLiteral("NSCocoaErrorDomain"));
         EXPECT_FALSE(error.localizedDescription().isEmpty());
     }
-}
-
-TEST(KeyedArchive, DeepNestingStopsAtTheLimit)
-{
-    QVariant v = QVariantList{};
-    for (int i = 0; i < 40; ++i)
-        v = QVariantList{v};
-    const QByteArray data = KeyedArchiver::archivedDataWithRootObject(v);
-    KeyedUnarchiver::Limits tight;
-    tight.maxDepth = 10;
-    Error error;
-    EXPECT_FALSE(KeyedUnarchiver::unarchiveObjectWithData(data, &error, tight).has_value());
-    EXPECT_TRUE(KeyedUnarchiver::unarchiveObjectWithData(data).has_value());
 }

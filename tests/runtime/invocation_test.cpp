@@ -47,10 +47,8 @@ protected:
 
 } // namespace
 
-ZT_DEFINE_CLASS_WITH_MEMBERS(Forwarder)
-void Forwarder::registerMembers(ClassBuilder<Forwarder> &) {}
-ZT_DEFINE_CLASS_WITH_MEMBERS(Dying)
-void Dying::registerMembers(ClassBuilder<Dying> &) {}
+ZT_DEFINE_CLASS(Forwarder)
+ZT_DEFINE_CLASS(Dying)
 
 TEST(Signature, TypeCodesComeFromTheMemberFunctionType)
 {
