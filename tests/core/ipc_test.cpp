@@ -4,18 +4,12 @@
 #include "core/ztabstractipc.h"
 #include "core/ztapplication.h"
 #include "core/ztdirectory.h"
-#include "runtime/exception.h"
-#include "runtime/invocation.h"
-#include "runtime/kvc.h"
 #include "runtime/plist.h"
 #include "runtime/process.h"
 #include "support/log_capture.h"
+#include "support/object_access.h"
 #include "support/raised.h"
 #include "support/test_model.h"
-
-#include "support/object_access.h"
-
-#include <gtest/gtest.h>
 
 // The other process's root object, as far as the proxy can tell: it accepts
 // the eight change messages and any forwarded call, and records them.
@@ -42,17 +36,14 @@ public:
     QList<Call> calls;
 };
 
-class TestDelegate : public ZTApplicationDelegate
+// Plays the agent or the client for the length of one test, as the delegate
+// whose counterpart is a recording root.
+class CoreTest : public testing::Test, public ZTApplicationDelegate
 {
 public:
     zt::Object *counterpart() const override { return root.get(); }
     QVariant clientID() const override { return QStringLiteral("client-7"); }
-    zt::Ref<RecordingRoot> root = zt::make<RecordingRoot>();
-};
 
-// Plays the agent or the client for the length of one test.
-class CoreTest : public testing::Test
-{
 protected:
     void playRole(bool agent)
     {
@@ -63,7 +54,7 @@ protected:
     void SetUp() override
     {
         playRole(true);
-        ZTApplication::setDelegate(&delegate);
+        ZTApplication::setDelegate(this);
     }
     void TearDown() override
     {
@@ -89,7 +80,7 @@ protected:
         made.append(o);
         return o;
     }
-    QList<RecordingRoot::Call> &calls() { return delegate.root->calls; }
+    QList<RecordingRoot::Call> &calls() { return root->calls; }
     void expectCalls(std::initializer_list<RecordingRoot::Call> expected)
     {
         ASSERT_EQ(calls().size(), qsizetype(expected.size()));
@@ -103,7 +94,7 @@ protected:
         }
     }
 
-    TestDelegate delegate;
+    zt::Ref<RecordingRoot> root = zt::make<RecordingRoot>();
     QList<zt::Ref<TestNode>> made;
 };
 

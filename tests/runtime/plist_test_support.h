@@ -22,9 +22,9 @@ inline QByteArray utf16Hex(const QString &s)
     return out.toHex();
 }
 
-//! One token per line, as plist_oracle.py writes and reads it. With `strict`
-//! unsigned integers are "Q:" rather than "I:", which Python cannot tell apart.
-inline void canonicalDump(const QVariant &v, QList<QByteArray> &out, bool strict = false)
+//! One token per line, as plist_oracle.py reads it. With `strict` unsigned
+//! integers are "Q:" rather than "I:", which Python cannot tell apart.
+inline void canonicalDump(const QVariant &v, QList<QByteArray> &out, bool strict)
 {
     switch (zt::kindOf(v)) {
     case zt::ValueKind::Bool:
