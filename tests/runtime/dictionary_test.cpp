@@ -89,6 +89,11 @@ TEST(Dictionary, LookupAndEquality)
     EXPECT_TRUE(valuesEqual(QVariant::fromValue(Dictionary(QVariantMap{})), QVariantMap{}));
 }
 
+// Keys are read through per-thread caches of recent keys. Each thread reads
+// keys shared by all threads and keys of its own, again and again: many
+// distinct keys (evicting one another; thread 0 has more than the process-wide
+// pool interns), keys too long to be cached, and keys that differ only in
+// their middle bytes.
 TEST(Dictionary, KeysDecodeConcurrently)
 {
     constexpr int Threads = 4;
@@ -96,9 +101,13 @@ TEST(Dictionary, KeysDecodeConcurrently)
     std::vector<QVariantMap> maps;
     for (int t = 0; t < Threads; ++t) {
         QVariantMap map;
-        for (int i = 0; i < 400; ++i) // some keys shared by all threads, some per thread
+        for (int i = 0; i < (t ? 400 : 9000); ++i)
             map.insert(i % 2 ? QStringLiteral("shared-%1").arg(i) : QStringLiteral("t%1-%2").arg(t).arg(i),
                        i);
+        for (int i = 0; i < 50; ++i) {
+            map.insert(QStringLiteral("prefix-%1-suffix-that-makes-the-key-long-enough").arg(i), i);
+            map.insert(QStringLiteral("abcdefgh%1ijklmnop").arg(QChar(u'A' + i % 26)), i);
+        }
         files.push_back(plist::writeBinary(map));
         maps.push_back(map);
     }

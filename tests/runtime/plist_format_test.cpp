@@ -208,25 +208,4 @@ TEST(PlistReader, ReadsWellFormedFilesWeWouldNotWrite)
     EXPECT_EQ(outer[0].toList().constData(), outer[1].toList().constData());
 }
 
-// Keys are read through a per-thread cache of recent keys: many distinct keys
-// (evicting one another), keys longer than what is cached, and keys that
-// differ only in their middle bytes must still come back exactly, twice.
-TEST(PlistReader, ManyDistinctKeysReadBackExactly)
-{
-    QVariantMap map; // more keys than the process-wide pool interns: the rest are allocated
-    for (int i = 0; i < 9000; ++i)
-        map.insert(QStringLiteral("k%1").arg(i), i);
-    for (int i = 0; i < 50; ++i) {
-        map.insert(QStringLiteral("prefix-%1-suffix-that-makes-the-key-long-enough").arg(i), i);
-        map.insert(QStringLiteral("abcdefgh%1ijklmnop").arg(QChar(u'A' + i % 26)), i);
-    }
-    const QByteArray bytes = plist::writeBinary(map);
-    for (int round = 0; round < 2; ++round) {
-        SCOPED_TRACE(round);
-        const auto read = plist::readBinary(bytes);
-        ASSERT_TRUE(read.has_value());
-        EXPECT_TRUE(sameValue(*read, map));
-    }
-}
-
 } // namespace
