@@ -86,7 +86,9 @@ TEST(Signature, ParsesPlatformTypeStrings)
     EXPECT_FALSE(MethodSignature::fromTypes("").isValid());
 }
 
-TEST(Invocation, PerformCoercesArgumentsToTheSignature)
+// Calls by perform (arguments coerced to the signature) and by an invocation
+// object (dispatched through the class table).
+TEST(Invocation, CallsFollowTheSignature)
 {
     auto s = make<Sample>();
     EXPECT_EQ(s->perform("add:to:", {QVariant(2.0), QVariant(quint64(40))}).toLongLong(), 42);
@@ -97,6 +99,17 @@ TEST(Invocation, PerformCoercesArgumentsToTheSignature)
     EXPECT_EQ(s->calls[0][1].toLongLong(), qint16(70000)); // truncated to 16 bits as a C call would
     EXPECT_EQ(s->calls[0][2].toULongLong(), 0xFFFFFFFFu);
     EXPECT_EQ(s->calls[0][3].toDouble(), 3.0);
+
+    Invocation inv(s->methodSignatureForSelector("add:to:"));
+    inv.setSelector("add:to:");
+    inv.setTarget(s.get());
+    inv.setArgumentAtIndex(1, 2);
+    inv.setArgumentAtIndex(2, 3);
+    inv.invoke();
+    EXPECT_EQ(inv.returnValue().toLongLong(), 3);
+    EXPECT_THROW(inv.setArgumentAtIndex(1, 4), Exception);
+    EXPECT_THROW(inv.setArgumentAtIndex(1, 1), Exception);
+    inv.invokeWithTarget(nullptr); // a message to nothing does nothing
 }
 
 TEST(Invocation, UnknownSelectorsGoToTheForwardingHook)
@@ -115,21 +128,6 @@ TEST(Invocation, UnknownSelectorsGoToTheForwardingHook)
     EXPECT_TRUE(reason.startsWith(
         QStringLiteral("-[Forwarder nothing:]: unrecognized selector sent to instance 0x")));
     EXPECT_THROW(f->perform("remote:value:", {1}), Exception); // wrong argument count
-}
-
-TEST(Invocation, InvokingDispatchesToTheClassTableOrForwards)
-{
-    auto s = make<Sample>();
-    Invocation inv(s->methodSignatureForSelector("add:to:"));
-    inv.setSelector("add:to:");
-    inv.setTarget(s.get());
-    inv.setArgumentAtIndex(1, 2);
-    inv.setArgumentAtIndex(2, 3);
-    inv.invoke();
-    EXPECT_EQ(inv.returnValue().toLongLong(), 3);
-    EXPECT_THROW(inv.setArgumentAtIndex(1, 4), Exception);
-    EXPECT_THROW(inv.setArgumentAtIndex(1, 1), Exception);
-    inv.invokeWithTarget(nullptr); // a message to nothing does nothing
 }
 
 TEST(ObjectLifeCycle, TeardownRunsOnceEvenWhenItRetainsItself)
