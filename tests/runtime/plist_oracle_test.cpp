@@ -184,18 +184,14 @@ class PlistOracle : public testing::Test
 protected:
     void SetUp() override { ASSERT_TRUE(m_dir.isValid()); }
 
-    QString path(const Row &row, const char *suffix) const
-    {
-        return m_dir.filePath(row.name + QLatin1StringView(suffix));
-    }
     bool save(const Row &row, const char *suffix, const QByteArray &bytes) const
     {
-        QFile f(path(row, suffix));
+        QFile f(m_dir.filePath(row.name + QLatin1StringView(suffix)));
         return f.open(QIODevice::WriteOnly) && f.write(bytes) == bytes.size();
     }
     QByteArray load(const Row &row, const char *suffix) const
     {
-        QFile f(path(row, suffix));
+        QFile f(m_dir.filePath(row.name + QLatin1StringView(suffix)));
         return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
     }
     // Every row's file of `suffix` read back as exactly the row's value.

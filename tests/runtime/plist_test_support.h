@@ -24,34 +24,33 @@ inline QByteArray utf16Hex(const QString &s)
 
 //! One token per line, as plist_oracle.py reads it. With `strict` unsigned
 //! integers are "Q:" rather than "I:", which Python cannot tell apart.
-inline void canonicalDump(const QVariant &v, QList<QByteArray> &out, bool strict)
+inline QList<QByteArray> tokens(const QVariant &v, bool strict = false)
 {
     switch (zt::kindOf(v)) {
     case zt::ValueKind::Bool:
-        return out.append(v.toBool() ? "B:1" : "B:0");
+        return {v.toBool() ? "B:1" : "B:0"};
     case zt::ValueKind::Signed:
-        return out.append("I:" + QByteArray::number(v.toLongLong()));
+        return {"I:" + QByteArray::number(v.toLongLong())};
     case zt::ValueKind::Unsigned:
-        return out.append((strict ? "Q:" : "I:") + QByteArray::number(v.toULongLong()));
+        return {(strict ? "Q:" : "I:") + QByteArray::number(v.toULongLong())};
     case zt::ValueKind::Real:
-        return out.append(
-            "R:" + QByteArray::number(std::bit_cast<quint64>(v.toDouble()), 16).rightJustified(16, '0'));
+        return {"R:" + QByteArray::number(std::bit_cast<quint64>(v.toDouble()), 16).rightJustified(16, '0')};
     case zt::ValueKind::String:
-        return out.append("S:" + utf16Hex(v.toString()));
+        return {"S:" + utf16Hex(v.toString())};
     case zt::ValueKind::Data:
-        return out.append("D:" + v.toByteArray().toHex());
+        return {"D:" + v.toByteArray().toHex()};
     case zt::ValueKind::Date:
-        return out.append("T:" + QByteArray::number(v.toDateTime().toMSecsSinceEpoch()));
+        return {"T:" + QByteArray::number(v.toDateTime().toMSecsSinceEpoch())};
     case zt::ValueKind::Uid:
-        return out.append("U:" + QByteArray::number(v.value<zt::Uid>().value));
+        return {"U:" + QByteArray::number(v.value<zt::Uid>().value)};
     case zt::ValueKind::Null:
-        return out.append("N");
+        return {"N"};
     case zt::ValueKind::Array: {
         const QVariantList list = v.toList();
-        out.append("A:" + QByteArray::number(list.size()));
+        QList<QByteArray> out{"A:" + QByteArray::number(list.size())};
         for (const QVariant &e : list)
-            canonicalDump(e, out, strict);
-        return;
+            out += tokens(e, strict);
+        return out;
     }
     case zt::ValueKind::Dictionary: {
         // Hex of UTF-16BE sorts as the code units do.
@@ -59,23 +58,14 @@ inline void canonicalDump(const QVariant &v, QList<QByteArray> &out, bool strict
         const QVariantMap map = v.toMap();
         for (auto it = map.cbegin(); it != map.cend(); ++it)
             byUnits.insert(utf16Hex(it.key()), it.value());
-        out.append("M:" + QByteArray::number(map.size()));
-        for (auto it = byUnits.cbegin(); it != byUnits.cend(); ++it) {
-            out.append("S:" + it.key());
-            canonicalDump(it.value(), out, strict);
-        }
-        return;
+        QList<QByteArray> out{"M:" + QByteArray::number(map.size())};
+        for (auto it = byUnits.cbegin(); it != byUnits.cend(); ++it)
+            out += QList<QByteArray>{"S:" + it.key()} + tokens(it.value(), strict);
+        return out;
     }
     default:
-        out.append("?:" + zt::valueClassName(v).toUtf8() + ':' + zt::describe(v).toUtf8());
+        return {"?:" + zt::valueClassName(v).toUtf8() + ':' + zt::describe(v).toUtf8()};
     }
-}
-
-inline QList<QByteArray> tokens(const QVariant &v, bool strict = false)
-{
-    QList<QByteArray> out;
-    canonicalDump(v, out, strict);
-    return out;
 }
 
 //! Equal token lists, or where they first differ.
