@@ -35,11 +35,12 @@ template<typename C> zt::Ref<ZTAbstractIPC> fromDictionary(const QVariantMap &di
 }
 
 // Controllers have a fixed UUID: the client makes them with plain init()
-// unless one is registered already.
+// unless one of the class is registered already (the person list
+// controller never is: the network directory holds its UUID).
 template<typename C> zt::Ref<ZTAbstractIPC> singleton(const QVariantMap &dictionary)
 {
-    if (auto existing =
-            ZTDirectory::sharedInstance()->objectWithID(dictionary.value(u"description"_s).toString()))
+    const QString uuid = dictionary.value(u"description"_s).toString();
+    if (auto existing = zt::dynamicCast<C>(ZTDirectory::sharedInstance()->objectWithID(uuid)))
         return existing;
     return made<C>();
 }
@@ -61,9 +62,7 @@ zt::Ref<ZTAbstractIPC> mirrorOf(const QVariantMap &entry)
          }},
         {u"AgentConnectionController"_s, singleton<ClientConnectionController>},
         {u"AgentIdentityController"_s, singleton<ClientIdentityController>},
-        // Not registered: the network directory holds its UUID.
-        {u"AgentPersonListController"_s,
-         [](const QVariantMap &) -> zt::Ref<ZTAbstractIPC> { return made<ClientPersonListController>(); }},
+        {u"AgentPersonListController"_s, singleton<ClientPersonListController>},
     };
     const Builder builder = builders.value(entry.value(u"class"_s).toString());
     return builder ? builder(entry.value(u"dictionary"_s).toMap()) : nullptr;
