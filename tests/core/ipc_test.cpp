@@ -116,7 +116,8 @@ Ref<TestNode> unarchived(const QByteArray &data)
 // ---- UUIDs and registration ----
 
 // Agent objects get fresh UUIDs (their form is the UUID generator's test) and
-// are registered; registration off makes volatile objects that never send.
+// are registered under them; registration off makes volatile objects that
+// never send.
 TEST_F(CoreTest, AgentObjectsAreRegisteredUnlessRegistrationIsOff)
 {
     auto a = agentObject();
@@ -141,6 +142,18 @@ TEST_F(CoreTest, AgentObjectsAreRegisteredUnlessRegistrationIsOff)
     EXPECT_TRUE(calls().isEmpty());
     v->invalidate(); // not registered: nothing happens
     EXPECT_EQ(v->nilified, 0);
+
+    // The dictionary initialiser overwrites the text, not the entry.
+    auto n = make<TestNode>();
+    n->initWithDictionary({{QStringLiteral("description"), QStringLiteral("FROM-DICT")},
+                           {QStringLiteral("name"), QStringLiteral("n")}});
+    EXPECT_EQ(n->description(), QStringLiteral("FROM-DICT"));
+    EXPECT_EQ(n->name(), QStringLiteral("n"));
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(QStringLiteral("FROM-DICT")), nullptr);
+    ASSERT_FALSE(n->registeredUUID().isEmpty());
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(n->registeredUUID()).get(), n.get());
+    n->invalidate(); // leaves the entry it was registered under
+    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(n->registeredUUID()), nullptr);
 }
 
 TEST_F(CoreTest, UuidAndDirectoryRulesAndTheirAssertionTexts)
@@ -185,20 +198,6 @@ TEST_F(CoreTest, UuidAndDirectoryRulesAndTheirAssertionTexts)
         EXPECT_EQ(reason, row.reason);
         ZTDirectory::sharedInstance()->unregisterObjectWithID(QStringLiteral("TEST-SINGLETON-UUID"));
     }
-}
-
-TEST_F(CoreTest, DictionaryInitialiserOverwritesTheTextNotTheEntry)
-{
-    auto n = make<TestNode>();
-    n->initWithDictionary({{QStringLiteral("description"), QStringLiteral("FROM-DICT")},
-                           {QStringLiteral("name"), QStringLiteral("n")}});
-    EXPECT_EQ(n->description(), QStringLiteral("FROM-DICT"));
-    EXPECT_EQ(n->name(), QStringLiteral("n"));
-    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(QStringLiteral("FROM-DICT")), nullptr);
-    ASSERT_FALSE(n->registeredUUID().isEmpty());
-    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(n->registeredUUID()).get(), n.get());
-    n->invalidate(); // leaves the entry it was registered under
-    EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(n->registeredUUID()), nullptr);
 }
 
 // ---- the directory ----

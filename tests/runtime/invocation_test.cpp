@@ -75,10 +75,7 @@ TEST(Signature, TypeCodesComeFromTheMemberFunctionType)
         EXPECT_EQ(m->signature.methodReturnLength(), row.returnLength);
         EXPECT_EQ(m->signature.numberOfArguments(), selectorArgumentCount(row.selector) + 2);
     }
-}
-
-TEST(Signature, ParsesPlatformTypeStrings)
-{
+    // The platform's type strings, with offsets and qualifiers.
     EXPECT_EQ(MethodSignature::fromTypes("v24@0:8@16").types(), QByteArray("v@:@"));
     const MethodSignature qualified = MethodSignature::fromTypes("v@:r@");
     EXPECT_EQ(qualified.argumentTypeAt(2), QByteArray("r@")); // matches no plain code
