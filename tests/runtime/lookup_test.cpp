@@ -44,7 +44,7 @@ QByteArray getterOf(const ClassInfo &c, const QString &key)
 
 } // namespace
 
-TEST(MethodLookUp, ClassesMadeAfterALookUpAnswerFromTheirOwnTables)
+TEST(MethodLookUp, AnswersComeFromTheClassAndTheNamesText)
 {
     // Each class is made where the previous one was just freed, often at the
     // same address; the same selector objects are asked every time.
@@ -60,10 +60,8 @@ TEST(MethodLookUp, ClassesMadeAfterALookUpAnswerFromTheirOwnTables)
         EXPECT_EQ(c->instanceMethod(ping) != nullptr, !odd);  // again, from the cache
         EXPECT_NE(c->instanceMethod("description"), nullptr); // inherited
     }
-}
 
-TEST(MethodLookUp, NamesAreMatchedByTheirTextWhateverHoldsIt)
-{
+    // Names are matched by their text, whatever holds it.
     ClassInfo c("LookUpText", &Object::staticClassInfo(), nullptr, registerPing);
     char buffer[] = "pong";
     const QByteArray raw = QByteArray::fromRawData(buffer, 4);
