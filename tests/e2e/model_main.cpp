@@ -6,23 +6,252 @@
 //                          "STEP <name>: OK" or "STEP <name>: MISMATCH" and
 //                          one "  <difference>" line each; "DONE <steps>".
 
+#include "channel_classes.h"
+#include "connection_classes.h"
+#include "controller_classes.h"
 #include "core/ztagenthost.h"
 #include "core/ztclientnode.h"
 #include "core/ztdirectory.h"
+#include "core/ztrootobject.h"
+#include "dictionary_objects.h"
 #include "model_diff.h"
 #include "model_scenario.h"
 #include "network_classes.h"
+#include "person_classes.h"
 #include "runtime/exception.h"
+#include "runtime/members.h"
 #include "runtime/process.h"
+#include "settings_classes.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QTextStream>
 #include <QTimer>
 
+using namespace Qt::StringLiterals;
+
 namespace {
 
 QTextStream out(stdout);
+const QString GoneEntry = u"@gone"_s; // the snapshot's list of UUIDs that must have left
+
+template<typename C> zt::Ref<ZTAbstractIPC> fromDictionary(const QVariantMap &dictionary)
+{
+    return zt::apps::objectFromDictionary<C, ZTAbstractIPC>(dictionary);
+}
+
+// Controllers have a fixed UUID: the client makes them with plain init()
+// unless one of the class is registered already (the person list
+// controller never is: the network directory holds its UUID).
+template<typename C> zt::Ref<ZTAbstractIPC> singleton(const QVariantMap &dictionary)
+{
+    const QString uuid = dictionary.value(u"description"_s).toString();
+    if (auto existing = zt::dynamicCast<C>(ZTDirectory::sharedInstance()->objectWithID(uuid)))
+        return existing;
+    return made<C>();
+}
+
+// The client's mirrors of top-level objects, by the agent's class name.
+QList<zt::Ref<ZTAbstractIPC>> mirrorsOf(const QVariantList &entries)
+{
+    using Builder = zt::Ref<ZTAbstractIPC> (*)(const QVariantMap &);
+    static const QHash<QString, Builder> builders = {
+        {u"AgentAdvancedSettings"_s, fromDictionary<ClientAdvancedSettings>},
+        {u"AgentProxy"_s, fromDictionary<ClientProxy>},
+        {u"AgentBan"_s, fromDictionary<ClientBan>},
+        {u"AgentTransfer"_s, fromDictionary<ClientTransfer>},
+        {u"AgentSelfIdentity"_s, fromDictionary<ClientSelfIdentity>},
+        {u"AgentPseudoPerson"_s, fromDictionary<ClientPseudoPerson>},
+        {u"AgentPerson"_s,
+         [](const QVariantMap &d) -> zt::Ref<ZTAbstractIPC> {
+             return ClientPerson::personWithDictionary(d);
+         }},
+        {u"AgentConnectionController"_s, singleton<ClientConnectionController>},
+        {u"AgentIdentityController"_s, singleton<ClientIdentityController>},
+        {u"AgentPersonListController"_s, singleton<ClientPersonListController>},
+    };
+    QList<zt::Ref<ZTAbstractIPC>> mirrors;
+    for (const QVariant &entry : entries) {
+        const QVariantMap e = entry.toMap();
+        if (const Builder builder = builders.value(e.value(u"class"_s).toString()))
+            mirrors.append(builder(e.value(u"dictionary"_s).toMap()));
+    }
+    return mirrors;
+}
+
+// The dictionary form plus, for objects whose form is only their UUID, the
+// keys they hold (a nil value as "<nil>"): what is compared.
+QVariantMap comparedForm(const ZTAbstractIPC *object)
+{
+    static const QStringList connectionKeys =
+        u"nickname modes status unreadLines unreadHighlights attributes serverDictionary "
+        u"currentIdentityDictionary nextIdentityDictionary advancedSettingsDictionary proxyDictionary "
+        u"consoleDictionary channelDictionaries transferDictionaries"_s.split(u' ');
+    QStringList keys;
+    if (dynamic_cast<const ZTAbstractConnection *>(object))
+        keys = connectionKeys;
+    else if (dynamic_cast<const ZTAbstractChannel *>(object))
+        keys = {u"starOccurences"_s};
+    else if (dynamic_cast<const ZTAbstractConnectionController *>(object))
+        keys = {u"connectionDictionaries"_s};
+    else if (dynamic_cast<const ZTAbstractIdentityController *>(object))
+        keys = {u"identityDictionaries"_s};
+    else if (dynamic_cast<const ZTAbstractNetworkDirectory *>(object))
+        keys = {u"networkDictionaries"_s};
+    QVariantMap form = object->dictionary();
+    for (const QString &key : keys) {
+        const QVariant value = const_cast<ZTAbstractIPC *>(object)->valueForKey(key);
+        form.insert(key, value.isValid() ? value : QVariant(u"<nil>"_s));
+    }
+    return form;
+}
+
+} // namespace
+
+//! The root both processes mirror: the top-level objects of the scenario,
+//! wired as {"class": agent class name, "dictionary": dictionary form}.
+class ScenarioRoot : public ZTAbstractIPC
+{
+    ZT_OBJECT(ScenarioRoot, ZTAbstractIPC)
+public:
+    ZT_TO_MANY(ZTAbstractIPC, objects, Objects)
+    ZT_KEY(objectDictionaries, setObjectDictionaries)
+    ZT_METHOD("insertObjectDictionaries:atIndexes:", insertObjectDictionariesAtIndexes)
+    ZT_METHOD("removeObjectDictionariesAtIndexes:", removeObjectDictionariesAtIndexes)
+
+    QVariantList objectDictionaries() const
+    {
+        QVariantList entries;
+        for (const zt::Ref<ZTAbstractIPC> &object : m_objects)
+            entries.append(
+                QVariantMap{{u"class"_s, object->className()}, {u"dictionary"_s, object->dictionary()}});
+        return entries;
+    }
+    void setObjectDictionaries(const QVariantList &entries) { setObjects(mirrorsOf(entries)); }
+    void insertObjectDictionariesAtIndexes(const QVariantList &entries, const zt::IndexSet &indexes)
+    {
+        mutableObjects().insertObjectsAtIndexes(zt::detail::objectValues(mirrorsOf(entries)), indexes);
+    }
+    void removeObjectDictionariesAtIndexes(const zt::IndexSet &indexes)
+    {
+        QList<zt::Ref<ZTAbstractIPC>> removed;
+        for (quint64 i : indexes)
+            removed.append(m_objects.value(qsizetype(i)));
+        mutableObjects().removeObjectsAtIndexes(indexes);
+        for (const auto &object : removed)
+            if (object)
+                object->invalidate(); // the client's root owns its mirrors
+    }
+    QVariantMap dictionary() const override
+    {
+        QVariantMap d = super::dictionary();
+        d.insert(u"objectDictionaries"_s, objectDictionaries());
+        return d;
+    }
+    QString replacementKeyForWiring(const QString &key) const override
+    {
+        return key == u"objects" ? u"objectDictionaries"_s : super::replacementKeyForWiring(key);
+    }
+    void invalidateAll()
+    {
+        for (const zt::Ref<ZTAbstractIPC> &object : m_objects)
+            object->invalidate();
+        invalidate();
+    }
+};
+ZT_DEFINE_CLASS(ScenarioRoot)
+
+//! The client's root: compares each step's snapshot with its mirrors.
+class ScenarioClientRoot : public ZTRootObject
+{
+    ZT_OBJECT(ScenarioClientRoot, ZTRootObject)
+public:
+    void agentCompletedStepSnapshot(const QString &step, const QVariantMap &snapshot)
+    {
+        QStringList differences;
+        for (auto it = snapshot.cbegin(); it != snapshot.cend(); ++it) {
+            if (it.key() == GoneEntry) {
+                for (const QVariant &uuid : it.value().toList())
+                    if (ZTDirectory::sharedInstance()->objectWithID(uuid.toString()))
+                        differences.append(uuid.toString() + u": still in the directory"_s);
+            } else if (auto mirror = ZTDirectory::sharedInstance()->objectWithID(it.key())) {
+                differences +=
+                    zt::apps::describeDifferences(it.value(), comparedForm(mirror.get()), it.key());
+            } else {
+                differences.append(it.key() + u": no mirror"_s);
+            }
+        }
+        out << "STEP " << step << (differences.isEmpty() ? ": OK" : ": MISMATCH") << '\n';
+        for (const QString &d : differences)
+            out << "  " << d << '\n';
+        out.flush();
+    }
+    ZT_METHOD("agentCompletedStep:snapshot:", agentCompletedStepSnapshot)
+    void agentFinished(qint64 steps)
+    {
+        out << "DONE " << steps << Qt::endl;
+        QCoreApplication::quit();
+    }
+    ZT_METHOD("agentFinished:", agentFinished)
+    //! The client's own action on its mirror (a reset of counters read here).
+    void agentAsksClientToPerformOnObjectWithID(const QString &selector, const QString &uuid)
+    {
+        if (zt::Ref<ZTAbstractIPC> mirror = ZTDirectory::sharedInstance()->objectWithID(uuid))
+            mirror->perform(zt::Selector(selector.toLatin1()));
+    }
+    ZT_METHOD("agentAsksClientToPerform:onObjectWithID:", agentAsksClientToPerformOnObjectWithID)
+};
+ZT_DEFINE_CLASS(ScenarioClientRoot)
+
+void ScenarioContext::adopt(const QString &name, const zt::Ref<ZTAbstractIPC> &object)
+{
+    adopted.insert(name, object);
+    root->mutableObjects().addObject(zt::objectValue(object.get()));
+}
+
+void ScenarioContext::drop(const QString &name)
+{
+    zt::Ref<ZTAbstractIPC> object = adopted.take(name);
+    root->mutableObjects().removeObjectAtIndex(root->objects().indexOf(object));
+    object->invalidate();
+}
+
+QVariantMap ScenarioContext::snapshot()
+{
+    QVariantMap forms;
+    ZTDirectory *registered = ZTDirectory::sharedInstance();
+    // A dictionary whose UUID the directory holds names an object: its
+    // compared form goes in, and is searched in turn.
+    std::function<void(const QVariant &)> visit = [&](const QVariant &value) {
+        if (value.typeId() == QMetaType::QVariantList) {
+            for (const QVariant &v : value.toList())
+                visit(v);
+        } else if (value.typeId() == QMetaType::QVariantMap) {
+            const QString uuid = value.toMap().value(u"description"_s).toString();
+            zt::Ref<ZTAbstractIPC> object = forms.contains(uuid) ? nullptr : registered->objectWithID(uuid);
+            if (object)
+                forms.insert(uuid, comparedForm(object.get()));
+            for (const QVariant &v : object ? forms.value(uuid).toMap() : value.toMap())
+                visit(v);
+        }
+    };
+    visit(directory->dictionary());
+    visit(root->objectDictionaries());
+    QStringList gone;
+    for (const QString &uuid : std::as_const(seen)) {
+        if (forms.contains(uuid))
+            continue;
+        gone.append(uuid);
+        if (registered->objectWithID(uuid))
+            QTextStream(stderr) << uuid << ": still in the agent's directory" << Qt::endl;
+    }
+    for (auto it = forms.cbegin(); it != forms.cend(); ++it)
+        seen.insert(it.key());
+    forms.insert(GoneEntry, gone);
+    return forms;
+}
+
+namespace {
 
 struct Agent : ZTAgentHostDelegate
 {
@@ -73,18 +302,19 @@ struct Events : ZTClientNodeDelegate
 
 int runAgent(QCoreApplication &app)
 {
-    zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.ModelScenarioAgent"));
+    zt::process::setApplicationIdentifier(u"com.zintaro.ModelScenarioAgent"_s);
     Agent agent;
-    // The network directory first: its fixed UUID is shared.
-    auto directory = zt::make<AgentNetworkDirectory>();
-    directory->init();
-    auto root = zt::make<ScenarioRoot>();
-    root->init();
+    auto directory = made<AgentNetworkDirectory>(); // first: its fixed UUID is shared
+    auto root = made<ScenarioRoot>();
     agent.ctx.root = root.get();
     agent.ctx.directory = directory.get();
     zt::Ref<ZTAgentHost> host = ZTAgentHost::create(root.get(), &agent);
-    host->setClientProtocol(&scenarioClientProtocol());
-    if (!host->listen(QStringLiteral("127.0.0.1"), 0))
+    static zt::Protocol protocol = ZTRootObject::clientRootProtocol();
+    protocol.addMethod("agentCompletedStep:snapshot:", zt::MethodSignature::fromTypes("v@:@@"));
+    protocol.addMethod("agentFinished:", zt::MethodSignature::fromTypes("v@:@"));
+    protocol.addMethod("agentAsksClientToPerform:onObjectWithID:", zt::MethodSignature::fromTypes("v@:@@"));
+    host->setClientProtocol(&protocol);
+    if (!host->listen(u"127.0.0.1"_s, 0))
         return 1;
     out << "LISTENING " << host->port() << Qt::endl;
     const int rc = app.exec();
@@ -97,13 +327,12 @@ int runAgent(QCoreApplication &app)
 
 int runClient(QCoreApplication &app, quint16 port)
 {
-    zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.ModelScenario"));
-    auto directory = zt::make<ClientNetworkDirectory>(); // first: its fixed UUID is shared
-    directory->init();
+    zt::process::setApplicationIdentifier(u"com.zintaro.ModelScenario"_s);
+    auto directory = made<ClientNetworkDirectory>(); // first: its fixed UUID is shared
     Events events;
     zt::Ref<ZTClientNode> node = ZTClientNode::create<ScenarioRoot>(&events);
     node->setRootClass(ScenarioClientRoot::staticClassInfo());
-    if (!node->connectToHost(QStringLiteral("127.0.0.1"), port))
+    if (!node->connectToHost(u"127.0.0.1"_s, port))
         return 1;
     QTimer::singleShot(30000, &app, [] { QCoreApplication::exit(4); });
     const int rc = app.exec();
@@ -116,42 +345,6 @@ int runClient(QCoreApplication &app, quint16 port)
 }
 
 } // namespace
-
-void ScenarioClientRoot::agentCompletedStepSnapshot(const QString &step, const QVariantMap &snapshot)
-{
-    QStringList differences;
-    for (auto it = snapshot.cbegin(); it != snapshot.cend(); ++it) {
-        if (it.key() == QLatin1String(GoneEntry)) {
-            for (const QVariant &uuid : it.value().toList())
-                if (ZTDirectory::sharedInstance()->objectWithID(uuid.toString()))
-                    differences.append(uuid.toString() + QStringLiteral(": still in the directory"));
-            continue;
-        }
-        zt::Ref<ZTAbstractIPC> mirror = ZTDirectory::sharedInstance()->objectWithID(it.key());
-        if (!mirror)
-            differences.append(it.key() + QStringLiteral(": no mirror"));
-        else
-            differences += zt::apps::describeDifferences(it.value(), comparedForm(mirror.get()), it.key());
-    }
-    out << "STEP " << step << (differences.isEmpty() ? ": OK" : ": MISMATCH") << '\n';
-    for (const QString &d : differences)
-        out << "  " << d << '\n';
-    out.flush();
-}
-
-void ScenarioClientRoot::agentAsksClientToPerformOnObjectWithID(const QString &selector, const QString &uuid)
-{
-    if (zt::Ref<ZTAbstractIPC> mirror = ZTDirectory::sharedInstance()->objectWithID(uuid))
-        mirror->perform(zt::Selector(selector.toLatin1()));
-}
-
-void ScenarioClientRoot::agentFinished(qint64 steps)
-{
-    out << "DONE " << steps << Qt::endl;
-    QCoreApplication::quit();
-}
-
-ZT_DEFINE_CLASS(ScenarioClientRoot)
 
 int main(int argc, char **argv)
 {
