@@ -211,9 +211,8 @@ TEST(AsyncSocketMisuse, RaisesTheNamedException)
                  fresh->startTLS({});
              }},
             {"ReadAheadWithATLSSwitchQueued",
-             u"Attempting to read ahead while a switch to TLS is queued. Bytes read ahead would be lost to "
-             u"the "
-             u"handshake; read ahead after onSocketDidSecure."_s,
+             u"Attempting to read ahead while a switch to TLS is queued. Bytes read ahead would be lost "
+             u"to the handshake; read ahead after onSocketDidSecure."_s,
              [](AsyncSocket *, AsyncSocket *fresh) {
                  fresh->startTLS({});
                  fresh->enableReadAhead();

@@ -335,10 +335,8 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
         {"object keeps a boolean", one("take:", scalarPlist("09")), u"b:1"_s},
         {"object from an index-set form", one("take:", indexSetPayload({7})), u"idx[7]"_s},
         {"reply without a target",
-         body(vd::ReturnedValueSelector, {}, {scalarPlist("10 2a"), scalarPlist("52 4831")}),
-         u"i:42 s\"H1\""_s,
-         {},
-         false},
+         body(vd::ReturnedValueSelector, "", {scalarPlist("10 2a"), scalarPlist("52 4831")}),
+         u"i:42 s\"H1\""_s, u""_s, false},
         // unparsable payloads arrive as nil, converted per type code
         {"unparsable object", one("take:", hex("0102030405")), u"nil"_s,
          u"Could not deserialize <01020304 05> (take:)"_s},
@@ -351,7 +349,7 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
         {"unknown selector", body("nope:", "H", {{}}), u"none"_s},
         {"unknown selector, the rest garbage", word(5) + "nope:" + "garbage", u"none"_s},
         {"prefix of a known selector", body("take", {}, {}), u"none"_s},
-        {"no target", one("take:", {}), u"none"_s, {}, false},
+        {"no target", one("take:", ""), u"none"_s, u""_s, false},
         // bodies shorter than their fields
         {"empty body", {}, ranged(0, 8, 0)},
         {"selector length cut", QByteArray(3, '\0'), ranged(0, 8, 3)},
@@ -427,6 +425,10 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
         u"Unknown argument format: Argument 0x? with type %1 of selector %2 is not allowed"_s;
     const QString notPlist = u"EWREW: QWEWQ"_s;
     const QVariant farDate = QDateTime(QDate(40000, 1, 1), QTime(0, 0), Qt::UTC);
+    const QVariant objectInArray = QVariantList{1, object}, indexSetInArray = QVariantList{indexes({1})};
+    const QVariant objectInMap = QVariantMap{{u"k"_s, object}},
+                   nullInMap = QVariantMap{{u"k"_s, zt::nullValue()}};
+    const char *notPlistMap = "NSDictionary is not a property list: ";
     const struct
     {
         const char *name;
@@ -444,22 +446,14 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
          {object},
          u"Unknown object type: Argument <CodecGadget: 0x?> (class CodecGadget) of selector take: is not allowed"_s},
         {"object in the second argument", "take:and:", {1, object}, u"Unknown object type"_s},
-        {"object inside an array", "take:", {QVariant(QVariantList{1, object})}, u"Unknown object type"_s},
-        {"object as a dictionary value",
-         "take:",
-         {QVariantMap{{u"k"_s, object}}},
-         notPlist,
-         "NSDictionary is not a property list: "},
+        {"object inside an array", "take:", {objectInArray}, u"Unknown object type"_s},
+        {"object as a dictionary value", "take:", {objectInMap}, notPlist, notPlistMap},
         {"index set inside an array",
          "take:",
-         {QVariant(QVariantList{indexes({1})})},
+         {indexSetInArray},
          notPlist,
          "NSArray is not a property list: "},
-        {"null marker inside a dictionary",
-         "take:",
-         {QVariantMap{{u"k"_s, zt::nullValue()}}},
-         notPlist,
-         "NSDictionary is not a property list: "},
+        {"null marker inside a dictionary", "take:", {nullInMap}, notPlist, notPlistMap},
         {"date beyond the format's range", "take:", {farDate}, notPlist, "NSDate is not a property list: "},
     };
     for (const auto &row : rows) {
