@@ -1,12 +1,12 @@
-// The model controllers: fixed UUIDs, propagation, look-ups across
-// connections and the departure rule.
+// The model controllers: fixed UUIDs, propagation, removals, look-ups
+// across connections and the departure rule.
 #include "model_fixture.h"
 #include "network_classes.h"
 #include "support/raised.h"
 
 using ChatTest = ModelTest;
 
-TEST_F(ChatTest, ControllersUseFixedUUIDsAndPropagateOnlyTheirList)
+TEST_F(ChatTest, ControllersFixedUUIDsPropagationAndRemovals)
 {
     auto connections = make<AgentConnectionController>();
     auto identities = make<AgentIdentityController>();
@@ -31,6 +31,23 @@ TEST_F(ChatTest, ControllersUseFixedUUIDsAndPropagateOnlyTheirList)
         EXPECT_EQ(row.controller->shouldPropagateValueChangesForKey(u"other"_s), row.propagatesOthers);
         EXPECT_EQ(row.controller->replacementKeyForWiring(row.list), row.wired);
     }
+
+    // The identity controller's removals keep the identity; the abstract
+    // class cannot convert dictionaries.
+    auto identity = make<AgentSelfIdentity>();
+    identities->addIdentity(identity);
+    identities->removeIdentity(identity);
+    EXPECT_TRUE(identities->identities().isEmpty());
+    EXPECT_TRUE(identity->inDirectory());
+    auto abstract = zt::make<ZTAbstractIdentityController>();
+    ZTAbstractIPC::disableRegistration();
+    abstract->init();
+    ZTAbstractIPC::enableRegistration();
+    EXPECT_EQ(
+        zttest::raised([&] { abstract->setIdentityDictionaries({}); }),
+        std::make_pair(
+            u"Abstract method"_s,
+            u"Implement -replacementObjectsForIdentityDictionaries: in ZTAbstractIdentityController"_s));
 }
 
 TEST_F(ChatTest, AllChannelsListsChannelsThenConsoles)
@@ -59,25 +76,6 @@ TEST_F(ChatTest, AllChannelsListsChannelsThenConsoles)
     EXPECT_FALSE(console1->inDirectory());
     EXPECT_TRUE(second->inDirectory());
     EXPECT_EQ(controller->allChannels(), (QList<zt::Ref<ZTAbstractChannel>>{c, console2}));
-}
-
-TEST_F(ChatTest, IdentityControllerRemovalsKeepIdentities)
-{
-    auto controller = make<AgentIdentityController>();
-    auto identity = make<AgentSelfIdentity>();
-    controller->addIdentity(identity);
-    controller->removeIdentity(identity);
-    EXPECT_TRUE(controller->identities().isEmpty());
-    EXPECT_TRUE(identity->inDirectory());
-
-    auto abstract = zt::make<ZTAbstractIdentityController>();
-    ZTAbstractIPC::disableRegistration();
-    abstract->init();
-    ZTAbstractIPC::enableRegistration();
-    EXPECT_EQ(zttest::raised([&] { abstract->setIdentityDictionaries({}); }),
-              std::make_pair(u"Abstract method"_s,
-                             QStringLiteral("Implement -replacementObjectsForIdentityDictionaries: in "
-                                            "ZTAbstractIdentityController")));
 }
 
 // Counts the "emptyRuleCache" calls the person list controller makes.

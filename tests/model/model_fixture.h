@@ -15,6 +15,12 @@
 
 using namespace Qt::StringLiterals;
 
+//! A table's UTF-8 text as a string.
+inline QString qs(const char *text)
+{
+    return QString::fromUtf8(text);
+}
+
 namespace modeltest {
 
 //! Stands for the link to the other process: records the forwarded calls.

@@ -6,11 +6,6 @@
 
 namespace {
 
-QString qs(const char *text)
-{
-    return QString::fromUtf8(text);
-}
-
 // Counts teardowns, to see which people are freed.
 class CountedPerson : public AgentPerson
 {
@@ -40,9 +35,8 @@ protected:
         connection = make<AgentConnection>();
         connection->setServer(server);
         connection->setNickname(u"Me"_s);
-        self = make<AgentSelfIdentity>();
-        self->setStatus(6);
-        connection->setCurrentIdentity(self);
+        connection->setCurrentIdentity(make<AgentSelfIdentity>());
+        connection->currentIdentity()->setStatus(6);
         for (const QString &name : {u"#a"_s, u"#b"_s}) {
             auto c = channel(name, connection.get());
             connection->mutableChannels().addObject(zt::objectValue(c.get()));
@@ -57,7 +51,6 @@ protected:
     }
     zt::Ref<AgentNetwork> network;
     zt::Ref<AgentConnection> connection;
-    zt::Ref<AgentSelfIdentity> self;
 };
 
 TEST_F(PersonTest, InductionFromTheConnection)
