@@ -21,11 +21,10 @@ TEST(ModelScenario, ClientMirrorEqualsAgentAfterEveryStep)
     EXPECT_EQ(client.exitCode(), 0) << qPrintable(output);
     EXPECT_TRUE(agent.waitForFinished(10000));
     EXPECT_EQ(agent.exitCode(), 0);
-    EXPECT_TRUE(agent.readAllStandardError().isEmpty()); // no step raised
+    EXPECT_TRUE(agent.readAllStandardError().isEmpty()); // no step raised, timed out or left an object behind
 
     const QStringList lines = output.split(u'\n', Qt::SkipEmptyParts);
     ASSERT_FALSE(lines.isEmpty());
     ASSERT_TRUE(lines.last().startsWith(QStringLiteral("DONE "))) << qPrintable(output);
     EXPECT_EQ(lines.filter(QStringLiteral(": OK")).size(), lines.last().mid(5).toInt()) << qPrintable(output);
-    EXPECT_FALSE(output.contains(QStringLiteral("MISMATCH"))) << qPrintable(output);
 }

@@ -1,10 +1,7 @@
-// The two processes of the model scenario, one program:
-//   zt-e2e-model --agent   prints "LISTENING <port>", runs the steps once a
-//                          client has registered, sending a snapshot after
-//                          each; exits when its last client leaves.
-//   zt-e2e-model <port>    compares each snapshot with its mirrors, printing
-//                          "STEP <name>: OK" or "STEP <name>: MISMATCH" and
-//                          one "  <difference>" line each; "DONE <steps>".
+// The model scenario's two processes: `zt-e2e-model --agent` prints
+// "LISTENING <port>" and sends a snapshot after each step; `zt-e2e-model
+// <port>` prints "STEP <name>: OK" (or MISMATCH and one "  <difference>"
+// line each) per snapshot and "DONE <steps>".
 
 #include "channel_classes.h"
 #include "connection_classes.h"
@@ -35,11 +32,6 @@ namespace {
 QTextStream out(stdout);
 const QString GoneEntry = u"@gone"_s; // the snapshot's list of UUIDs that must have left
 
-template<typename C> zt::Ref<ZTAbstractIPC> fromDictionary(const QVariantMap &dictionary)
-{
-    return zt::apps::objectFromDictionary<C, ZTAbstractIPC>(dictionary);
-}
-
 // Controllers have a fixed UUID: the client makes them with plain init()
 // unless one of the class is registered already (the person list
 // controller never is: the network directory holds its UUID).
@@ -55,13 +47,14 @@ template<typename C> zt::Ref<ZTAbstractIPC> singleton(const QVariantMap &diction
 QList<zt::Ref<ZTAbstractIPC>> mirrorsOf(const QVariantList &entries)
 {
     using Builder = zt::Ref<ZTAbstractIPC> (*)(const QVariantMap &);
+    using zt::apps::objectFromDictionary;
     static const QHash<QString, Builder> builders = {
-        {u"AgentAdvancedSettings"_s, fromDictionary<ClientAdvancedSettings>},
-        {u"AgentProxy"_s, fromDictionary<ClientProxy>},
-        {u"AgentBan"_s, fromDictionary<ClientBan>},
-        {u"AgentTransfer"_s, fromDictionary<ClientTransfer>},
-        {u"AgentSelfIdentity"_s, fromDictionary<ClientSelfIdentity>},
-        {u"AgentPseudoPerson"_s, fromDictionary<ClientPseudoPerson>},
+        {u"AgentAdvancedSettings"_s, objectFromDictionary<ClientAdvancedSettings, ZTAbstractIPC>},
+        {u"AgentProxy"_s, objectFromDictionary<ClientProxy, ZTAbstractIPC>},
+        {u"AgentBan"_s, objectFromDictionary<ClientBan, ZTAbstractIPC>},
+        {u"AgentTransfer"_s, objectFromDictionary<ClientTransfer, ZTAbstractIPC>},
+        {u"AgentSelfIdentity"_s, objectFromDictionary<ClientSelfIdentity, ZTAbstractIPC>},
+        {u"AgentPseudoPerson"_s, objectFromDictionary<ClientPseudoPerson, ZTAbstractIPC>},
         {u"AgentPerson"_s,
          [](const QVariantMap &d) -> zt::Ref<ZTAbstractIPC> {
              return ClientPerson::personWithDictionary(d);

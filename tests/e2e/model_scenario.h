@@ -1,12 +1,9 @@
 #pragma once
-// The two-process model scenario: the agent builds the chat model step by
-// step; the client mirrors it and, after every step, compares the dictionary
-// form of every object with the agent's. Each family's steps live in
-// model_scenario_<family>.cpp; a class the agent adopts at the top level
-// needs a client builder in model_main.cpp. The snapshot finds every
-// object through the dictionary forms, so steps name nothing but the
-// top-level objects, and an object that left every form must have left both
-// directories.
+// The model scenario: the agent runs each family's steps
+// (model_scenario_<family>.cpp); after each, the client compares every object
+// the snapshot reaches through the dictionary forms with its mirror, and
+// checks that objects no form reaches any more left its directory. A class
+// adopted at the top level needs a client builder in model_main.cpp.
 
 #include "core/ztabstractipc.h"
 

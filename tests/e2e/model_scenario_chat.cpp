@@ -1,9 +1,6 @@
-// Steps of the chat family: the three controllers, a connection with its
-// server, identities, settings and proxy, its console, channels and a query,
-// the people in a channel, bans, stars, counters and transfers, and the
-// removal of a channel and of the connection. A connection's dictionary form
-// is its UUID alone: its mirror is made empty, so the agent adds it to the
-// controller before filling it.
+// Steps of the chat family: the controllers, a connection and all it holds,
+// and the removal of a channel and of the connection. A connection's mirror
+// is made from its UUID alone, so the agent fills it after adding it.
 
 #include "channel_classes.h"
 #include "connection_classes.h"
@@ -56,18 +53,6 @@ zt::Ref<ZTAbstractSelfIdentity> selfIdentity(const QString &username)
     return identity;
 }
 
-zt::Ref<ZTAbstractTransfer> transfer(const QString &file)
-{
-    auto t = made<AgentTransfer>();
-    t->setAttributes({{u"file"_s, file}, {u"size"_s, qint64(2048)}});
-    return t;
-}
-
-QString messageID(ZTAbstractChannel *c, qsizetype line)
-{
-    return c->content()[line].toMap().value(u"msgID"_s).toString();
-}
-
 } // namespace
 
 QList<ScenarioStep> chatSteps()
@@ -104,8 +89,11 @@ QList<ScenarioStep> chatSteps()
              c->setNickname(u"zin"_s);
              c->setModes(u"+iw"_s);
              c->setStatus(1);
-             c->addTransfer(transfer(u"notes.txt"_s));
-             c->addTransfer(transfer(u"talk.ogg"_s));
+             for (const QString &file : {u"notes.txt"_s, u"talk.ogg"_s}) {
+                 auto transfer = made<AgentTransfer>();
+                 transfer->setAttributes({{u"file"_s, file}, {u"size"_s, qint64(2048)}});
+                 c->addTransfer(transfer);
+             }
          }},
         {u"connection: console, channels and a query; people join, bans added"_s,
          [](ScenarioContext &ctx) {
@@ -158,9 +146,12 @@ QList<ScenarioStep> chatSteps()
              ZTAbstractChannel *c = channel(ctx, u"#zintaro"_s);
              c->echo(u"hello"_s);
              c->echo(u"world"_s);
-             c->addStarOccurenceWithUUID(messageID(c, 0));
-             c->addStarOccurenceWithUUID(messageID(c, 1));
-             c->removeStarOccurenceWithUUID(messageID(c, 0));
+             const auto messageID = [c](qsizetype line) {
+                 return c->content()[line].toMap().value(u"msgID"_s).toString();
+             };
+             c->addStarOccurenceWithUUID(messageID(0));
+             c->addStarOccurenceWithUUID(messageID(1));
+             c->removeStarOccurenceWithUUID(messageID(0));
              zt::Ref<ZTAbstractBan> ban = c->banlist()[1];
              c->mutableBanlist().removeObjectAtIndex(1);
              ban->invalidate();

@@ -29,7 +29,7 @@ ZTAbstractIdentity *identity(ScenarioContext &ctx, const QString &person)
 QList<ScenarioStep> peopleSteps()
 {
     return {
-        {u"people: a self identity, people and pseudo-persons"_s,
+        {u"people: a self identity with candidates inserted, people and pseudo-persons"_s,
          [](ScenarioContext &ctx) {
              auto self = made<AgentSelfIdentity>();
              self->setUsername(u"zin"_s);
@@ -55,11 +55,8 @@ QList<ScenarioStep> peopleSteps()
                  p->initWithContentOnNetwork(content, ctx.directory->networks().value(0).get());
                  ctx.adopt(content, p);
              }
-         }},
-        {u"self identity: candidates inserted"_s,
-         [](ScenarioContext &ctx) {
-             ctx.get<ZTAbstractSelfIdentity>(u"self"_s)->insertCandidatesAtLocations(
-                 {candidate(u"zt"_s), candidate(u"zin__"_s, u"pw"_s)}, zt::IndexSet{0, 3});
+             self->insertCandidatesAtLocations({candidate(u"zt"_s), candidate(u"zin__"_s, u"pw"_s)},
+                                               zt::IndexSet{0, 3});
          }},
         {u"people: candidates removed, replaced, changed; identity keys, away, privileges, permissions"_s,
          [](ScenarioContext &ctx) {
