@@ -127,12 +127,10 @@ public:
     }
     void removeObjectDictionariesAtIndexes(const zt::IndexSet &indexes)
     {
-        QList<zt::Ref<ZTAbstractIPC>> removed;
-        for (quint64 i : indexes)
-            removed.append(m_objects.value(qsizetype(i)));
+        const QList<zt::Ref<ZTAbstractIPC>> before = m_objects;
         mutableObjects().removeObjectsAtIndexes(indexes);
-        for (const auto &object : removed)
-            if (object)
+        for (const auto &object : before)
+            if (!m_objects.contains(object))
                 object->invalidate(); // the client's root owns its mirrors
     }
     QVariantMap dictionary() const override
@@ -230,16 +228,11 @@ QVariantMap ScenarioContext::snapshot()
     };
     visit(directory->dictionary());
     visit(root->objectDictionaries());
-    QStringList gone;
-    for (const QString &uuid : std::as_const(seen)) {
-        if (forms.contains(uuid))
-            continue;
-        gone.append(uuid);
+    const QStringList gone = QSet<QString>(seen).subtract(QSet(forms.keyBegin(), forms.keyEnd())).values();
+    for (const QString &uuid : gone)
         if (registered->objectWithID(uuid))
             QTextStream(stderr) << uuid << ": still in the agent's directory" << Qt::endl;
-    }
-    for (auto it = forms.cbegin(); it != forms.cend(); ++it)
-        seen.insert(it.key());
+    seen.unite(QSet(forms.keyBegin(), forms.keyEnd()));
     forms.insert(GoneEntry, gone);
     return forms;
 }
@@ -253,8 +246,6 @@ struct Agent : ZTAgentHostDelegate
 
     void hostDidRegisterClient(ZTAgentHost *host, VDConnection *) override
     {
-        if (ctx.tellClient)
-            return;
         ctx.tellClient = [host](const char *selector, const QVariantList &arguments) {
             host->counterpart()->perform(selector, arguments);
         };

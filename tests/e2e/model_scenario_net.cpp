@@ -73,7 +73,9 @@ QList<ScenarioStep> networkSteps()
          }},
         {u"settings: advanced settings, proxy, bans, transfer"_s,
          [](ScenarioContext &ctx) {
-             ctx.adopt(u"settings"_s, made<AgentAdvancedSettings>());
+             auto settings = made<AgentAdvancedSettings>();
+             settings->setBlowfishKey(u"fish"_s);
+             ctx.adopt(u"settings"_s, settings);
              auto proxy = made<AgentProxy>();
              proxy->setProxyAddress(u"proxy.local"_s);
              ctx.adopt(u"proxy"_s, proxy);
@@ -95,7 +97,7 @@ QList<ScenarioStep> networkSteps()
              settings->setBlowfishEnabled(true);
              settings->setAutoJoin(true);
              settings->setAutoRejoin(true);
-             settings->setBlowfishKey(u"fish"_s);
+             settings->setBlowfishKey(QString()); // sent as ""
              auto *proxy = ctx.get<ZTAbstractProxy>(u"proxy"_s);
              proxy->setProxyPassword(u"pw"_s);
              proxy->setProxyUsername(u"me"_s);
@@ -110,10 +112,6 @@ QList<ScenarioStep> networkSteps()
              ban->setDate(QDateTime::fromMSecsSinceEpoch(1600000000250, Qt::UTC));
              ctx.get<ZTAbstractTransfer>(u"transfer"_s)->accept();
              ctx.drop(u"ban2"_s);
-         }},
-        {u"settings: nil Blowfish key"_s,
-         [](ScenarioContext &ctx) {
-             ctx.get<ZTAbstractAdvancedSettings>(u"settings"_s)->setBlowfishKey(QString());
          }},
     };
 }
