@@ -58,7 +58,7 @@ zt::Ref<ZTAbstractSelfIdentity> selfIdentity(const QString &username)
 QList<ScenarioStep> chatSteps()
 {
     return {
-        {u"controllers: create, identities"_s,
+        {u"controllers with identities; a connection with server, identities, settings, proxy, transfers"_s,
          [](ScenarioContext &ctx) {
              ctx.adopt(u"connections"_s, made<AgentConnectionController>());
              auto identities = made<AgentIdentityController>();
@@ -71,9 +71,6 @@ QList<ScenarioStep> chatSteps()
              auto pseudo = zt::make<AgentPseudoPerson>();
              pseudo->initWithContentOnNetwork(u"zin*"_s, ctx.directory->networks().value(0).get());
              people->addPseudoPerson(pseudo);
-         }},
-        {u"connection: server, identities, settings, proxy, transfers"_s,
-         [](ScenarioContext &ctx) {
              auto c = made<AgentConnection>();
              ctx.get<ZTAbstractConnectionController>(u"connections"_s)->addConnection(c);
              auto server = made<AgentServer>();

@@ -32,12 +32,26 @@ zt::Ref<ZTAbstractNetwork> network(const QString &name, const QStringList &addre
 QList<ScenarioStep> networkSteps()
 {
     return {
-        {u"directory: add networks"_s,
+        {u"networks, settings, a proxy, bans and a transfer created"_s,
          [](ScenarioContext &ctx) {
              ctx.directory->addNetwork(network(u"Libera"_s, {u"irc.libera.chat"_s, u"eu.libera.chat"_s}));
              ctx.directory->addNetwork(network(u"OFTC"_s, {u"irc.oftc.net"_s}));
+             auto settings = made<AgentAdvancedSettings>();
+             settings->setBlowfishKey(u"fish"_s);
+             ctx.adopt(u"settings"_s, settings);
+             auto proxy = made<AgentProxy>();
+             proxy->setProxyAddress(u"proxy.local"_s);
+             ctx.adopt(u"proxy"_s, proxy);
+             // A date finer than a millisecond survives the dictionary.
+             ctx.adopt(u"ban"_s, ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@spam.example"_s,
+                                                                                u"op"_s, 1700000000.123456));
+             ctx.adopt(u"ban2"_s,
+                       ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"troll!*@*"_s, u"op"_s, 1.5));
+             auto transfer = made<AgentTransfer>();
+             transfer->setAttributes({{u"file"_s, u"notes.txt"_s}, {u"size"_s, qint64(1024)}});
+             ctx.adopt(u"transfer"_s, transfer);
          }},
-        {u"network and server: every key; servers inserted, removed by equality, replaced"_s,
+        {u"every key of a network, server, settings, proxy and ban; servers inserted, removed, replaced"_s,
          [](ScenarioContext &ctx) {
              ZTAbstractNetwork *oftc = ctx.directory->networks()[1].get();
              oftc->setName(u"OFTC (custom)"_s);
@@ -58,38 +72,6 @@ QList<ScenarioStep> networkSteps()
              n->mutableServers().replaceObjectAtIndex(1,
                                                       zt::objectValue(server(n, u"ca.libera.chat"_s).get()));
              replaced->invalidate();
-         }},
-        {u"directory: replace a network, add two, remove one"_s,
-         [](ScenarioContext &ctx) {
-             zt::Ref<ZTAbstractNetwork> replaced = ctx.directory->networks()[1];
-             auto efnet = network(u"EFnet"_s, {u"irc.efnet.org"_s, u"efnet.port80.se"_s});
-             ctx.directory->mutableNetworks().replaceObjectAtIndex(1, zt::objectValue(efnet.get()));
-             invalidateNetworkTree(replaced.get());
-             auto rizon = network(u"Rizon"_s, {u"irc.rizon.net"_s});
-             ctx.directory->addNetwork(rizon);
-             ctx.directory->addNetwork(network(u"QuakeNet"_s, {}));
-             ctx.directory->removeNetwork(rizon);
-             invalidateNetworkTree(rizon.get());
-         }},
-        {u"settings: advanced settings, proxy, bans, transfer"_s,
-         [](ScenarioContext &ctx) {
-             auto settings = made<AgentAdvancedSettings>();
-             settings->setBlowfishKey(u"fish"_s);
-             ctx.adopt(u"settings"_s, settings);
-             auto proxy = made<AgentProxy>();
-             proxy->setProxyAddress(u"proxy.local"_s);
-             ctx.adopt(u"proxy"_s, proxy);
-             // A date finer than a millisecond survives the dictionary.
-             ctx.adopt(u"ban"_s, ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"*!*@spam.example"_s,
-                                                                                u"op"_s, 1700000000.123456));
-             ctx.adopt(u"ban2"_s,
-                       ZTAbstractBan::banWithMaskBannerDate<AgentBan>(u"troll!*@*"_s, u"op"_s, 1.5));
-             auto transfer = made<AgentTransfer>();
-             transfer->setAttributes({{u"file"_s, u"notes.txt"_s}, {u"size"_s, qint64(1024)}});
-             ctx.adopt(u"transfer"_s, transfer);
-         }},
-        {u"settings: change every key"_s,
-         [](ScenarioContext &ctx) {
              auto *settings = ctx.get<ZTAbstractAdvancedSettings>(u"settings"_s);
              settings->setShowCounts(false);
              settings->setExcludeFromLog(true);
@@ -112,6 +94,18 @@ QList<ScenarioStep> networkSteps()
              ban->setDate(QDateTime::fromMSecsSinceEpoch(1600000000250, Qt::UTC));
              ctx.get<ZTAbstractTransfer>(u"transfer"_s)->accept();
              ctx.drop(u"ban2"_s);
+         }},
+        {u"directory: replace a network, add two, remove one"_s,
+         [](ScenarioContext &ctx) {
+             zt::Ref<ZTAbstractNetwork> replaced = ctx.directory->networks()[1];
+             auto efnet = network(u"EFnet"_s, {u"irc.efnet.org"_s, u"efnet.port80.se"_s});
+             ctx.directory->mutableNetworks().replaceObjectAtIndex(1, zt::objectValue(efnet.get()));
+             invalidateNetworkTree(replaced.get());
+             auto rizon = network(u"Rizon"_s, {u"irc.rizon.net"_s});
+             ctx.directory->addNetwork(rizon);
+             ctx.directory->addNetwork(network(u"QuakeNet"_s, {}));
+             ctx.directory->removeNetwork(rizon);
+             invalidateNetworkTree(rizon.get());
          }},
     };
 }
