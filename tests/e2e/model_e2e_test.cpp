@@ -16,7 +16,6 @@ TEST(ModelScenario, ClientMirrorEqualsAgentAfterEveryStep)
     client.start(QStringLiteral(ZT_E2E_MODEL), {listening.mid(10)});
     ASSERT_TRUE(client.waitForFinished(40000));
     const QString output = QString::fromUtf8(client.readAllStandardOutput());
-    // No object is freed while still registered, in either process.
     EXPECT_FALSE(client.readAllStandardError().contains("torn down while still in the directory"));
     EXPECT_EQ(client.exitCode(), 0) << qPrintable(output);
     EXPECT_TRUE(agent.waitForFinished(10000));

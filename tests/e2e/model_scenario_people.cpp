@@ -14,8 +14,7 @@ zt::Ref<ZTAbstractNickCandidate> candidate(const QString &nickname, const QStrin
 {
     auto c = made<AgentNickCandidate>();
     c->setNickname(nickname);
-    if (!nickserv.isNull())
-        c->setNickserv(nickserv);
+    c->setNickserv(nickserv);
     return c;
 }
 
@@ -58,7 +57,7 @@ QList<ScenarioStep> peopleSteps()
              self->insertCandidatesAtLocations({candidate(u"zt"_s), candidate(u"zin__"_s, u"pw"_s)},
                                                zt::IndexSet{0, 3});
          }},
-        {u"people: candidates removed, replaced, changed; identity keys, away, privileges, permissions"_s,
+        {u"people: candidates removed, replaced, changed; identity keys, away, privileges; pseudo-person keys"_s,
          [](ScenarioContext &ctx) {
              auto *self = ctx.get<ZTAbstractSelfIdentity>(u"self"_s);
              self->removeCandidatesAtLocations(zt::IndexSet(1));
@@ -89,17 +88,15 @@ QList<ScenarioStep> peopleSteps()
              pseudo->setHighlightsAllowed(false);
              pseudo->setCtcpAllowed(true);
              pseudo->setJpqAllowed(false);
+             pseudo->assignRealPersonFromPerson(ctx.get<ZTAbstractPerson>(u"alice"_s));
              ctx.get<ZTAbstractPseudoPerson>(u"*!*@*.example.org"_s)->setDccAllowed(true);
          }},
-        {u"people: away again, privileges dropped, a real person assigned, a permission unset"_s,
+        {u"people: away again, privileges dropped, a permission unset, the real person unassigned"_s,
          [](ScenarioContext &ctx) {
              identity(ctx, u"bob"_s)->setStatus(ZTAbstractIdentity::StatusAway);
              identity(ctx, u"alice"_s)->setPrivileges(QVariantList{});
-             ctx.get<ZTAbstractPseudoPerson>(u"alice*"_s)
-                 ->assignRealPersonFromPerson(ctx.get<ZTAbstractPerson>(u"alice"_s));
              ctx.get<ZTAbstractPseudoPerson>(u"*!*@*.example.org"_s)->setDccAllowed(QVariant());
+             ctx.get<ZTAbstractPseudoPerson>(u"alice*"_s)->unassignRealPerson();
          }},
-        {u"pseudo-persons: unassign"_s,
-         [](ScenarioContext &ctx) { ctx.get<ZTAbstractPseudoPerson>(u"alice*"_s)->unassignRealPerson(); }},
     };
 }
