@@ -76,13 +76,11 @@ QList<zt::Ref<ZTAbstractIPC>> mirrorsOf(const QVariantList &entries)
 // keys they hold (a nil value as "<nil>"): what is compared.
 QVariantMap comparedForm(const ZTAbstractIPC *object)
 {
-    static const QStringList connectionKeys =
-        u"nickname modes status unreadLines unreadHighlights attributes serverDictionary "
-        u"currentIdentityDictionary nextIdentityDictionary advancedSettingsDictionary proxyDictionary "
-        u"consoleDictionary channelDictionaries transferDictionaries"_s.split(u' ');
     QStringList keys;
     if (dynamic_cast<const ZTAbstractConnection *>(object))
-        keys = connectionKeys;
+        keys = u"nickname modes status unreadLines unreadHighlights attributes serverDictionary "
+               u"currentIdentityDictionary nextIdentityDictionary advancedSettingsDictionary proxyDictionary "
+               u"consoleDictionary channelDictionaries transferDictionaries"_s.split(u' ');
     else if (dynamic_cast<const ZTAbstractChannel *>(object))
         keys = {u"starOccurences"_s};
     else if (dynamic_cast<const ZTAbstractConnectionController *>(object))

@@ -18,11 +18,6 @@ zt::Ref<ZTAbstractNickCandidate> candidate(const QString &nickname, const QStrin
     return c;
 }
 
-ZTAbstractIdentity *identity(ScenarioContext &ctx, const QString &person)
-{
-    return ctx.get<ZTAbstractPerson>(person)->identity().get();
-}
-
 } // namespace
 
 QList<ScenarioStep> peopleSteps()
@@ -70,16 +65,17 @@ QList<ScenarioStep> peopleSteps()
              self->candidates()[1]->setNickserv(u"changed"_s);
              self->candidates()[0]->setNickname(u"ZT"_s);
              self->setUsername(u"zintaro"_s);
-             ZTAbstractIdentity *alice = identity(ctx, u"alice"_s);
+             ZTAbstractIdentity *alice = ctx.get<ZTAbstractPerson>(u"alice"_s)->identity().get();
              alice->setNickname(u"alice|away"_s);
              alice->setUsername(u"alice"_s);
              alice->setHostname(u"10.0.0.7"_s);
              alice->setRealname(u"Alice A."_s);
              alice->setStatus(ZTAbstractIdentity::StatusAway);
              alice->setPrivileges(QVariantList{qint16(3), qint16(1)});
-             ctx.get<ZTAbstractPerson>(u"bob"_s)->setSecure(true);
-             identity(ctx, u"bob"_s)->setStatus(ZTAbstractIdentity::StatusAvailable);
-             identity(ctx, u"bob"_s)->setPrivileges(QVariantList{qint16(6)});
+             auto *bob = ctx.get<ZTAbstractPerson>(u"bob"_s);
+             bob->setSecure(true);
+             bob->identity()->setStatus(ZTAbstractIdentity::StatusAvailable);
+             bob->identity()->setPrivileges(QVariantList{qint16(6)});
              auto *pseudo = ctx.get<ZTAbstractPseudoPerson>(u"alice*"_s);
              pseudo->setContent(u"alice|*"_s);
              pseudo->setAddressBookID(u"ab-1"_s);
@@ -93,8 +89,8 @@ QList<ScenarioStep> peopleSteps()
          }},
         {u"people: away again, privileges dropped, a permission unset, the real person unassigned"_s,
          [](ScenarioContext &ctx) {
-             identity(ctx, u"bob"_s)->setStatus(ZTAbstractIdentity::StatusAway);
-             identity(ctx, u"alice"_s)->setPrivileges(QVariantList{});
+             ctx.get<ZTAbstractPerson>(u"bob"_s)->identity()->setStatus(ZTAbstractIdentity::StatusAway);
+             ctx.get<ZTAbstractPerson>(u"alice"_s)->identity()->setPrivileges(QVariantList{});
              ctx.get<ZTAbstractPseudoPerson>(u"*!*@*.example.org"_s)->setDccAllowed(QVariant());
              ctx.get<ZTAbstractPseudoPerson>(u"alice*"_s)->unassignRealPerson();
          }},
