@@ -1,5 +1,5 @@
-// The mirroring core: UUIDs and the directory, archives, the eight change
-// messages, wiring, forwarded calls and block observation.
+// The mirroring core: UUIDs and the directory, archives, the change messages
+// and block observation.
 
 #include "core/ztabstractipc.h"
 #include "core/ztapplication.h"
@@ -7,7 +7,6 @@
 #include "runtime/plist.h"
 #include "runtime/process.h"
 #include "support/log_capture.h"
-#include "support/object_access.h"
 #include "support/raised.h"
 #include "support/test_model.h"
 
@@ -238,29 +237,6 @@ TEST_F(CoreTest, TheFirstRegistrationIsAnsweredUntilItLeaves)
     EXPECT_EQ(dir->objectWithID(owned), nullptr);
 }
 
-TEST_F(CoreTest, HeldObjectsAreRetainedExactlyWhileRegistered)
-{
-    auto held = make<HeldNode>();
-    EXPECT_EQ(zt::ObjectTestAccess::retainCount(*held), 1);
-    held->init();
-    EXPECT_EQ(zt::ObjectTestAccess::retainCount(*held), 2);
-    auto plain = agentObject();
-    EXPECT_EQ(zt::ObjectTestAccess::retainCount(*plain), 2); // this test's two: never the directory's
-    held->invalidate();
-    EXPECT_EQ(zt::ObjectTestAccess::retainCount(*held), 1);
-
-    // A held object lives on in the directory with no other owner.
-    QString uuid;
-    {
-        auto orphan = make<HeldNode>();
-        orphan->init();
-        uuid = orphan->description();
-    }
-    auto found = ZTDirectory::sharedInstance()->objectWithID(uuid);
-    ASSERT_TRUE(found);
-    found->invalidate();
-}
-
 // ---- archives ----
 
 TEST_F(CoreTest, ArchivesKeepOrRecreateTheUuid)
@@ -305,40 +281,6 @@ TEST_F(CoreTest, ArchivesKeepOrRecreateTheUuid)
 }
 
 // ---- change messages ----
-
-TEST_F(CoreTest, AgentChangesBecomeTheFourAgentMessages)
-{
-    auto parent = agentObject();
-    auto c1 = agentObject();
-    auto c2 = agentObject();
-    c1->setName(QStringLiteral("one"));
-    c2->setName(QStringLiteral("two"));
-    calls().clear();
-    const QString id = parent->description();
-
-    parent->setName(QStringLiteral("p"));
-    parent->setName(QString());                         // nil is wired and sent as an absent value
-    parent->setRepresentation(QStringLiteral("local")); // never sent
-    auto children = parent->mutableArrayValueForKey(QStringLiteral("children"));
-    children.addObject(objectValue(c1.get()));
-    children.insertObjectAtIndex(objectValue(c2.get()), 0);
-    children.replaceObjectAtIndex(1, objectValue(c2.get()));
-    children.removeObjectAtIndex(0);
-
-    const QVariantMap d1 = c1->dictionary(), d2 = c2->dictionary();
-    const QVariant key = QStringLiteral("childDictionaries");
-    expectCalls({
-        {"agentDidChangeValue:forKey:objectID:", {QStringLiteral("p"), QStringLiteral("name"), id}},
-        {"agentDidChangeValue:forKey:objectID:", {QVariant(), QStringLiteral("name"), id}},
-        {"agentDidInsertValues:atIndexes:forKey:objectID:",
-         {QVariantList{d1}, QVariant::fromValue(IndexSet{0}), key, id}},
-        {"agentDidInsertValues:atIndexes:forKey:objectID:",
-         {QVariantList{d2}, QVariant::fromValue(IndexSet{0}), key, id}},
-        {"agentDidReplaceValuesAtIndexes:withValues:forKey:objectID:",
-         {QVariant::fromValue(IndexSet{1}), QVariantList{d2}, key, id}},
-        {"agentDidRemoveValuesAtIndexes:forKey:objectID:", {QVariant::fromValue(IndexSet{0}), key, id}},
-    });
-}
 
 TEST_F(CoreTest, DirectingClientsSendTheFourClientMessagesLedByTheirId)
 {
@@ -411,76 +353,6 @@ TEST_F(CoreTest, UnwireableChangesAreDroppedWithTheirLogLines)
         {"agentDidChangeValue:forKey:objectID:",
          {QVariantList{other->dictionary()}, QStringLiteral("childDictionaries"), id}},
     });
-}
-
-TEST(Wiring, WhichValuesCanCrossTheBoundary)
-{
-    auto obj = make<TestNode>();
-    const QVariant model = objectValue(obj.get());
-    const struct Row
-    {
-        const char *name;
-        QVariant value;
-        bool wireable;
-    } rows[] = {
-        {"nil", QVariant(), true},
-        {"null marker", nullValue(), true},
-        {"string", QStringLiteral("s"), true},
-        {"number", qint64(1), true},
-        {"bool", false, true},
-        {"data", QByteArray("x"), true},
-        {"date", QDateTime::currentDateTimeUtc(), true},
-        {"index set", QVariant::fromValue(IndexSet{1}), true},
-        {"empty array", QVariantList{}, true},
-        {"model object", model, false},
-        {"array with a model object", QVariantList{1, model}, false},
-        {"nested array with a model object", QVariantList{QVariantList{model}}, false},
-        {"dictionary whose values are model objects", QVariantMap{{QStringLiteral("k"), model}}, true},
-        {"uid", QVariant::fromValue(Uid{1}), false},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(ZTIPCProxy::canWireValue(row.value), row.wireable);
-    }
-}
-
-// ---- forwarded calls and process role ----
-
-TEST_F(CoreTest, CallsOnTheCounterpartAreForwardedUnderTheFourPartSelector)
-{
-    auto n = agentObject();
-    n->counterpart()->perform("renameTo:times:", {QStringLiteral("ab"), 2});
-    expectCalls({{"toClient_TestNode_" + n->description().toLatin1() + "_renameTo:times:",
-                  {QStringLiteral("ab"), qint64(2)}}});
-    // The proxy answers the root object's own operations itself.
-    EXPECT_TRUE(
-        n->counterpart()->perform("description").toString().startsWith(QStringLiteral("<ZTIPCProxy")));
-    // A selector the model class does not declare cannot be forwarded.
-    EXPECT_EQ(raised([&] { n->counterpart()->perform("launchMissiles"); }).first,
-              QStringLiteral("NSInvalidArgumentException"));
-}
-
-TEST_F(CoreTest, ProcessRoleComesFromTheIdentifierSuffixAndIsKept)
-{
-    const struct Row
-    {
-        const char *identifier;
-        bool agent;
-    } rows[] = {
-        {"com.zintaro.Zintaro2Agent", true},  {"Agent", true}, {"com.zintaro.Agent.Client", false},
-        {"com.zintaro.Zintaro2agent", false}, {"", false},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.identifier);
-        process::setApplicationIdentifier(QString::fromLatin1(row.identifier));
-        ZTIPCProxy::resetCachedProcessRole();
-        EXPECT_EQ(ZTIPCProxy::isAgent(), row.agent);
-        EXPECT_EQ(ZTIPCProxy::prefix(), row.agent ? QStringLiteral("toClient") : QStringLiteral("toAgent"));
-        EXPECT_EQ(ZTIPCProxy::autoprefix(),
-                  row.agent ? QStringLiteral("toAgent") : QStringLiteral("toClient"));
-        process::setApplicationIdentifier(QStringLiteral("changed later"));
-        EXPECT_EQ(ZTIPCProxy::isAgent(), row.agent); // the first answer is kept
-    }
 }
 
 // ---- block observation ----
