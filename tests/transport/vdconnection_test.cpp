@@ -1,8 +1,7 @@
 // VDConnection: two connections in one process over a real loopback socket
 // pair (or one connection and a raw socket that writes and reads frames by
 // hand). The write gate and its queue, return handlers, faults in incoming
-// messages, the body-length limit, accepted connections, and the remote
-// proxy's signature look-up.
+// messages, the body-length limit, and the remote proxy's signature look-up.
 
 #include "support/linked_pair.h" // first: its printers must precede GoogleTest
 
@@ -45,27 +44,6 @@ TEST(VDConnectionDelegate, ReleasedConnectionsCloseTheirSockets)
     ASSERT_TRUE(waitUntil([&] { return link.events.contains(u"did server0"_s); }));
     EXPECT_EQ(link.serverRoot()->calls, QStringList{u"note: s\"last words\""_s});
     EXPECT_TRUE(client->isDisconnected());
-}
-
-// The "zt.transport.socket" category names each socket event, and each
-// completed read with its bytes and tag.
-TEST(VDConnectionDelegate, SocketLoggingNamesEachEvent)
-{
-    zttest::LogCapture log;
-    QLoggingCategory::setFilterRules(u"zt.transport.socket.info=true"_s);
-    LinkedPair link;
-    const bool connected = link.connect();
-    link.client()->proxyForRemoteObject()->perform("registerClient");
-    const bool arrived = connected && waitForCall(link.serverRoot(), u"registerClient"_s);
-    QLoggingCategory::setFilterRules({});
-    ASSERT_TRUE(arrived);
-    const QStringList lines = log.lines();
-    for (const char *event : {"onSocket:didAcceptNewSocket:", "onSocket:didConnectToHost:port:",
-                              "onSocket:didWriteDataWithTag:", "onSocket:didReadData:withTag:"}) {
-        EXPECT_TRUE(lines.contains(QString::fromLatin1(event))) << event;
-    }
-    EXPECT_TRUE(lines.contains(u"<00000000 00000026> [tag=0]"_s)) << lines.join(u'\n').toStdString();
-    EXPECT_TRUE(lines.contains(zt::describe(body("registerClient", {}, {})) + u" [tag=1]"_s));
 }
 
 struct GateRow
@@ -197,46 +175,6 @@ TEST(VDConnectionHandlers, CallsWithoutAnObjectResultGetNoHandlerAndNoReply)
                            u"Received call: echo:"_s, u"Received call: echo:"_s}));
     EXPECT_EQ(log.lines().filter(QRegularExpression(u"^Received callback:"_s)),
               (QStringList{u"Received callback: value=unheard"_s, u"Received callback: value=last"_s}));
-}
-
-// The raw peer plays the remote side and answers by hand: replies with
-// identifiers the connection never issued, then the real one twice.
-TEST(VDConnectionHandlers, RepliesFindTheirHandlerByIdentifierOnly)
-{
-    LinkedPair link;
-    ASSERT_TRUE(link.connectRaw());
-    VDConnection *c = link.server();
-    int runs = 0;
-    QVariant result;
-    handlerIn(c->proxyForRemoteObject()->perform("echo:", {u"q"_s}))->returnedValue([&](const QVariant &v) {
-        ++runs;
-        result = v;
-    });
-    ASSERT_TRUE(link.waitForBodies(1));
-    QString handlerID;
-    const auto call = vd::invocationFromData(link.bodies.front(), link.serverRoot(), &handlerID);
-    ASSERT_TRUE(call.has_value());
-    EXPECT_EQ(call->selector(), QByteArray("echo:"));
-    EXPECT_EQ(handlerID.size(), 36) << handlerID.toStdString();
-
-    const auto reply = [](const QByteArray &handler) {
-        return frame(body(vd::ReturnedValueSelector, {}, {zt::plist::writeBinary(u"answer"_s), handler}));
-    };
-    const auto note = [](const QString &text) {
-        return frame(body("note:", {}, {zt::plist::writeBinary(text)}));
-    };
-    link.write(reply(zt::plist::writeBinary(u"NOT-A-HANDLER"_s)) + reply({}) +
-               reply(zt::plist::writeBinary(handlerID.toLower())) + note(u"unknown"_s));
-    ASSERT_TRUE(waitForCall(link.serverRoot(), u"note: s\"unknown\""_s));
-    EXPECT_EQ(runs, 0);
-    EXPECT_EQ(c->pendingReturnHandlerCount(), 1);
-
-    const QByteArray right = reply(zt::plist::writeBinary(handlerID));
-    link.write(right + right + note(u"twice"_s));
-    ASSERT_TRUE(waitForCall(link.serverRoot(), u"note: s\"twice\""_s));
-    EXPECT_EQ(runs, 1);
-    EXPECT_EQ(result, QVariant(u"answer"_s));
-    EXPECT_EQ(c->pendingReturnHandlerCount(), 0);
 }
 
 QByteArray noteFrame(const char *text)
@@ -384,42 +322,6 @@ TEST(VDConnectionReceive, TheTestEntryPointReadsFramesAsTheSocketDoes)
         EXPECT_EQ(root->calls, row.ran.isEmpty() ? QStringList() : QStringList{row.ran});
         EXPECT_EQ(log.lines(), row.logged.isEmpty() ? QStringList() : QStringList{row.logged});
     }
-}
-
-TEST(VDConnectionAccept, EachAcceptedConnectionHasItsOwnQueueHandlersAndReads)
-{
-    LinkedPair link;
-    ASSERT_TRUE(link.connect());
-    ASSERT_TRUE(link.connect());
-    ASSERT_EQ(link.accepted.size(), 2u);
-    VDConnection *first = link.server(0);
-    VDConnection *second = link.server(1);
-
-    // Calls in: each client reaches its own accepted connection's root.
-    link.client(0)->proxyForRemoteObject()->perform("note:", {u"from 0"_s});
-    link.client(1)->proxyForRemoteObject()->perform("note:", {u"from 1"_s});
-    ASSERT_TRUE(waitForCall(link.serverRoot(0), u"note: s\"from 0\""_s));
-    ASSERT_TRUE(waitForCall(link.serverRoot(1), u"note: s\"from 1\""_s));
-    EXPECT_EQ(link.serverRoot(0)->calls.size(), 1);
-    EXPECT_EQ(link.serverRoot(1)->calls.size(), 1);
-
-    // Calls out: one queues while the other writes and awaits a result.
-    first->startQueueing();
-    first->proxyForRemoteObject()->perform("note:", {u"held"_s});
-    QVariant result;
-    handlerIn(second->proxyForRemoteObject()->perform("echo:", {u"back"_s}))
-        ->returnedValue([&](const QVariant &v) { result = v; });
-    EXPECT_EQ(first->queue().size(), 1);
-    EXPECT_FALSE(second->isQueuing());
-    EXPECT_EQ(first->pendingReturnHandlerCount(), 0);
-    EXPECT_EQ(second->pendingReturnHandlerCount(), 1);
-    ASSERT_TRUE(waitUntil([&] { return result.isValid(); }));
-    EXPECT_EQ(result, QVariant(u"back"_s));
-    EXPECT_TRUE(link.clientRoot(0)->calls.isEmpty());
-
-    first->stopQueueing();
-    ASSERT_TRUE(waitForCall(link.clientRoot(0), u"note: s\"held\""_s));
-    EXPECT_EQ(link.clientRoot(1)->calls, QStringList{u"echo: s\"back\""_s});
 }
 
 class VDConnectionRemoteProxyTest : public testing::Test
