@@ -221,49 +221,6 @@ TEST(KORegexEnumerator, LazyAndExhausted)
     EXPECT_EQ(astral->range(), R(3, 3));
 }
 
-// ---- long subjects: offsets far from the start convert correctly ----
-
-// Words of one- to four-byte characters, long enough to span many of the
-// blocks that positions are looked up by; every thousandth gap is a long run
-// of spaces, so that walks also jump far ahead.
-QString longMixedText()
-{
-    const char *alphabet[] = {"a", "z", "é", "ß", "Ω", "世", "界", "😀", "𝄞"};
-    QString subject;
-    unsigned state = 12345;
-    for (int word = 0; word < 3000; ++word) {
-        const int letters = 1 + int((state = state * 1103515245u + 12345u) >> 16) % 7;
-        for (int i = 0; i < letters; ++i)
-            subject += qs(alphabet[((state = state * 1103515245u + 12345u) >> 16) % 9]);
-        subject += word % 1000 == 999 ? QString(3000, u' ') : QStringLiteral(" ");
-    }
-    return subject;
-}
-
-TEST(KORegexLongSubject, SubstitutionAndSplittingCutAtTruePositions)
-{
-    const QString subject = longMixedText();
-    const QStringList words = subject.split(u' ', Qt::SkipEmptyParts);
-    const auto firstCharacter = [](const QString &word) {
-        return word.first(word[0].isHighSurrogate() ? 2 : 1);
-    };
-
-    // "$2$1" asks for a later group before an earlier one.
-    QString expected;
-    qsizetype at = 0;
-    for (const QString &word : words) {
-        const qsizetype found = subject.indexOf(word, at);
-        expected += subject.mid(at, found - at);
-        expected += word.mid(firstCharacter(word).size()) + u'<' + firstCharacter(word) + u'>';
-        at = found + word.size();
-    }
-    expected += subject.mid(at);
-    EXPECT_TRUE(compile("(\\S)(\\S*)")->replaceWithString(qs("$2<$1>"), subject) == expected);
-
-    EXPECT_EQ(compile(" +")->splitString(subject), words + QStringList{qs("")});
-    EXPECT_EQ(compile("( +)")->splitString(subject).size(), 2 * words.size() + 1);
-}
-
 // ---- selectors ----
 
 TEST(KORegexSelectors, ReachableByName)
