@@ -52,6 +52,7 @@ QString html(const QString &text)
     return out + text.mid(at);
 }
 
+// Exact answers for the rules the literal walk below checks on random lines.
 TEST(ColorCodes, ConvertsToHtmlAndPlainText)
 {
     const struct
@@ -64,34 +65,19 @@ TEST(ColorCodes, ConvertsToHtmlAndPlainText)
         // Toggles.
         {"bold then plain", u"^Bbold^B plain"_s, u"{b}bold{/} plain"_s, u"bold plain"_s},
         {"0x1D is text", u"^]i"_s, u"^]i"_s, u"^]i"_s},
-        {"underline", u"^_u^_"_s, u"{u}u{/}"_s, u"u"_s},
-        {"reverse is white on black", u"a^Vb"_s, u"a{r}b{/}"_s, u"ab"_s},
-        {"unclosed styles closed at end", u"^B^_a"_s, u"{b}{u}a{/}{/}"_s, u"a"_s},
         {"closing is not nested", u"^Ba^C4b^Bc^C"_s, u"{b}a{red}b{/}c{/}"_s, u"abc"_s},
         // Colours.
         {"foreground and background", u"^C12,4x^C"_s, u"{blue,red}x{/}"_s, u"x"_s},
         {"third digit is text", u"^C123"_s, u"{blue}3{/}"_s, u"3"_s},
-        {"wrapping number", u"^C99,16x"_s, u"{green,white}x{/}"_s, u"x"_s},
-        {"three digit background", u"^C1,234"_s, u"{black,orange}4{/}"_s, u"4"_s},
-        {"bare code shows no span", u"^Cx"_s, u"x"_s, u"x"_s},
         {"bare code ends colour", u"^C3a^Cb"_s, u"{green}a{/}b"_s, u"ab"_s},
         {"new colour ends old", u"^C3a^C5b"_s, u"{green}a{/}{brown}b{/}"_s, u"ab"_s},
         {"comma consumed without background", u"^C4,x"_s, u"{red}x{/}"_s, u"x"_s},
-        {"comma after bare code is text", u"^C,5"_s, u",5"_s, u",5"_s},
-        {"second comma is text", u"^C4,,5"_s, u"{red},5{/}"_s, u",5"_s},
-        {"digits end text", u"a^C4"_s, u"a{red}{/}"_s, u"a"_s},
-        {"comma ends text", u"^C4,"_s, u"{red}{/}"_s, u""_s},
-        {"colour code ends text", u"x^C"_s, u"x"_s, u"x"_s},
         {"low byte digits", u"^C\u0131\u0135,\u0130x"_s, u"{silver,white}x{/}"_s, u"x"_s},
-        {"fullwidth digit is text", u"^C\uFF14x"_s, u"\uFF14x"_s, u"\uFF14x"_s},
         // Reset.
         {"reset closes every style", u"^B^C4,5^V^_^Zhi^Oz"_s, u"{b}{red,brown}{r}{u}{i}hi{/}{/}{/}{/}{/}z"_s,
          u"hiz"_s},
         // Text passes through as it is.
         {"no escaping", u"<b>&</b>"_s, u"<b>&</b>"_s, u"<b>&</b>"_s},
-        {"other controls kept", u"a\tb^Ac^["_s, u"a\tb^Ac^["_s, u"a\tb^Ac^["_s},
-        {"surrogate pair kept", u"^B\U0001F600"_s, u"{b}\U0001F600{/}"_s, u"\U0001F600"_s},
-        {"empty", u""_s, u""_s, u""_s},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -103,7 +89,7 @@ TEST(ColorCodes, ConvertsToHtmlAndPlainText)
         // The view overload takes the same path without the shared fast return.
         EXPECT_EQ(irc::parseColorCodes(QStringView(input), true), expectedHtml);
         // Text without codes comes back as it is, sharing its data.
-        if (input == expectedPlain && !input.isEmpty())
+        if (input == expectedPlain)
             EXPECT_TRUE(irc::coloredString(input).isSharedWith(input) &&
                         irc::strippedString(input).isSharedWith(input));
     }
@@ -190,6 +176,7 @@ TEST(ColorCodesRandom, MatchesLiteralWalk)
         SCOPED_TRACE(testing::Message() << "round " << round);
         ASSERT_EQ(irc::coloredString(line), referenceConvert(line, true));
         ASSERT_EQ(irc::strippedString(line), referenceConvert(line, false));
+        ASSERT_EQ(irc::parseColorCodes(QStringView(line), true), referenceConvert(line, true));
     }
 }
 

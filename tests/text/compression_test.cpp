@@ -164,7 +164,6 @@ TEST(CompressionDamaged, Inflates)
         QByteArray (*operation)(const QByteArray &);
         QByteArray expected; // null: the operation fails
     } rows[] = {
-        {"ZlibWhole", helloZlib, &zlibInflate, hello},
         {"ZlibMissingChecksum", helloZlib.chopped(4), &zlibInflate, {}},
         {"ZlibHeaderOnly", hex("789c"), &zlibInflate, {}},
         {"ZlibHalf", zlibDeflate(chatText(5000)).left(40), &zlibInflate, {}},
@@ -176,7 +175,6 @@ TEST(CompressionDamaged, Inflates)
         {"ZlibPresetDictionary", hex("78bb1a0b045dcb403015c06c003b200691"), &zlibInflate, {}},
         {"ZlibRawDeflate", hex("cb48cdc9c90700"), &zlibInflate, {}},
         {"GzipRawDeflate", hex("cb48cdc9c90700"), &gzipInflate, {}},
-        {"GzipAcceptsZlib", helloZlib, &gzipInflate, hello},
         {"GzipMissingTrailer", gzipDeflate(hello).chopped(8), &gzipInflate, {}},
         {"GzipWrongLength", flipped(gzipDeflate(hello), gzipDeflate(hello).size() - 2), &gzipInflate, {}},
         {"GzipHeaderOnly", gzipDeflate(hello).left(10), &gzipInflate, {}},
