@@ -72,24 +72,19 @@ TEST(PlistWriter, ScalarShortcutMatchesTheWriter)
     } rows[] = {
         {"false", false},
         {"true", true},
-        {"zero", 0},
         {"int_min", std::numeric_limits<int>::min()},
-        {"int_max", std::numeric_limits<int>::max()},
         {"one_byte_edge", 255},
         {"two_byte_edge", 256},
         {"int64_min", std::numeric_limits<qlonglong>::min()},
         {"int64_max", std::numeric_limits<qlonglong>::max()},
-        {"minus_one", qlonglong(-1)},
         {"uint_max", std::numeric_limits<uint>::max()},
         {"uint64_at_int64_max", qulonglong(std::numeric_limits<qlonglong>::max())},
         {"double", 1.5},
-        {"negative_zero", -0.0},
         {"nan", std::numeric_limits<double>::quiet_NaN()},
         {"uint64_above_int64", std::numeric_limits<qulonglong>::max(), false},
         {"float", 1.5f, false},
         {"string", QStringLiteral("a"), false},
         {"list", QVariantList{1}, false},
-        {"nil", QVariant(), false},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -112,9 +107,7 @@ TEST(PlistWriter, ValidityCheckAndWriterAgree)
         const char *fault; // in the writer's error; null when valid
     } rows[] = {
         {"string", QStringLiteral("s"), nullptr},
-        {"bool", true, nullptr},
         {"unsigned", qulonglong(3), nullptr},
-        {"real", 2.5, nullptr},
         {"data", QByteArray("x"), nullptr},
         {"date", utcDate(0), nullptr},
         {"uid", QVariant::fromValue(Uid{3}), nullptr},
