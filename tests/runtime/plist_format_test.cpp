@@ -40,8 +40,6 @@ TEST(PlistWriter, ExactBytes)
          " 1000 1001 1002 1003 1004 1005 1006 1007 1008 1009 100a 100b 100c 100d 100e",
          "081a1c1e20222426282a2c2e30323436"},
         {"date_seconds_since_2001", utcDate(978307201500), "33 3ff8000000000000", "08"},
-        {"data", QByteArray("\x00\x01", 2), "42 0001", "08"},
-        {"uid", QVariant::fromValue(Uid{1}), "80 01", "08"},
         {"float_as_float32", QVariant(1.5f), "22 3fc00000", "08"},
         {"real_as_float64", QVariant(-0.0), "23 8000000000000000", "08"},
     };
@@ -106,9 +104,6 @@ TEST(PlistWriter, ValidityCheckAndWriterAgree)
         QVariant value;
         const char *fault; // in the writer's error; null when valid
     } rows[] = {
-        {"string", QStringLiteral("s"), nullptr},
-        {"unsigned", qulonglong(3), nullptr},
-        {"data", QByteArray("x"), nullptr},
         {"date", utcDate(0), nullptr},
         {"uid", QVariant::fromValue(Uid{3}), nullptr},
         {"string_list", QStringList{QStringLiteral("a")}, nullptr},
@@ -158,7 +153,6 @@ TEST(PlistReader, ReadsWellFormedFilesWeWouldNotWrite)
                    hexBytes("13 0000000000000005")}),
          QVariantList{5, 5, 5}},
         {"int128_negative", assemble({hexBytes("14 ffffffffffffffff fffffffffffffffe")}), qlonglong(-2)},
-        {"int128_small_positive", assemble({hexBytes("14 0000000000000000 0000000000000005")}), qlonglong(5)},
         {"float32", assemble({hexBytes("22 3fc00000")}), 1.5},
         {"null_reads_null_marker", assemble({hexBytes("a1 01"), hexBytes("00")}), QVariantList{nullValue()}},
         {"extended_count_for_short_string", assemble({hexBytes("5f 1003 616263")}), QStringLiteral("abc")},
