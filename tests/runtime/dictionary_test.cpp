@@ -1,11 +1,15 @@
-// The reader's immutable dictionary stands in for a QVariantMap everywhere.
+// The reader's immutable dictionary stands in for a QVariantMap everywhere;
+// its interned keys stay correct across threads and after mutation.
 
 #include "runtime/dictionary.h"
 #include "runtime/kvc.h"
 #include "runtime/plist.h"
 #include "runtime/value.h"
 
+#include <QThread>
+#include <atomic>
 #include <gtest/gtest.h>
+#include <vector>
 
 using namespace zt;
 
@@ -84,4 +88,64 @@ TEST(Dictionary, StandsInForTheMap)
     EXPECT_TRUE(valuesEqual(QVariant::fromValue(Dictionary(QVariantMap{})), QVariantMap{}));
 }
 
+// Keys are read through per-thread caches of recent keys. Each thread reads
+// keys shared by all threads and keys of its own, again and again: many
+// distinct keys (evicting one another; thread 0 has more than the process-wide
+// pool interns), keys too long to be cached, and keys that differ only in
+// their middle bytes.
+TEST(Dictionary, KeysDecodeConcurrently)
+{
+    constexpr int Threads = 4;
+    std::vector<QByteArray> files;
+    std::vector<QVariantMap> maps;
+    for (int t = 0; t < Threads; ++t) {
+        QVariantMap map;
+        for (int i = 0; i < (t ? 400 : 9000); ++i)
+            map.insert(i % 2 ? QStringLiteral("shared-%1").arg(i) : QStringLiteral("t%1-%2").arg(t).arg(i),
+                       i);
+        for (int i = 0; i < 50; ++i) {
+            map.insert(QStringLiteral("prefix-%1-suffix-that-makes-the-key-long-enough").arg(i), i);
+            map.insert(QStringLiteral("abcdefgh%1ijklmnop").arg(QChar(u'A' + i % 26)), i);
+        }
+        files.push_back(plist::writeBinary(map));
+        maps.push_back(map);
+    }
+    std::atomic<int> failures{0};
+    std::vector<std::unique_ptr<QThread>> threads;
+    for (int t = 0; t < Threads; ++t) {
+        threads.emplace_back(QThread::create([&, t] {
+            for (int round = 0; round < 20; ++round) {
+                const auto read = plist::readBinary(files[size_t(t)]);
+                if (!read || !valuesEqual(*read, maps[size_t(t)]))
+                    ++failures;
+            }
+        }));
+        threads.back()->start();
+    }
+    for (auto &thread : threads)
+        thread->wait();
+    EXPECT_EQ(failures.load(), 0);
+}
+
 } // namespace
+
+// Keys a class names share immortal characters; keys only the input names are
+// ordinary strings, so a peer cannot fill the pool with made-up keys. Every
+// decoded dictionary shares the interned characters: a changed copy must not
+// reach them.
+TEST(Dictionary, OnlyKnownKeysAreInternedAndCopiesChangeAlone)
+{
+    const QVariantMap map{{QStringLiteral("description"), 1}, {QStringLiteral("zqNoClassNamesThis"), 2}};
+    const Dictionary dict = dictionaryFrom(decoded(map));
+    ASSERT_EQ(dict.size(), 2);
+    for (const Dictionary::Entry &e : dict) {
+        SCOPED_TRACE(qPrintable(e.key));
+        const bool interned = !const_cast<QString &>(e.key).data_ptr().isMutable();
+        EXPECT_EQ(interned, e.key == u"description");
+        QString key = e.key;
+        key[0] = u'N';
+        key.append(u'!');
+    }
+    EXPECT_TRUE(valuesEqual(QVariant::fromValue(dict), map));
+    EXPECT_TRUE(valuesEqual(decoded(map), map));
+}

@@ -1,4 +1,4 @@
-// Selectors, signatures, invocations and forwarding.
+// Selectors, signatures, invocations and forwarding; object life cycle.
 
 #include "runtime/format.h"
 #include "support/object_access.h"
@@ -29,9 +29,26 @@ public:
     QVariantList args;
 };
 
+// Counts teardowns and takes a reference to itself during its own.
+class Dying : public Object
+{
+    ZT_OBJECT(Dying, Object)
+public:
+    static inline int deallocs = 0;
+
+protected:
+    void dealloc() override
+    {
+        ++deallocs;
+        Ref<Object> self(this); // must not free twice
+        super::dealloc();
+    }
+};
+
 } // namespace
 
 ZT_DEFINE_CLASS(Forwarder)
+ZT_DEFINE_CLASS(Dying)
 
 TEST(Signature, TypeCodesComeFromTheMemberFunctionType)
 {
@@ -108,6 +125,20 @@ TEST(Invocation, UnknownSelectorsGoToTheForwardingHook)
     EXPECT_TRUE(reason.startsWith(
         QStringLiteral("-[Forwarder nothing:]: unrecognized selector sent to instance 0x")));
     EXPECT_THROW(f->perform("remote:value:", {1}), Exception); // wrong argument count
+}
+
+TEST(ObjectLifeCycle, TeardownRunsOnceEvenWhenItRetainsItself)
+{
+    Dying::deallocs = 0;
+    {
+        auto d = make<Dying>();
+        Ref<Dying> second = d;
+        EXPECT_EQ(zt::ObjectTestAccess::retainCount(*d), 2);
+    }
+    EXPECT_EQ(Dying::deallocs, 1);
+    EXPECT_EQ(ClassInfo::named(QStringLiteral("Dying")), &Dying::staticClassInfo());
+    EXPECT_TRUE(Dying::staticClassInfo().isSubclassOf(Object::staticClassInfo()));
+    EXPECT_TRUE(ClassInfo::named(QStringLiteral("Dying"))->createInstance());
 }
 
 TEST(Format, PrintsTheSystemsDirectives)

@@ -1,6 +1,6 @@
 // Key-value observation: options, registrations made and dropped between and
-// during changes, removal rules, key paths, and what the ordered to-many view
-// announces.
+// during changes, removal rules, key paths, dependent keys, and what the
+// ordered to-many view announces.
 
 #include "support/test_model.h"
 
@@ -168,6 +168,27 @@ TEST(KeyValueObserving, KeyPathsFollowTheCurrentIntermediateObject)
     root->setName(QStringLiteral("unrelated"));
     EXPECT_EQ(rec->notes.size(), 4);
     root->removeObserver(rec.get(), QStringLiteral("child.name"));
+}
+
+TEST(KeyValueObserving, DependentKeysAreAnnouncedThroughTheirKeyPaths)
+{
+    auto root = make<Sample>();
+    auto a = make<Sample>();
+    root->setChild(a);
+    auto rec = make<Recorder>();
+    root->addObserver(rec.get(), QStringLiteral("title"), ObservingOption::New);
+
+    root->setName(QStringLiteral("r")); // "name" affects "title"
+    a->setName(QStringLiteral("x"));    // "child.name" affects "title"
+    auto b = make<Sample>();
+    b->setName(QStringLiteral("y"));
+    root->setChild(b);                  // the path re-wires to b
+    a->setName(QStringLiteral("gone")); // a no longer matters
+    b->setName(QStringLiteral("z"));
+
+    EXPECT_EQ(notesOf(*rec), (Notes{"set new r/", "set new r/x", "set new r/y", "set new r/z"}));
+    root->removeObserver(rec.get(), QStringLiteral("title"));
+    EXPECT_FALSE(a->hasObservers());
 }
 
 // Indexed accessors announce each kind with its indexes; a key with only a
