@@ -82,23 +82,18 @@ TEST(CompressionRoundTrip, EmptyInputIsAnsweredAsItIs)
 
 // Reads what we wrote, writes what we must read: for every name, raw_<name>
 // holds the data, ours_zlib_<name> and ours_gzip_<name> our output; the
-// script checks those and writes py_zlib_<name> and py_gzip_<name>.
+// script fails on a mismatch and writes py_zlib_<name> and py_gzip_<name>.
 const char *oracleScript = R"PY(
 import gzip, os, sys, zlib
-folder = sys.argv[1]
-def read(name):
-    with open(os.path.join(folder, name), 'rb') as f:
-        return f.read()
-def write(name, data):
-    with open(os.path.join(folder, name), 'wb') as f:
-        f.write(data)
+def path(name):
+    return os.path.join(sys.argv[1], name)
 for name in sys.argv[2:]:
-    raw = read('raw_' + name)
-    zlib_ok = zlib.decompress(read('ours_zlib_' + name)) == raw
-    gzip_ok = gzip.decompress(read('ours_gzip_' + name)) == raw
-    write('py_zlib_' + name, zlib.compress(raw, 9))
-    write('py_gzip_' + name, gzip.compress(raw, compresslevel=1, mtime=1700000000))
-    print(name, 'zlib' if zlib_ok else 'ZLIB-MISMATCH', 'gzip' if gzip_ok else 'GZIP-MISMATCH')
+    raw = open(path('raw_' + name), 'rb').read()
+    for kind, decompress in (('zlib', zlib.decompress), ('gzip', gzip.decompress)):
+        if decompress(open(path('ours_%s_%s' % (kind, name)), 'rb').read()) != raw:
+            sys.exit(kind + ' mismatch: ' + name)
+    open(path('py_zlib_' + name), 'wb').write(zlib.compress(raw, 9))
+    open(path('py_gzip_' + name), 'wb').write(gzip.compress(raw, compresslevel=1, mtime=1700000000))
 )PY";
 
 TEST(CompressionAgainstPython, BothDirectionsAgree)
@@ -108,34 +103,27 @@ TEST(CompressionAgainstPython, BothDirectionsAgree)
         GTEST_SKIP() << "python3 is not installed";
     QTemporaryDir folder;
     ASSERT_TRUE(folder.isValid());
-    const auto write = [&](const QString &name, const QByteArray &data) {
-        QFile file(folder.filePath(name));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        ASSERT_EQ(file.write(data), data.size());
+    const auto path = [&](const char *prefix, const char *name) {
+        return folder.filePath(QString::fromLatin1(prefix) + QString::fromLatin1(name));
     };
     QStringList arguments{QStringLiteral("-c"), QString::fromUtf8(oracleScript), folder.path()};
     for (const Input &input : inputs()) {
-        const QString name = QString::fromLatin1(input.name);
-        write(QStringLiteral("raw_") + name, input.data);
-        write(QStringLiteral("ours_zlib_") + name, zlibDeflate(input.data));
-        write(QStringLiteral("ours_gzip_") + name, gzipDeflate(input.data));
-        arguments << name;
+        for (const auto &[prefix, data] : {std::pair{"raw_", input.data},
+                                           {"ours_zlib_", zlibDeflate(input.data)},
+                                           {"ours_gzip_", gzipDeflate(input.data)}}) {
+            QFile file(path(prefix, input.name));
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(data) == data.size());
+        }
+        arguments << QString::fromLatin1(input.name);
     }
 
     QProcess process;
     process.start(python, arguments);
     ASSERT_TRUE(process.waitForFinished(120000));
     ASSERT_EQ(process.exitCode(), 0) << process.readAllStandardError().toStdString();
-    const QStringList report =
-        QString::fromUtf8(process.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts);
-
-    ASSERT_EQ(report.size(), qsizetype(inputs().size()));
     for (const Input &input : inputs()) {
         SCOPED_TRACE(input.name);
-        const QString name = QString::fromLatin1(input.name);
-        EXPECT_TRUE(report.contains(name + QStringLiteral(" zlib gzip"))) << report.join(u'\n').toStdString();
-        QFile zlibFile(folder.filePath(QStringLiteral("py_zlib_") + name));
-        QFile gzipFile(folder.filePath(QStringLiteral("py_gzip_") + name));
+        QFile zlibFile(path("py_zlib_", input.name)), gzipFile(path("py_gzip_", input.name));
         ASSERT_TRUE(zlibFile.open(QIODevice::ReadOnly) && gzipFile.open(QIODevice::ReadOnly));
         const QByteArray theirZlib = zlibFile.readAll();
         EXPECT_TRUE(zlibInflate(theirZlib) == input.data);
