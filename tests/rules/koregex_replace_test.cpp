@@ -1,5 +1,5 @@
 // Substitution templates (back-references, case modifiers, escapes, limits,
-// errors) and splitting.
+// errors) and splitting, in one table.
 
 #include "regex_support.h"
 
@@ -11,13 +11,13 @@ struct ReplaceRow
 {
     const char *name;
     const char *pattern;
-    const char *templ;
+    const char *templ; // none: split instead
     const char *subject;
     int limit;
     const char *expected; // the result, or the exception raised
 };
 
-const ReplaceRow replaceRows[] = {
+const ReplaceRow rows[] = {
     // Back-references.
     {"WholeMatch", "a", "[$0]", "banana", 0, "b[a]n[a]n[a]"},
     {"Ampersand", "a", "<$&>", "banana", 0, "b<a>n<a>n<a>"},
@@ -86,52 +86,36 @@ const ReplaceRow replaceRows[] = {
      "NSInvalidArgumentException: no backreference named xy in pattern"},
     {"FirstErrorWins", "(a)", "$x $9", "xaby", 0,
      "NSInvalidArgumentException: no backreference named x in pattern"},
+    // Splitting: the pieces joined by "|".
+    {"SplitPlain", ",", nullptr, "a,b,c", 0, "a|b|c"},
+    {"SplitGroupsIncluded", "(,)", nullptr, "a,b", 0, "a|,|b"},
+    {"SplitEmptyBetween", ",", nullptr, "a,,b", 0, "a||b"},
+    {"SplitLeadingSeparator", ",", nullptr, ",a", 0, "|a"},
+    {"SplitTrailingEmptyKept", ",", nullptr, "a,b,", 0, "a|b|"},
+    {"SplitNoMatchWholeSubject", ",", nullptr, "abc", 0, "abc"},
+    {"SplitLimitOne", ",", nullptr, "a,b,c", 1, "a|b,c"},
+    {"SplitLimitTwoWithGroups", "(,)", nullptr, "a,b,c", 2, "a|,|b|,|c"},
+    {"SplitNegativeLimitIsUnlimited", ",", nullptr, "a,b,c", -3, "a|b|c"},
+    {"SplitUnsetGroupsLeftOut", "(-)|(\\+)", nullptr, "a-b+c", 0, "a|-|b|+|c"},
+    {"SplitEmptyGroupKept", "(x*),", nullptr, "a,b", 0, "a||b"},
+    {"SplitEmptyMatches", "x*", nullptr, "abc", 0, "|a|b|c"},
+    {"SplitAstralSubject", ",", nullptr, "😀,b😀,", 0, "😀|b😀|"},
+    {"SplitAstralSeparator", "😀", nullptr, "a😀b", 0, "a|b"},
 };
 
-TEST(KORegexReplace, Table)
+TEST(KORegexReplaceAndSplit, Table)
 {
-    for (const ReplaceRow &row : replaceRows) {
+    for (const ReplaceRow &row : rows) {
         SCOPED_TRACE(row.name);
         auto regex = compile(row.pattern);
         ASSERT_TRUE(regex);
         std::string result;
         const std::string error = raised([&] {
-            result = regex->replaceWithString(qs(row.templ), qs(row.subject), row.limit).toStdString();
+            result = row.templ
+                         ? regex->replaceWithString(qs(row.templ), qs(row.subject), row.limit).toStdString()
+                         : regex->splitString(qs(row.subject), row.limit).join(u'|').toStdString();
         });
         EXPECT_EQ(error == "none" ? result : error, row.expected);
-    }
-}
-
-TEST(KORegexSplit, Table)
-{
-    const struct
-    {
-        const char *name;
-        const char *pattern;
-        const char *subject;
-        int limit;
-        const char *expected; // the pieces joined by "|"
-    } rows[] = {
-        {"Plain", ",", "a,b,c", 0, "a|b|c"},
-        {"GroupsIncluded", "(,)", "a,b", 0, "a|,|b"},
-        {"EmptyBetween", ",", "a,,b", 0, "a||b"},
-        {"LeadingSeparator", ",", ",a", 0, "|a"},
-        {"TrailingEmptyKept", ",", "a,b,", 0, "a|b|"},
-        {"NoMatchWholeSubject", ",", "abc", 0, "abc"},
-        {"LimitOne", ",", "a,b,c", 1, "a|b,c"},
-        {"LimitTwoWithGroups", "(,)", "a,b,c", 2, "a|,|b|,|c"},
-        {"NegativeLimitIsUnlimited", ",", "a,b,c", -3, "a|b|c"},
-        {"UnsetGroupsLeftOut", "(-)|(\\+)", "a-b+c", 0, "a|-|b|+|c"},
-        {"EmptyGroupKept", "(x*),", "a,b", 0, "a||b"},
-        {"EmptyMatches", "x*", "abc", 0, "|a|b|c"},
-        {"AstralSubject", ",", "😀,b😀,", 0, "😀|b😀|"},
-        {"AstralSeparator", "😀", "a😀b", 0, "a|b"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        auto regex = compile(row.pattern);
-        ASSERT_TRUE(regex);
-        EXPECT_EQ(regex->splitString(qs(row.subject), row.limit).join(u'|').toStdString(), row.expected);
     }
     // An empty subject is one empty piece, not none.
     EXPECT_EQ(compile(",")->splitString(qs("")), QStringList{qs("")});
