@@ -11,7 +11,6 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
-#include <QThread>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -224,32 +223,8 @@ TEST(VDMessageExact, EncodesThePinnedBytesAndDecodesBack)
     EXPECT_EQ(out.split(u'\n'), expected);
 }
 
-// The per-thread tables of recent strings and selectors start empty: on a
-// fresh thread the empty string is not mistaken for an empty slot, and a
-// string travels as itself the first time and every time after.
-TEST(VDMessageRecent, FreshThreadsSendEmptyAndRepeatedStringsAsThemselves)
-{
-    QStringList seen;
-    QThread *thread = QThread::create([&] {
-        auto target = zt::make<CodecTarget>();
-        for (const QString &s : {QString(u""_s), u"value"_s, QString(u""_s), u"value"_s}) {
-            const QByteArray bytes = vd::dataFromInvocation(call("take:", {s}), {});
-            const auto decoded =
-                vd::invocationFromData(QByteArrayView(bytes).sliced(8), target.get(), nullptr);
-            const QVariant arrived = decoded ? decoded->argumentAtIndex(2) : QVariant();
-            seen.append(zt::kindOf(arrived) == zt::ValueKind::String ? u"'"_s + arrived.toString() + u"'"_s
-                                                                     : render(arrived));
-        }
-    });
-    thread->start();
-    thread->wait();
-    delete thread;
-    EXPECT_EQ(seen, (QStringList{u"''"_s, u"'value'"_s, u"''"_s, u"'value'"_s}));
-}
-
 TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
 {
-    const quint64 big = quint64(1) << 40, bigger = (quint64(1) << 62) + 1;
     const struct
     {
         const char *name;
@@ -258,9 +233,6 @@ TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
     } rows[] = {
         {"magic word alone is too short", word(vd::IndexSetMagic), {}},
         {"magic and one byte", word(vd::IndexSetMagic) + QByteArray(1, '\0'), u"idx[]"_s},
-        {"empty set", indexSetPayload({}), u"idx[]"_s},
-        {"three and five", indexSetPayload({3, 5}), u"idx[3,5]"_s},
-        {"large indexes", indexSetPayload({big, bigger}), u"idx[%1,%2]"_s.arg(big).arg(bigger)},
         {"count past the data is cut", indexSetPayload({3, 5}, 64), u"idx[3,5]"_s},
         {"count short of the data", indexSetPayload({3, 5, 7}, 16), u"idx[3,5]"_s},
         {"count of a partial word", indexSetPayload({3, 5}, 12), u"idx[3]"_s},
@@ -314,12 +286,9 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
         bool withTarget = true;
     } rows[] = {
         // conversions per type code
-        {"bool from integer two", one("takeBool:", scalarPlist("10 02")), u"b:1"_s},
-        {"bool from integer zero", one("takeBool:", scalarPlist("10 00")), u"b:0"_s},
         {"bool from 256 (no 8-bit wrap to false)", one("takeBool:", scalarPlist("11 0100")), u"b:1"_s},
         {"bool from nil", one("takeBool:", {}), u"b:0"_s},
         {"short wraps 70000", one("takeShort:", scalarPlist("12 00011170")), u"i:4464"_s},
-        {"short from 65535", one("takeShort:", scalarPlist("11 ffff")), u"i:-1"_s},
         {"int from 2^32 + 5", one("takeInt:", scalarPlist("13 0000000100000005")), u"i:5"_s},
         {"int from 2^31", one("takeInt:", scalarPlist("12 80000000")), u"i:-2147483648"_s},
         {"uint from -1", one("takeUInt:", scalarPlist("13 ffffffffffffffff")), u"i:4294967295"_s},
@@ -330,10 +299,8 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
         {"long from -2.9 truncates", one("takeLong:", scalarPlist("23 c007333333333333")), u"i:-2"_s},
         {"long from true", one("takeLong:", scalarPlist("09")), u"i:1"_s},
         {"long from nil", one("takeLong:", {}), u"i:0"_s},
-        {"object keeps an integer", one("take:", scalarPlist("10 05")), u"i:5"_s},
         {"object keeps a real", one("take:", scalarPlist("23 3ff8000000000000")), u"r:3ff8000000000000"_s},
         {"object keeps a boolean", one("take:", scalarPlist("09")), u"b:1"_s},
-        {"object from an index-set form", one("take:", indexSetPayload({7})), u"idx[7]"_s},
         {"reply without a target",
          body(vd::ReturnedValueSelector, "", {scalarPlist("10 2a"), scalarPlist("52 4831")}),
          u"i:42 s\"H1\""_s, u""_s, false},
@@ -346,7 +313,6 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
         {"property-list header, then the index-set magic", one("take:", magicPlist), u"nil"_s,
          undecodable(magicPlist, "take:")},
         // unresolved selectors: nothing, and nothing logged
-        {"unknown selector", body("nope:", "H", {{}}), u"none"_s},
         {"unknown selector, the rest garbage", word(5) + "nope:" + "garbage", u"none"_s},
         {"prefix of a known selector", body("take", {}, {}), u"none"_s},
         {"no target", one("take:", ""), u"none"_s, u""_s, false},
@@ -368,8 +334,6 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
         {"arguments for a call without any", body("registerClient", {}, {{}}), count.arg(1).arg(2)},
         {"count near 2^64, so that adding 2 wraps", body("take:", {}, {}, ~quint64(0)), count.arg(-1).arg(3)},
         // type codes that cannot travel
-        {"double argument", one("takeDouble:", scalarPlist("23 3ff8000000000000")),
-         format.arg(u"d", u"takeDouble:")},
         {"float argument", one("takeFloat:", scalarPlist("22 3fc00000")), format.arg(u"f", u"takeFloat:")},
         {"unsigned short argument", one("takeUShort:", scalarPlist("10 01")),
          format.arg(u"S", u"takeUShort:")},
