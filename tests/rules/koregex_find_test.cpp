@@ -108,10 +108,6 @@ TEST(KORegexFind, FirstAndAllMatches)
         {"RangeEndInsidePairMovesBefore", "😀", 0, "a😀b", R(0, 2), ""},
         {"DotMatchesWholeAstralCharacter", "^.$", 0, "😀", {}, "{0, 1}"},
     };
-    // Only "$" heeds the range end, \\z sees the end of the searched text; a
-    // character outside the Basic Multilingual Plane counts as one position
-    // although the string holds two code units, and resuming after it never
-    // makes a match repeat.
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         auto regex = compile(row.pattern, row.options);

@@ -125,7 +125,6 @@ TEST_P(Utf8Encoder, NamedLayouts)
         {"LastTwoByteAndFirstThreeByte", units({0x7FF, 0x800, 0x7FF, 0x800, 0x7FF, 0x800, 0x7FF, 0x800})},
         {"TwoByteBlockFull", QString(8, QChar(0xE9)) + QString(8, QChar(0x416))},
         {"ThreeByteInTwoByteBlock", units({0xE9, 0xE8, 0x4E2D, 0xE0, 0x3B1, 0x5D0, 0x627, 0x416, 0xE9})},
-        {"PairsBackToBack", pair + pair + pair + pair + pair},
         {"LowestPair", asciiRun(6) + units({0xD800, 0xDC00}) + asciiRun(6)},
         {"HighestPair", asciiRun(6) + units({0xDBFF, 0xDFFF}) + asciiRun(6)},
         {"LoneHighBeforeHighLowPair", asciiRun(6) + units({0xD83D}) + pair + asciiRun(6)},

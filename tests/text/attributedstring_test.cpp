@@ -25,7 +25,7 @@ TextAttributes colored(const QColor &color)
     return {std::nullopt, color, std::nullopt};
 }
 
-TEST(AttributedString, AddingSplitsAndMerges)
+TEST(AttributedString, AddingAndSettingSplitAndMerge)
 {
     AttributedString s(u"abcdefgh"_s, colored(Red));
     QFont font;
@@ -46,18 +46,16 @@ TEST(AttributedString, AddingSplitsAndMerges)
     s.setAttributes(colored(Red), 0, s.length());
     EXPECT_EQ(s, AttributedString(u"abcdefgh"_s, colored(Red)));
     EXPECT_NE(s, AttributedString(u"abcdefgh"_s, colored(Blue)));
-}
 
-TEST(AttributedString, SettersTouchOnlyTheirAttribute)
-{
-    AttributedString s(u"abc"_s, colored(Red));
+    // The one-attribute setters touch only their attribute.
     zt::ParagraphStyle style;
     style.lineBreakMode = zt::LineBreakMode::TruncateTail;
     s.setParagraphStyle(style, 0, 3);
     s.setForegroundColor(Blue, 1, 1);
     EXPECT_EQ(s.runs(), (QList<AttributeRun>{{0, 1, {std::nullopt, Red, style}},
                                              {1, 1, {std::nullopt, Blue, style}},
-                                             {2, 1, {std::nullopt, Red, style}}}));
+                                             {2, 1, {std::nullopt, Red, style}},
+                                             {3, 5, colored(Red)}}));
 }
 
 TEST(AttributedString, AppendAndMid)
