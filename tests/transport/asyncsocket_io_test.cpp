@@ -692,22 +692,35 @@ TEST(AsyncSocketListener, DrainingVariantsCloseItAtOnce)
 
 TEST(AsyncSocketLifetime, ReleasedFromItsOwnCallbacks)
 {
-    // The last reference goes inside didDisconnect; the socket finishes the
+    // The last reference goes inside a delegate call; the socket finishes the
     // call and goes away without touching freed memory (checked under ASan).
-    Pair pair;
-    ASSERT_TRUE(pair.open());
-    zt::Ref<AsyncSocket> server = pair.server();
-    pair.listenerEvents.accepted.clear();
-    bool released = false;
-    pair.serverEvents.onDisconnect = [&](AsyncSocket *) {
-        server.reset();
-        released = true;
-    };
-    server->readDataToLengthWithTimeoutTag(2, 10, 1);
-    pair.client->writeDataWithTimeoutTag("", 10, 1);
-    pair.client->disconnect();
-    ASSERT_TRUE(waitUntil([&] { return released; }));
-    flushDeferredDeletes();
+    for (const bool inRead : {true, false}) {
+        SCOPED_TRACE(inRead ? "read" : "didDisconnect");
+        Pair pair;
+        ASSERT_TRUE(pair.open());
+        zt::Ref<AsyncSocket> server = pair.server();
+        pair.listenerEvents.accepted.clear();
+        bool released = false;
+        if (inRead) {
+            pair.serverEvents.onRead = [&](AsyncSocket *s, const QByteArray &, long) {
+                s->readDataToLengthWithTimeoutTag(5, 10, 2);
+                s->writeDataWithTimeoutTag("bye", 10, 3);
+                server.reset();
+                released = true;
+            };
+        } else {
+            pair.serverEvents.onDisconnect = [&](AsyncSocket *) {
+                server.reset();
+                released = true;
+            };
+        }
+        server->readDataToLengthWithTimeoutTag(2, 10, 1);
+        pair.client->writeDataWithTimeoutTag(inRead ? "hi" : "", 10, 1);
+        if (!inRead)
+            pair.client->disconnect();
+        ASSERT_TRUE(waitUntil([&] { return released; }));
+        flushDeferredDeletes();
+    }
 }
 
 // The send buffer asked for reaches the kernel whether it is asked before the

@@ -1,12 +1,110 @@
-// A read packet's own buffer, checked without a socket.
+// The read packets' length rules, checked without a socket.
 
 #include "transport/asyncsocket_p.h"
 #include "transport/asyncsocket_packets.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
 
 namespace {
+
+// A packet whose bytes done are `done`: caller's buffer of `bufferLength`
+// bytes (or none when negative), start offset `offset`.
+AsyncReadPacket packetWith(const QByteArray &term, const QByteArray &done, qsizetype maxLength = 0,
+                           qsizetype bufferLength = -1, qsizetype offset = 0, qsizetype readLength = 0)
+{
+    std::shared_ptr<QByteArray> buffer;
+    if (bufferLength >= 0)
+        buffer = std::make_shared<QByteArray>(bufferLength, '.');
+    AsyncReadPacket p(buffer, offset, maxLength, -1, readLength, term, 7);
+    if (!done.isEmpty()) {
+        std::memcpy(p.prepareWrite(done.size()), done.constData(), size_t(done.size()));
+        p.commit(done.size());
+    }
+    return p;
+}
+
+enum class Rule
+{
+    Term,      // readLengthForTerm
+    NonTerm,   // readLengthForNonTerm
+    Prebuffer, // prebufferReadLengthForTerm
+};
+
+// A terminator read never asks past the terminator; the others ask for the
+// rest or a chunk; each is capped by the maximum and the caller's free space.
+TEST(AsyncReadPacketLength, AsksForWhatTheRuleAllows)
+{
+    const struct
+    {
+        const char *name;
+        Rule rule;
+        QByteArray term;
+        qsizetype readLength, maxLength;
+        qsizetype bufferLength; // -1: the packet's own buffer
+        qsizetype offset;
+        QByteArray done;
+        qsizetype expected;
+    } rows[] = {
+        {"one-byte terminator", Rule::Term, "\n", 0, 0, -1, 0, "abc", 1},
+        {"periodic terminator", Rule::Term, "ABAB", 0, 0, -1, 0, "xABA", 1},
+        {"capped by the maximum length", Rule::Term, "\r\n", 0, 5, -1, 0, "abcd", 1},
+        {"capped by the caller's free space", Rule::Term, "ABCD", 0, 0, 10, 8, "x", 1},
+        {"a full caller's buffer is no cap", Rule::Term, "ABCD", 0, 0, 10, 8, "xy", 4},
+        {"fixed length asks for the rest", Rule::NonTerm, {}, 1000, 0, -1, 0, "abc", 997},
+        {"fixed length ignores the caller's free space", Rule::NonTerm, {}, 1000, 0, 20, 10, "", 1000},
+        {"available asks for a chunk", Rule::NonTerm, {}, 0, 0, -1, 0, "", 256},
+        {"available capped by the maximum", Rule::NonTerm, {}, 0, 100, -1, 0, QByteArray(30, 'x'), 70},
+        {"available capped by the caller's free space", Rule::NonTerm, {}, 0, 0, 20, 10, "abc", 7},
+        {"a full caller's buffer: a chunk", Rule::NonTerm, {}, 0, 0, 20, 10, QByteArray(10, 'x'), 256},
+        {"a grown caller's buffer: a chunk", Rule::NonTerm, {}, 0, 0, 20, 10, QByteArray(15, 'x'), 256},
+        {"pre-buffering asks for a chunk", Rule::Prebuffer, "\r\n", 0, 0, -1, 0, "abc", 256},
+        {"pre-buffering capped by the maximum", Rule::Prebuffer, "\r\n", 0, 10, -1, 0, "abc", 7},
+        {"pre-buffering capped by the caller's free space", Rule::Prebuffer, "\r\n", 0, 0, 50, 40, "abc", 7},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        AsyncReadPacket p =
+            packetWith(row.term, row.done, row.maxLength, row.bufferLength, row.offset, row.readLength);
+        EXPECT_EQ(row.rule == Rule::Term      ? p.readLengthForTerm()
+                  : row.rule == Rule::NonTerm ? p.readLengthForNonTerm()
+                                              : p.prebufferReadLengthForTerm(),
+                  row.expected);
+    }
+}
+
+// A spare buffer is written into only when nobody else holds it; a copy held
+// elsewhere keeps its bytes, and the data handed out is exactly the read.
+TEST(AsyncReadPacketSpare, IsReusedOnlyWhenUnshared)
+{
+    const struct
+    {
+        const char *name;
+        qsizetype spareLength, readLength;
+        bool shared; // a copy of the spare is held elsewhere
+        int reused;  // written into the spare's allocation (1) or not (0); -1: either, realloc may grow it
+    } rows[] = {
+        {"unshared and large enough", 200, 8, false, 1},
+        {"shared is left alone", 200, 8, true, 0},
+        {"unshared but short", 8, 180, false, -1},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        QByteArray spare(row.spareLength, 'x');
+        const QByteArray copy = row.shared ? spare : QByteArray();
+        const char *allocation = spare.constData();
+        AsyncReadPacket p(nullptr, 0, 0, -1, row.readLength, {}, 3, std::move(spare));
+        const QByteArray bytes = QByteArray(row.readLength, 'r');
+        std::memcpy(p.prepareWrite(row.readLength), bytes.constData(), size_t(row.readLength));
+        p.commit(row.readLength);
+        if (row.reused >= 0) {
+            EXPECT_EQ(p.buffer().constData() == allocation, row.reused == 1);
+        }
+        EXPECT_EQ(copy, row.shared ? QByteArray(row.spareLength, 'x') : QByteArray());
+        EXPECT_EQ(p.takeData(), bytes);
+    }
+}
 
 // A fixed-length read's length may be a peer's claim: its own buffer grows
 // with the bytes that arrive, never past the length.

@@ -11,6 +11,7 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QThread>
 #include <gtest/gtest.h>
 #include <limits>
 
@@ -221,6 +222,29 @@ TEST(VDMessageExact, EncodesThePinnedBytesAndDecodesBack)
     const QString out = QString::fromUtf8(process.readAllStandardOutput()).trimmed();
     EXPECT_EQ(process.exitCode(), 0) << out.toStdString() << process.readAllStandardError().toStdString();
     EXPECT_EQ(out.split(u'\n'), expected);
+}
+
+// The per-thread tables of recent strings and selectors start empty: on a
+// fresh thread the empty string is not mistaken for an empty slot, and a
+// string travels as itself the first time and every time after.
+TEST(VDMessageRecent, FreshThreadsSendEmptyAndRepeatedStringsAsThemselves)
+{
+    QStringList seen;
+    QThread *thread = QThread::create([&] {
+        auto target = zt::make<CodecTarget>();
+        for (const QString &s : {QString(u""_s), u"value"_s, QString(u""_s), u"value"_s}) {
+            const QByteArray bytes = vd::dataFromInvocation(call("take:", {s}), {});
+            const auto decoded =
+                vd::invocationFromData(QByteArrayView(bytes).sliced(8), target.get(), nullptr);
+            const QVariant arrived = decoded ? decoded->argumentAtIndex(2) : QVariant();
+            seen.append(zt::kindOf(arrived) == zt::ValueKind::String ? u"'"_s + arrived.toString() + u"'"_s
+                                                                     : render(arrived));
+        }
+    });
+    thread->start();
+    thread->wait();
+    delete thread;
+    EXPECT_EQ(seen, (QStringList{u"''"_s, u"'value'"_s, u"''"_s, u"'value'"_s}));
 }
 
 TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
