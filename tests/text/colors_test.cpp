@@ -62,21 +62,17 @@ TEST(ColorCodes, ConvertsToHtmlAndPlainText)
         QString html;
         QString plain;
     } rows[] = {
-        // Toggles.
         {"bold then plain", u"^Bbold^B plain"_s, u"{b}bold{/} plain"_s, u"bold plain"_s},
         {"0x1D is text", u"^]i"_s, u"^]i"_s, u"^]i"_s},
         {"closing is not nested", u"^Ba^C4b^Bc^C"_s, u"{b}a{red}b{/}c{/}"_s, u"abc"_s},
-        // Colours.
         {"foreground and background", u"^C12,4x^C"_s, u"{blue,red}x{/}"_s, u"x"_s},
         {"third digit is text", u"^C123"_s, u"{blue}3{/}"_s, u"3"_s},
         {"bare code ends colour", u"^C3a^Cb"_s, u"{green}a{/}b"_s, u"ab"_s},
         {"new colour ends old", u"^C3a^C5b"_s, u"{green}a{/}{brown}b{/}"_s, u"ab"_s},
         {"comma consumed without background", u"^C4,x"_s, u"{red}x{/}"_s, u"x"_s},
         {"low byte digits", u"^C\u0131\u0135,\u0130x"_s, u"{silver,white}x{/}"_s, u"x"_s},
-        // Reset.
         {"reset closes every style", u"^B^C4,5^V^_^Zhi^Oz"_s, u"{b}{red,brown}{r}{u}{i}hi{/}{/}{/}{/}{/}z"_s,
          u"hiz"_s},
-        // Text passes through as it is.
         {"no escaping", u"<b>&</b>"_s, u"<b>&</b>"_s, u"<b>&</b>"_s},
     };
     for (const auto &row : rows) {
