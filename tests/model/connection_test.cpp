@@ -88,7 +88,6 @@ TEST_F(ChatTest, ChannelsThatLeaveAreInvalidated)
              c.removeChannelsAtLocations(zt::IndexSet{0, 2});
          },
          "-+-"},
-        {"removeChannel", [](auto &c, auto &ch) { c.removeChannel(ch[1]); }, "+-+"},
         {"in an array",
          [](auto &c, auto &ch) {
              c.removeChannelsInArray({ch[2], ch[0]});
@@ -96,7 +95,6 @@ TEST_F(ChatTest, ChannelsThatLeaveAreInvalidated)
          "-+-"},
         {"setChannels keeping one", [](auto &c, auto &ch) { c.setChannels({ch[2]}); }, "--+"},
         {"removeAllChannels", [](auto &c, auto &) { c.removeAllChannels(); }, "---"},
-        {"the connection is invalidated", [](auto &c, auto &) { c.invalidate(); }, "---"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
