@@ -25,20 +25,11 @@ enum class Engine
 Ref<KORegex> compileFor(const char *pattern, Engine engine)
 {
     Ref<KORegex> regex = compile(pattern);
-    if (!regex)
+    if (!regex || engine == Engine::Jit)
         return regex;
-    switch (engine) {
-    case Engine::Jit:
-        break;
-    case Engine::StudiedInterpreter: {
-        const char *error = nullptr;
-        regex->setExtra(pcre_study(static_cast<pcre *>(regex->pcre()), 0, &error));
-        break;
-    }
-    case Engine::Interpreter:
-        regex->setExtra(nullptr);
-        break;
-    }
+    const char *error = nullptr;
+    regex->setExtra(
+        engine == Engine::Interpreter ? nullptr : pcre_study(static_cast<pcre *>(regex->pcre()), 0, &error));
     return regex;
 }
 

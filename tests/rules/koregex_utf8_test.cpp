@@ -108,9 +108,8 @@ QString units(std::initializer_list<char16_t> list)
     return QString(reinterpret_cast<const QChar *>(list.begin()), qsizetype(list.size()));
 }
 
-// Rows with bytes are checked byte for byte: an unpaired surrogate is three
-// bytes, so that byte and unit positions stay in step. The others are checked
-// against the reference.
+// An unpaired surrogate is the three bytes of U+FFFD, so that byte and unit
+// positions stay in step.
 TEST_P(Utf8Encoder, NamedLayouts)
 {
     const QString pair = units({0xD83D, 0xDC4D}); // U+1F44D
@@ -118,7 +117,6 @@ TEST_P(Utf8Encoder, NamedLayouts)
     {
         const char *name;
         QString text;
-        const char *hexBytes = nullptr;
     } rows[] = {
         {"AsciiLong", asciiRun(1000)},
         {"LastAsciiAndFirstTwoByte", units({0x7F, 0x80, 0x7F, 0x80, 0x7F, 0x80, 0x7F, 0x80, 0x7F})},
@@ -130,15 +128,12 @@ TEST_P(Utf8Encoder, NamedLayouts)
         {"LoneHighBeforeHighLowPair", asciiRun(6) + units({0xD83D}) + pair + asciiRun(6)},
         {"LowThenHigh", asciiRun(5) + units({0xDC4D, 0xD83D}) + asciiRun(9)},
         {"NoncharactersAndReplacement", units({0xFFFF, 0xFFFE, 0xFFFD, 0xFEFF, 'a', 0xE000, 0xF8FF, 0xFFFF})},
-        {"LowBeforeHigh", units({0xDC4D, 0xD83D}), "ef bf bd ef bf bd"},
-        {"HighHighLow", units({0xD83D, 0xD83D, 0xDC4D}), "ef bf bd f0 9f 91 8d"},
+        {"LowBeforeHigh", units({0xDC4D, 0xD83D})},
+        {"HighHighLow", units({0xD83D, 0xD83D, 0xDC4D})},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
-        if (row.hexBytes)
-            EXPECT_EQ(hex(encode(row.text)), row.hexBytes);
-        else
-            expectSameAsReference(row.text);
+        expectSameAsReference(row.text);
     }
 }
 
