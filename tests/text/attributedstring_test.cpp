@@ -20,10 +20,7 @@ const QColor Blue(Qt::blue);
 const QColor Black(Qt::black);
 const QColor White(Qt::white);
 
-TextAttributes colored(const QColor &color)
-{
-    return {std::nullopt, color, std::nullopt};
-}
+const auto colored = [](const QColor &color) { return TextAttributes{std::nullopt, color, std::nullopt}; };
 
 TEST(AttributedString, AddingAndSettingSplitAndMerge)
 {

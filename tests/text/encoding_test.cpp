@@ -17,25 +17,12 @@ using namespace encoding;
 
 namespace {
 
-QString qs(const char *utf8)
-{
-    return QString::fromUtf8(utf8);
-}
-
-QByteArray hex(const char *digits)
-{
-    return QByteArray::fromHex(digits);
-}
-
-std::string hexOf(const QByteArray &bytes)
-{
+const auto qs = [](const char *utf8) { return QString::fromUtf8(utf8); };
+const auto hex = [](const char *digits) { return QByteArray::fromHex(digits); };
+const auto hexOf = [](const QByteArray &bytes) {
     return bytes.isNull() ? "(null)" : bytes.toHex().toStdString();
-}
-
-std::string textOf(const QString &text)
-{
-    return text.isNull() ? "(null)" : text.toStdString();
-}
+};
+const auto textOf = [](const QString &text) { return text.isNull() ? "(null)" : text.toStdString(); };
 
 const auto guessString = &bestGuessString; // preferred, then UTF-8, ISO 8859-1, ISO 8859-15
 const auto strictString = &stringWithData;
@@ -191,22 +178,20 @@ TEST(EncodingTable, IdentifiersNamesAndCharsetSpellings)
         const char *charset;
         StringEncoding encoding;
         const char *name; // null: an alternative spelling only
-    } rows[] = {
-        {"US-ASCII", 1, "Western (ASCII)"},
-        {"UTF-8", 4, "Unicode (UTF-8)"},
-        {"ISO-8859-1", 5, "Western (ISO Latin 1)"},
-        {"ISO-8859-15", 0x8000020F, "Western (ISO Latin 9)"},
-        {"windows-1252", 12, "Western (Windows Latin 1)"},
-        {"KOI8-R", 0x80000A02, "Cyrillic (KOI8-R)"},
-        {"GB18030", 0x80000632, "Chinese (GB 18030)"},
-        {"UTF-16BE", 0x90000100, "Unicode (UTF-16BE)"},
-        {"utf8", UTF8StringEncoding, nullptr},
-        {"iso_8859_15", ISOLatin9StringEncoding, nullptr},
-        {"Latin1", ISOLatin1StringEncoding, nullptr},
-        {"cp1251", WindowsCP1251StringEncoding, nullptr},
-        {"no-such-charset", 0, nullptr},
-        {"", 0, nullptr},
-    };
+    } rows[] = {{"US-ASCII", 1, "Western (ASCII)"},
+                {"UTF-8", 4, "Unicode (UTF-8)"},
+                {"ISO-8859-1", 5, "Western (ISO Latin 1)"},
+                {"ISO-8859-15", 0x8000020F, "Western (ISO Latin 9)"},
+                {"windows-1252", 12, "Western (Windows Latin 1)"},
+                {"KOI8-R", 0x80000A02, "Cyrillic (KOI8-R)"},
+                {"GB18030", 0x80000632, "Chinese (GB 18030)"},
+                {"UTF-16BE", 0x90000100, "Unicode (UTF-16BE)"},
+                {"utf8", UTF8StringEncoding, nullptr},
+                {"iso_8859_15", ISOLatin9StringEncoding, nullptr},
+                {"Latin1", ISOLatin1StringEncoding, nullptr},
+                {"cp1251", WindowsCP1251StringEncoding, nullptr},
+                {"no-such-charset", 0, nullptr},
+                {"", 0, nullptr}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.charset);
         EXPECT_EQ(stringEncodingForCharset(QString::fromLatin1(row.charset)), row.encoding);
@@ -271,8 +256,7 @@ QString sampleFor(const StringEncodingInfo &info)
         {"Simplified Chinese", "中文简体字"},
         {"Traditional Chinese", "繁體中文"},
         {"Chinese", "中文"},
-        {"Korean", "한국어"},
-    };
+        {"Korean", "한국어"}};
     for (const auto &[prefix, sample] : samples) {
         if (info.name.startsWith(QString::fromUtf8(prefix)))
             return QStringLiteral("IRC line: <nick> 1+1=2 [ok] ") + QString::fromUtf8(sample);
@@ -330,9 +314,8 @@ TEST(EncodingAgainstIconv, SampleTextsAndEverySingleByteConvertAlike)
         const std::optional<QByteArray> theirs = iconvConvert(charset, "UTF-8", utf8);
         ASSERT_TRUE(theirs) << "iconv cannot encode the sample";
         const bool unicodeForm = info.charset.startsWith(u"UTF-16") || info.charset.startsWith(u"UTF-32");
-        if (!isStateful(info.charset) && !unicodeForm) {
+        if (!isStateful(info.charset) && !unicodeForm)
             EXPECT_EQ(hexOf(ours), hexOf(*theirs));
-        }
         EXPECT_EQ(textOf(stringWithData(*theirs, info.encoding)), text.toStdString());
         const std::optional<QByteArray> back = iconvConvert("UTF-8", charset, ours);
         ASSERT_TRUE(back);
