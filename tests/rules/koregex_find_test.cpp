@@ -13,10 +13,7 @@ using zt::Ref;
 
 namespace {
 
-constexpr KORange R(qsizetype location, qsizetype length)
-{
-    return {location, length};
-}
+constexpr auto R = [](qsizetype location, qsizetype length) { return KORange{location, length}; };
 
 // ---- compilation ----
 

@@ -54,10 +54,7 @@ QByteArray reference(QStringView text)
     return copy.toUtf8();
 }
 
-std::string hex(const QByteArray &bytes)
-{
-    return bytes.toHex(' ').toStdString();
-}
+const auto hex = [](const QByteArray &bytes) { return bytes.toHex(' ').toStdString(); };
 
 class Utf8Encoder : public ::testing::TestWithParam<Encoder>
 {

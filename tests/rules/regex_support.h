@@ -19,10 +19,7 @@ inline void PrintTo(const KORange &range, std::ostream *os)
 
 namespace regextest {
 
-inline QString qs(const char *utf8)
-{
-    return QString::fromUtf8(utf8);
-}
+inline const auto qs = [](const char *utf8) { return QString::fromUtf8(utf8); };
 
 inline zt::Ref<KORegex> compile(const char *pattern, int options = 0)
 {
@@ -42,10 +39,7 @@ inline std::string raised(const std::function<void()> &body)
     return "none";
 }
 
-inline std::string rangeText(const KORange &range)
-{
-    return KOStringFromRange(range).toStdString();
-}
+inline const auto rangeText = [](const KORange &range) { return KOStringFromRange(range).toStdString(); };
 
 //! "{l, n}" for each match, space-separated.
 inline std::string rangesOf(const QList<zt::Ref<KORegexMatch>> &matches)
