@@ -10,9 +10,7 @@ namespace {
 struct ReplaceRow
 {
     const char *name;
-    const char *pattern;
-    const char *templ; // none: split instead
-    const char *subject;
+    const char *pattern, *templ, *subject; // templ none: split instead
     int limit;
     const char *expected; // the result, or the exception raised
 };

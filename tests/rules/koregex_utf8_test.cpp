@@ -39,17 +39,12 @@ const Encoder variants[] = {
 //! Qt's UTF-8 of `text` after replacing each unpaired surrogate by U+FFFD.
 QByteArray reference(QStringView text)
 {
-    QString copy;
-    for (qsizetype i = 0; i < text.size(); ++i) {
-        const QChar c = text[i];
-        if (c.isHighSurrogate() && i + 1 < text.size() && text[i + 1].isLowSurrogate()) {
-            copy += c;
-            copy += text[++i];
-        } else if (c.isSurrogate()) {
-            copy += QChar(QChar::ReplacementCharacter);
-        } else {
-            copy += c;
-        }
+    QString copy = text.toString();
+    for (qsizetype i = 0; i < copy.size(); ++i) {
+        if (copy[i].isHighSurrogate() && i + 1 < copy.size() && copy[i + 1].isLowSurrogate())
+            ++i;
+        else if (copy[i].isSurrogate())
+            copy[i] = QChar::ReplacementCharacter;
     }
     return copy.toUtf8();
 }
@@ -105,16 +100,18 @@ QString units(std::initializer_list<char16_t> list)
     return QString(reinterpret_cast<const QChar *>(list.begin()), qsizetype(list.size()));
 }
 
+struct NamedText
+{
+    const char *name;
+    QString text;
+};
+
 // An unpaired surrogate is the three bytes of U+FFFD, so that byte and unit
 // positions stay in step.
 TEST_P(Utf8Encoder, NamedLayouts)
 {
     const QString pair = units({0xD83D, 0xDC4D}); // U+1F44D
-    struct Row
-    {
-        const char *name;
-        QString text;
-    } rows[] = {
+    const NamedText rows[] = {
         {"AsciiLong", asciiRun(1000)},
         {"LastAsciiAndFirstTwoByte", units({0x7F, 0x80, 0x7F, 0x80, 0x7F, 0x80, 0x7F, 0x80, 0x7F})},
         {"LastTwoByteAndFirstThreeByte", units({0x7FF, 0x800, 0x7FF, 0x800, 0x7FF, 0x800, 0x7FF, 0x800})},
@@ -128,7 +125,7 @@ TEST_P(Utf8Encoder, NamedLayouts)
         {"LowBeforeHigh", units({0xDC4D, 0xD83D})},
         {"HighHighLow", units({0xD83D, 0xD83D, 0xDC4D})},
     };
-    for (const Row &row : rows) {
+    for (const NamedText &row : rows) {
         SCOPED_TRACE(row.name);
         expectSameAsReference(row.text);
     }
@@ -138,11 +135,7 @@ TEST_P(Utf8Encoder, NamedLayouts)
 // whole blocks), and alone at every position of every short ASCII line.
 TEST_P(Utf8Encoder, EveryRunAndPositionOfEveryLength)
 {
-    struct Kind
-    {
-        const char *name;
-        QString text;
-    } kinds[] = {
+    const NamedText kinds[] = {
         {"Nul", units({0})},
         {"LastAscii", units({0x7F})},
         {"FirstTwoByte", units({0x80})},
@@ -155,7 +148,7 @@ TEST_P(Utf8Encoder, EveryRunAndPositionOfEveryLength)
         {"LoneHigh", units({0xDBFF})},
         {"LoneLow", units({0xDC00})},
     };
-    for (const Kind &kind : kinds) {
+    for (const NamedText &kind : kinds) {
         SCOPED_TRACE(kind.name);
         QString run;
         for (int count = 0; count <= 40; ++count, run += kind.text) {
@@ -175,9 +168,7 @@ TEST_P(Utf8Encoder, EveryRunAndPositionOfEveryLength)
 }
 
 INSTANTIATE_TEST_SUITE_P(Variants, Utf8Encoder, ::testing::ValuesIn(variants),
-                         [](const ::testing::TestParamInfo<Encoder> &info) {
-                             return std::string(info.param.name);
-                         });
+                         [](const auto &info) { return std::string(info.param.name); });
 
 // ---- findInString and its subject buffer ----
 

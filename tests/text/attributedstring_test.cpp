@@ -3,9 +3,8 @@
 #include "text/attributedstring.h"
 #include "text/labels.h"
 
-#include <gtest/gtest.h>
-
 #include <functional>
+#include <gtest/gtest.h>
 #include <limits>
 
 namespace {
@@ -75,8 +74,7 @@ TEST(AttributedString, RangesOutsideTheTextRaise)
     const struct
     {
         const char *name;
-        qsizetype start;
-        qsizetype length;
+        qsizetype start, length;
     } rows[] = {
         {"negative start", -1, 1},
         {"negative length", 0, -1},
@@ -112,18 +110,13 @@ const QColor Grey = QColor::fromRgbF(0.5f, 0.5f, 0.5f);
 const QColor SelectedGrey = QColor::fromRgbF(0.8f, 0.8f, 0.8f);
 
 // The attribute sets a label is made of.
-TextAttributes plain(const QColor &color = Black)
+TextAttributes label(const std::optional<QFont> &font, const QColor &color)
 {
-    return {std::nullopt, color, irc::tailingParagraphStyle()};
+    return {font, color, irc::tailingParagraphStyle()};
 }
-TextAttributes big(const QColor &color = Black)
-{
-    return {irc::systemFont(13), color, irc::tailingParagraphStyle()};
-}
-TextAttributes small(const QColor &color)
-{
-    return {irc::systemFont(11), color, irc::tailingParagraphStyle()};
-}
+const auto plain = [](const QColor &color = Black) { return label(std::nullopt, color); };
+const auto big = [](const QColor &color = Black) { return label(irc::systemFont(13), color); };
+const auto small = [](const QColor &color) { return label(irc::systemFont(11), color); };
 
 AttributedString styled(std::initializer_list<std::pair<QString, TextAttributes>> parts)
 {
@@ -138,8 +131,7 @@ TEST(Labels, ColoredAndSubtexted)
     const struct
     {
         const char *name;
-        AttributedString actual;
-        AttributedString expected;
+        AttributedString actual, expected;
     } rows[] = {
         {"plain label is black", irc::attributedString(u"Libera"), styled({{u"Libera"_s, plain()}})},
         {"colour given", irc::attributedStringWithColor(u"Libera", Red), styled({{u"Libera"_s, plain(Red)}})},

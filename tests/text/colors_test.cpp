@@ -1,12 +1,10 @@
 #include "text/colors.h"
 
-#include <gtest/gtest.h>
-
 #include <QHash>
 #include <QRandomGenerator>
-
 #include <algorithm>
 #include <climits>
+#include <gtest/gtest.h>
 
 namespace {
 
@@ -58,9 +56,7 @@ TEST(ColorCodes, ConvertsToHtmlAndPlainText)
     const struct
     {
         const char *name;
-        QString input;
-        QString html;
-        QString plain;
+        QString input, html, plain;
     } rows[] = {
         {"bold then plain", u"^Bbold^B plain"_s, u"{b}bold{/} plain"_s, u"bold plain"_s},
         {"0x1D is text", u"^]i"_s, u"^]i"_s, u"^]i"_s},

@@ -46,19 +46,16 @@ struct Input
     QByteArray data;
 };
 
-const std::vector<Input> &inputs()
+std::vector<Input> inputs()
 {
-    static const std::vector<Input> list = [] {
-        QByteArray binary;
-        for (int i = 0; i < 4096; ++i)
-            binary += char(i & 0xFF);
-        return std::vector<Input>{
-            {"OneByte", QByteArray("x")},    {"ChatLine", QByteArray("PRIVMSG #zintaro :hello there\r\n")},
-            {"ChatLog", chatText(200000)},   {"Zeros", QByteArray(4 * 1024 * 1024, '\0')},
-            {"Random", randomBytes(100000)}, {"Binary", binary},
-        };
-    }();
-    return list;
+    QByteArray binary;
+    for (int i = 0; i < 4096; ++i)
+        binary += char(i & 0xFF);
+    return {
+        {"OneByte", QByteArray("x")},    {"ChatLine", QByteArray("PRIVMSG #zintaro :hello there\r\n")},
+        {"ChatLog", chatText(200000)},   {"Zeros", QByteArray(4 * 1024 * 1024, '\0')},
+        {"Random", randomBytes(100000)}, {"Binary", binary},
+    };
 }
 
 TEST(CompressionRoundTrip, EmptyInputIsAnsweredAsItIs)
