@@ -4,7 +4,7 @@
 #include "core/ztabstractipc.h"
 #include "core/ztapplication.h"
 #include "core/ztdirectory.h"
-#include "runtime/plist.h"
+#include "runtime/plist_test_support.h"
 #include "runtime/process.h"
 #include "support/log_capture.h"
 #include "support/raised.h"
@@ -262,19 +262,13 @@ TEST_F(CoreTest, ArchivesKeepOrRecreateTheUuid)
     ZTAbstractIPC::setRecreateDescriptions(false);
 
     // An older archive layout stored the UUID under "description" only.
-    const QVariantMap top{{QStringLiteral("root"), QVariant::fromValue(Uid{1})}};
-    const QVariantList objects{
-        QStringLiteral("$null"),
-        QVariantMap{{QStringLiteral("$class"), QVariant::fromValue(Uid{3})},
-                    {QStringLiteral("description"), QVariant::fromValue(Uid{2})}},
-        QStringLiteral("OLD-UUID"),
-        QVariantMap{{QStringLiteral("$classname"), QStringLiteral("TestNode")},
-                    {QStringLiteral("$classes"), QVariantList{QStringLiteral("TestNode")}}}};
-    const QVariantMap archive{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")},
-                              {QStringLiteral("$version"), qint64(100000)},
-                              {QStringLiteral("$top"), top},
-                              {QStringLiteral("$objects"), objects}};
-    auto old = unarchived(plist::writeBinary(archive));
+    auto old = unarchived(plisttest::archiveWith(
+        {QStringLiteral("$null"),
+         QVariantMap{{QStringLiteral("$class"), plisttest::uid(3)},
+                     {QStringLiteral("description"), plisttest::uid(2)}},
+         QStringLiteral("OLD-UUID"),
+         QVariantMap{{QStringLiteral("$classname"), QStringLiteral("TestNode")},
+                     {QStringLiteral("$classes"), QVariantList{QStringLiteral("TestNode")}}}}));
     ASSERT_TRUE(old);
     EXPECT_EQ(old->description(), QStringLiteral("OLD-UUID"));
     old->invalidate();

@@ -5,6 +5,8 @@
 #include "support/test_model.h"
 
 using namespace zt;
+using plisttest::archiveWith;
+using plisttest::uid;
 
 namespace {
 QVariant roundTrip(const QVariant &value)
@@ -16,20 +18,6 @@ QVariant roundTrip(const QVariant &value)
     return back.value_or(QVariant());
 }
 
-QVariant uid(quint64 v)
-{
-    return QVariant::fromValue(Uid{v});
-}
-
-// An archive of the given objects whose root is object `root`.
-QByteArray archiveWith(const QVariantList &objects, quint64 root = 1)
-{
-    return plist::writeBinary(
-        QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")},
-                    {QStringLiteral("$version"), qint64(100000)},
-                    {QStringLiteral("$top"), QVariantMap{{QStringLiteral("root"), uid(root)}}},
-                    {QStringLiteral("$objects"), objects}});
-}
 } // namespace
 
 TEST(KeyedArchive, ValuesOfEveryKindSurvive)

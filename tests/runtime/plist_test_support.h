@@ -152,4 +152,19 @@ inline QByteArray assemble(QList<QByteArray> objects)
     return Assembly{.objects = std::move(objects)}.bytes();
 }
 
+inline QVariant uid(quint64 v)
+{
+    return QVariant::fromValue(zt::Uid{v});
+}
+
+//! A keyed archive of the given objects whose root is object `root`.
+inline QByteArray archiveWith(const QVariantList &objects, quint64 root = 1)
+{
+    return zt::plist::writeBinary(
+        QVariantMap{{QStringLiteral("$archiver"), QStringLiteral("NSKeyedArchiver")},
+                    {QStringLiteral("$version"), qint64(100000)},
+                    {QStringLiteral("$top"), QVariantMap{{QStringLiteral("root"), uid(root)}}},
+                    {QStringLiteral("$objects"), objects}});
+}
+
 } // namespace plisttest

@@ -103,11 +103,6 @@ inline bool waitForCall(TestRoot *root, const QString &line)
     return waitUntil([&] { return root->calls.contains(line); });
 }
 
-// A listening connection and what connected to it: connection clients, each
-// end with a root of its own and the other side's protocol, or one raw
-// socket that writes bytes by hand and reads the stream back as frames
-// (length word, then body). Records the delegate events with the connection
-// they name.
 class LinkedPair : public VDSocketDelegate
 {
 public:
@@ -115,14 +110,11 @@ public:
     std::vector<zt::Ref<VDConnection>> clients, accepted;
     std::vector<zt::Ref<TestRoot>> clientRoots, serverRoots;
     QStringList events;
-    bool acceptedWithoutDelegate = true;
     zt::Ref<AsyncSocket> raw;
     sockettest::Recorder rawEvents;
-    QList<QByteArray> bodies; // the frames the raw socket received
 
     VDConnection *client(size_t i = 0) const { return clients.at(i).get(); }
     VDConnection *server(size_t i = 0) const { return accepted.at(i).get(); }
-    TestRoot *clientRoot(size_t i = 0) const { return clientRoots.at(i).get(); }
     TestRoot *serverRoot(size_t i = 0) const { return serverRoots.at(i).get(); }
 
     //! Connects one more client; with `openGates`, both ends may write at once.
@@ -130,10 +122,6 @@ public:
     //! Connects the raw socket; server() is then the connection under test.
     bool connectRaw(bool openGate = true) { return join(openGate, true); }
     void write(const QByteArray &bytes) { raw->writeDataWithTimeoutTag(bytes, -1, 0); }
-    bool waitForBodies(qsizetype n)
-    {
-        return waitUntil([&] { return bodies.size() >= n; });
-    }
 
     void onSocketDidConnectToHostPort(VDConnection *connection, const QString &host, quint16 port) override
     {
@@ -149,7 +137,7 @@ public:
     }
     void onSocketDidAcceptNewSocket(VDConnection *from, VDConnection *connection) override
     {
-        acceptedWithoutDelegate = acceptedWithoutDelegate && connection->delegate() == nullptr;
+        EXPECT_EQ(connection->delegate(), nullptr) << "an accepted connection starts without a delegate";
         events.append(u"accept %1"_s.arg(name(from)));
         auto root = zt::make<TestRoot>(u"server-root-%1"_s.arg(accepted.size()));
         connection->setDelegate(this);
@@ -214,9 +202,7 @@ private:
         const size_t n = accepted.size();
         AsyncSocket *socket = nullptr;
         if (rawPeer) {
-            rawEvents.onRead = [this](AsyncSocket *sock, const QByteArray &data, long tag) {
-                if (tag == 1)
-                    bodies.append(data);
+            rawEvents.onRead = [](AsyncSocket *sock, const QByteArray &data, long tag) {
                 const qsizetype length = tag == 0 ? qsizetype(qFromBigEndian<quint64>(data.constData())) : 8;
                 sock->readDataToLengthWithTimeoutTag(length, -1, tag == 0 ? 1 : 0);
             };

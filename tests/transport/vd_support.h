@@ -19,6 +19,7 @@ inline void PrintTo(const QString &s, std::ostream *os)
 #include "support/raised.h"
 #include "transport/vdmessage.h"
 
+#include <QRegularExpression>
 #include <QtEndian>
 #include <cstring>
 #include <functional>
@@ -138,6 +139,13 @@ inline QString render(const QVariant &v)
     default:
         return QStringLiteral("?") + zt::valueClassName(v);
     }
+}
+
+//! `text` with pointers, which differ from run to run, masked as 0x?.
+inline QString maskPointers(QString text)
+{
+    static const QRegularExpression pointer(QStringLiteral("0x[0-9a-f]+"));
+    return text.replace(pointer, QStringLiteral("0x?"));
 }
 
 using zttest::raised;

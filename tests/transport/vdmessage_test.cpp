@@ -9,7 +9,6 @@
 
 #include <QFile>
 #include <QProcess>
-#include <QRegularExpression>
 #include <QStandardPaths>
 #include <QThread>
 #include <gtest/gtest.h>
@@ -82,13 +81,6 @@ QVariant indexes(std::initializer_list<quint64> list)
 QVariant date(qint64 msSinceEpoch)
 {
     return QDateTime::fromMSecsSinceEpoch(msSinceEpoch, Qt::UTC);
-}
-
-// Pointers differ from run to run; reasons are compared with them masked.
-QString maskPointers(QString text)
-{
-    static const QRegularExpression pointer(u"0x[0-9a-f]+"_s);
-    return text.replace(pointer, u"0x?"_s);
 }
 
 // A call whose whole message is pinned in tests/data/vdmessage_calls.txt.
