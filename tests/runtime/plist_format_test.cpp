@@ -7,7 +7,6 @@
 #include "runtime/plist_format.h"
 
 #include <QPoint>
-#include <QTimeZone>
 
 using namespace zt;
 using namespace plisttest;

@@ -3,7 +3,6 @@
 #include "transport/asyncsocket_p.h"
 #include "transport/asyncsocket_packets.h"
 
-#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
 

@@ -22,7 +22,6 @@ inline void PrintTo(const QString &s, std::ostream *os)
 #include <QRegularExpression>
 #include <QtEndian>
 #include <cstring>
-#include <functional>
 #include <optional>
 
 namespace vdtest {
