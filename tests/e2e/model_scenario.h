@@ -40,6 +40,14 @@ struct ScenarioStep
     std::function<bool(ScenarioContext &)> until = {}; // waited for before the snapshot
 };
 
+//! Sets the keys of `keysAndValues` (key, value, key, value, ...) in turn
+//! through key-value coding.
+inline void setKeys(zt::Object *object, const QVariantList &keysAndValues)
+{
+    for (qsizetype i = 0; i + 1 < keysAndValues.size(); i += 2)
+        object->setValueForKey(keysAndValues[i + 1], keysAndValues[i].toString());
+}
+
 template<typename T> zt::Ref<T> made()
 {
     auto object = zt::make<T>();

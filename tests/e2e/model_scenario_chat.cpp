@@ -83,9 +83,7 @@ QList<ScenarioStep> chatSteps()
              c->advancedSettings()->setAutoJoin(true);
              c->setProxy(made<AgentProxy>());
              c->proxy()->setProxyAddress(u"socks.local"_s);
-             c->setNickname(u"zin"_s);
-             c->setModes(u"+iw"_s);
-             c->setStatus(1);
+             setKeys(c, {u"nickname"_s, u"zin"_s, u"modes"_s, u"+iw"_s, u"status"_s, 1});
              for (const QString &file : {u"notes.txt"_s, u"talk.ogg"_s}) {
                  auto transfer = made<AgentTransfer>();
                  transfer->setAttributes({{u"file"_s, file}, {u"size"_s, qint64(2048)}});

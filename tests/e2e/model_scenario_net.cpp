@@ -54,15 +54,11 @@ QList<ScenarioStep> networkSteps()
         {u"every key of a network, server, settings, proxy and ban; servers inserted, removed, replaced"_s,
          [](ScenarioContext &ctx) {
              ZTAbstractNetwork *oftc = ctx.directory->networks()[1].get();
-             oftc->setName(u"OFTC (custom)"_s);
-             oftc->setAuthService(2);
-             oftc->setIsCustom(true);
-             ZTAbstractServer *s = oftc->servers()[0].get();
-             s->setAddress(u"IRC.OFTC.net"_s);
-             s->setSecure(true); // the effective port follows
-             s->setTrust(true);
-             s->setPassword(u"Secret"_s);
-             s->setPort(7000);
+             setKeys(oftc, {u"name"_s, u"OFTC (custom)"_s, u"authService"_s, 2, u"isCustom"_s, true});
+             // The effective port follows the secure flag.
+             setKeys(oftc->servers()[0].get(),
+                     {u"address"_s, u"IRC.OFTC.net"_s, u"secure"_s, true, u"trust"_s, true, u"password"_s,
+                      u"Secret"_s, u"port"_s, 7000});
              ZTAbstractNetwork *n = ctx.directory->networks()[0].get();
              n->insertServersAtLocations({server(n, u"us.libera.chat"_s, 6665)}, zt::IndexSet(0));
              zt::Ref<ZTAbstractServer> removed = n->servers()[1];
@@ -72,6 +68,8 @@ QList<ScenarioStep> networkSteps()
              n->mutableServers().replaceObjectAtIndex(1,
                                                       zt::objectValue(server(n, u"ca.libera.chat"_s).get()));
              replaced->invalidate();
+             // Through the setters: a settings change made by key-value coding
+             // does not reach the client.
              auto *settings = ctx.get<ZTAbstractAdvancedSettings>(u"settings"_s);
              settings->setShowCounts(false);
              settings->setExcludeFromLog(true);
@@ -80,18 +78,13 @@ QList<ScenarioStep> networkSteps()
              settings->setAutoJoin(true);
              settings->setAutoRejoin(true);
              settings->setBlowfishKey(QString()); // sent as ""
-             auto *proxy = ctx.get<ZTAbstractProxy>(u"proxy"_s);
-             proxy->setProxyPassword(u"pw"_s);
-             proxy->setProxyUsername(u"me"_s);
-             proxy->setEnabled(true);
-             proxy->setSystemwide(true);
-             proxy->setProxyType(2);
-             proxy->setProxyPort(1080);
-             proxy->setProxyAddress(QString());
-             auto *ban = ctx.get<ZTAbstractBan>(u"ban"_s);
-             ban->setMask(u"*!*@ham.example"_s);
-             ban->setBanner(u"chanserv"_s);
-             ban->setDate(QDateTime::fromMSecsSinceEpoch(1600000000250, Qt::UTC));
+             setKeys(ctx.get<ZTAbstractProxy>(u"proxy"_s),
+                     {u"proxyPassword"_s, u"pw"_s, u"proxyUsername"_s, u"me"_s, u"enabled"_s, true,
+                      u"systemwide"_s, true, u"proxyType"_s, 2, u"proxyPort"_s, 1080, u"proxyAddress"_s,
+                      QString()});
+             setKeys(ctx.get<ZTAbstractBan>(u"ban"_s),
+                     {u"mask"_s, u"*!*@ham.example"_s, u"banner"_s, u"chanserv"_s, u"date"_s,
+                      QDateTime::fromMSecsSinceEpoch(1600000000250, Qt::UTC)});
              ctx.get<ZTAbstractTransfer>(u"transfer"_s)->accept();
              ctx.drop(u"ban2"_s);
          }},

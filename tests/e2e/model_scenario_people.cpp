@@ -26,9 +26,7 @@ QList<ScenarioStep> peopleSteps()
         {u"people: a self identity with candidates inserted, people and pseudo-persons"_s,
          [](ScenarioContext &ctx) {
              auto self = made<AgentSelfIdentity>();
-             self->setUsername(u"zin"_s);
-             self->setRealname(u"Zin Taro"_s);
-             self->setIsDefault(true);
+             setKeys(self, {u"username"_s, u"zin"_s, u"realname"_s, u"Zin Taro"_s, u"isDefault"_s, true});
              self->addCandidate(candidate(u"zin"_s, u"hunter2"_s).get());
              self->addCandidate(candidate(u"zin_"_s).get());
              ctx.adopt(u"self"_s, self);
@@ -65,25 +63,18 @@ QList<ScenarioStep> peopleSteps()
              self->candidates()[1]->setNickserv(u"changed"_s);
              self->candidates()[0]->setNickname(u"ZT"_s);
              self->setUsername(u"zintaro"_s);
-             ZTAbstractIdentity *alice = ctx.get<ZTAbstractPerson>(u"alice"_s)->identity().get();
-             alice->setNickname(u"alice|away"_s);
-             alice->setUsername(u"alice"_s);
-             alice->setHostname(u"10.0.0.7"_s);
-             alice->setRealname(u"Alice A."_s);
-             alice->setStatus(ZTAbstractIdentity::StatusAway);
-             alice->setPrivileges(QVariantList{qint16(3), qint16(1)});
+             setKeys(ctx.get<ZTAbstractPerson>(u"alice"_s)->identity().get(),
+                     {u"nickname"_s, u"alice|away"_s, u"username"_s, u"alice"_s, u"hostname"_s, u"10.0.0.7"_s,
+                      u"realname"_s, u"Alice A."_s, u"status"_s, ZTAbstractIdentity::StatusAway,
+                      u"privileges"_s, QVariantList{qint16(3), qint16(1)}});
              auto *bob = ctx.get<ZTAbstractPerson>(u"bob"_s);
              bob->setSecure(true);
              bob->identity()->setStatus(ZTAbstractIdentity::StatusAvailable);
              bob->identity()->setPrivileges(QVariantList{qint16(6)});
              auto *pseudo = ctx.get<ZTAbstractPseudoPerson>(u"alice*"_s);
-             pseudo->setContent(u"alice|*"_s);
-             pseudo->setAddressBookID(u"ab-1"_s);
-             pseudo->setPublicAllowed(false);
-             pseudo->setPrivateAllowed(true);
-             pseudo->setHighlightsAllowed(false);
-             pseudo->setCtcpAllowed(true);
-             pseudo->setJpqAllowed(false);
+             setKeys(pseudo, {u"content"_s, u"alice|*"_s, u"addressBookID"_s, u"ab-1"_s, u"publicAllowed"_s,
+                              false, u"privateAllowed"_s, true, u"highlightsAllowed"_s, false,
+                              u"ctcpAllowed"_s, true, u"jpqAllowed"_s, false});
              pseudo->assignRealPersonFromPerson(ctx.get<ZTAbstractPerson>(u"alice"_s));
              ctx.get<ZTAbstractPseudoPerson>(u"*!*@*.example.org"_s)->setDccAllowed(true);
          }},
