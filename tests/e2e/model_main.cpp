@@ -3,22 +3,15 @@
 // <port>` prints "STEP <name>: OK" (or MISMATCH and one "  <difference>"
 // line each) per snapshot and "DONE <steps>".
 
-#include "channel_classes.h"
-#include "connection_classes.h"
 #include "controller_classes.h"
 #include "core/ztagenthost.h"
 #include "core/ztclientnode.h"
-#include "core/ztdirectory.h"
 #include "core/ztrootobject.h"
 #include "dictionary_objects.h"
 #include "model_diff.h"
 #include "model_scenario.h"
-#include "network_classes.h"
-#include "person_classes.h"
 #include "runtime/exception.h"
 #include "runtime/members.h"
-#include "runtime/process.h"
-#include "settings_classes.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>

@@ -2,13 +2,8 @@
 // and the removal of a channel and of the connection. A connection's mirror
 // is made from its UUID alone, so the agent fills it after adding it.
 
-#include "channel_classes.h"
-#include "connection_classes.h"
 #include "controller_classes.h"
 #include "model_scenario.h"
-#include "network_classes.h"
-#include "person_classes.h"
-#include "settings_classes.h"
 
 using namespace Qt::StringLiterals;
 
@@ -27,10 +22,8 @@ ZTAbstractChannel *channel(ScenarioContext &ctx, const QString &name)
 zt::Ref<ZTAbstractChannel> newChannel(const QString &name, bool isChannel, bool isQuery = false)
 {
     auto c = made<AgentChannel>();
-    c->setName(name);
-    c->setIsChannel(isChannel);
-    c->setIsQuery(isQuery);
-    c->setIsConsole(!isChannel && !isQuery);
+    setKeys(c.get(), {u"name"_s, name, u"isChannel"_s, isChannel, u"isQuery"_s, isQuery, u"isConsole"_s,
+                      !isChannel && !isQuery});
     return c;
 }
 
@@ -38,8 +31,7 @@ zt::Ref<ZTAbstractPerson> newPerson(ScenarioContext &ctx, const QString &nick, Z
 {
     auto p = zt::make<AgentPerson>();
     p->initWithNickname(nick);
-    p->identity()->setUsername(u"~"_s + nick);
-    p->identity()->setHostname(nick + u".users.example"_s);
+    setKeys(p->identity().get(), {u"username"_s, u"~"_s + nick, u"hostname"_s, nick + u".users.example"_s});
     p->setChannel(in);
     p->setConnection(connection(ctx));
     return p;
@@ -48,8 +40,7 @@ zt::Ref<ZTAbstractPerson> newPerson(ScenarioContext &ctx, const QString &nick, Z
 zt::Ref<ZTAbstractSelfIdentity> selfIdentity(const QString &username)
 {
     auto identity = made<AgentSelfIdentity>();
-    identity->setUsername(username);
-    identity->setRealname(username.toUpper());
+    setKeys(identity.get(), {u"username"_s, username, u"realname"_s, username.toUpper()});
     return identity;
 }
 
@@ -74,8 +65,7 @@ QList<ScenarioStep> chatSteps()
              auto c = made<AgentConnection>();
              ctx.get<ZTAbstractConnectionController>(u"connections"_s)->addConnection(c);
              auto server = made<AgentServer>();
-             server->setAddress(u"irc.example.net"_s);
-             server->setSecure(true);
+             setKeys(server.get(), {u"address"_s, u"irc.example.net"_s, u"secure"_s, true});
              c->setServer(server);
              c->setCurrentIdentity(selfIdentity(u"zin"_s));
              c->setNextIdentity(selfIdentity(u"zin2"_s));

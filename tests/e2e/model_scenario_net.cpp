@@ -13,8 +13,7 @@ namespace {
 zt::Ref<ZTAbstractServer> server(ZTAbstractNetwork *network, const QString &address, quint64 port = 0)
 {
     auto s = made<AgentServer>();
-    s->setAddress(address);
-    s->setPort(port);
+    setKeys(s.get(), {u"address"_s, address, u"port"_s, port});
     s->setNetwork(network);
     return s;
 }

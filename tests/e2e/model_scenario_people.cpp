@@ -13,8 +13,7 @@ namespace {
 zt::Ref<ZTAbstractNickCandidate> candidate(const QString &nickname, const QString &nickserv = {})
 {
     auto c = made<AgentNickCandidate>();
-    c->setNickname(nickname);
-    c->setNickserv(nickserv);
+    setKeys(c.get(), {u"nickname"_s, nickname, u"nickserv"_s, nickserv});
     return c;
 }
 
@@ -33,8 +32,8 @@ QList<ScenarioStep> peopleSteps()
              for (const QString &nick : {u"alice"_s, u"bob"_s}) {
                  auto p = zt::make<AgentPerson>();
                  p->initWithNickname(nick);
-                 p->identity()->setUsername(nick.left(3));
-                 p->identity()->setHostname(nick + u".example.org"_s);
+                 setKeys(p->identity().get(),
+                         {u"username"_s, nick.left(3), u"hostname"_s, nick + u".example.org"_s});
                  p->setAuthenticated(nick == u"alice");
                  if (nick == u"bob") { // the away text crosses with the dictionary form only
                      p->identity()->setStatus(ZTAbstractIdentity::StatusAway);
@@ -69,8 +68,8 @@ QList<ScenarioStep> peopleSteps()
                       u"privileges"_s, QVariantList{qint16(3), qint16(1)}});
              auto *bob = ctx.get<ZTAbstractPerson>(u"bob"_s);
              bob->setSecure(true);
-             bob->identity()->setStatus(ZTAbstractIdentity::StatusAvailable);
-             bob->identity()->setPrivileges(QVariantList{qint16(6)});
+             setKeys(bob->identity().get(), {u"status"_s, ZTAbstractIdentity::StatusAvailable,
+                                             u"privileges"_s, QVariantList{qint16(6)}});
              auto *pseudo = ctx.get<ZTAbstractPseudoPerson>(u"alice*"_s);
              setKeys(pseudo, {u"content"_s, u"alice|*"_s, u"addressBookID"_s, u"ab-1"_s, u"publicAllowed"_s,
                               false, u"privateAllowed"_s, true, u"highlightsAllowed"_s, false,

@@ -2,8 +2,6 @@
 // their departure, line counts, stars, line look-ups and the archive.
 #include "model_fixture.h"
 
-using ChatTest = ModelTest;
-
 namespace {
 
 QVariantMap line(const QString &id, const QString &text)
@@ -13,7 +11,7 @@ QVariantMap line(const QString &id, const QString &text)
 
 } // namespace
 
-TEST_F(ChatTest, DictionaryFormsCountersAndEncoding)
+TEST_F(ModelTest, DictionaryFormsCountersAndEncoding)
 {
     auto connection = make<AgentConnection>();
     expectDictionary(connection.get(), {}); // its state travels as property changes
@@ -47,7 +45,7 @@ TEST_F(ChatTest, DictionaryFormsCountersAndEncoding)
     EXPECT_EQ(channel->encoding(), 5u);
 }
 
-TEST_F(ChatTest, OutgoingCommands)
+TEST_F(ModelTest, OutgoingCommands)
 {
     struct Row
     {
@@ -76,7 +74,7 @@ TEST_F(ChatTest, OutgoingCommands)
 }
 
 // A person that leaves "users" by any change leaves the directory.
-TEST_F(ChatTest, PeopleThatLeaveAreInvalidated)
+TEST_F(ModelTest, PeopleThatLeaveAreInvalidated)
 {
     using People = QList<zt::Ref<ZTAbstractPerson>>;
     struct Row
@@ -119,7 +117,7 @@ TEST_F(ChatTest, PeopleThatLeaveAreInvalidated)
     }
 }
 
-TEST_F(ChatTest, ResetLineCountEndsTheExchange)
+TEST_F(ModelTest, ResetLineCountEndsTheExchange)
 {
     struct Row
     {
@@ -147,7 +145,7 @@ TEST_F(ChatTest, ResetLineCountEndsTheExchange)
     }
 }
 
-TEST_F(ChatTest, LinesAndStars)
+TEST_F(ModelTest, LinesAndStars)
 {
     auto channel = make<AgentChannel>();
     channel->setHistory({line(u"u1"_s, u"old"_s), line(u"u2"_s, u"h"_s)});
@@ -180,7 +178,7 @@ TEST_F(ChatTest, LinesAndStars)
     EXPECT_EQ(channel->unreadLines(), 0u);
 }
 
-TEST_F(ChatTest, ChannelArchiveKeepsItsUUID)
+TEST_F(ModelTest, ChannelArchiveKeepsItsUUID)
 {
     auto channel = make<AgentChannel>();
     const QString uuid = channel->description();

@@ -1,19 +1,13 @@
 // Connections: the server and its dictionary, look-ups, departure and teardown.
 #include "model_fixture.h"
-#include "network_classes.h"
-#include "settings_classes.h"
 #include "support/log_capture.h"
-
-using ChatTest = ModelTest;
 
 // The abstract connection stores a received server dictionary and answers
 // its server's; its other dictionary setters only log; the applications'
 // connection takes the server the dictionary names.
-TEST_F(ChatTest, AbstractDictionarySetters)
+TEST_F(ModelTest, AbstractDictionarySetters)
 {
-    auto connection = zt::make<ZTAbstractConnection>();
-    connection->init();
-    made.append(connection);
+    auto connection = make<ZTAbstractConnection>();
     auto server = make<AgentServer>(), other = make<AgentServer>();
     connection->setServer(server);
     EXPECT_EQ(connection->serverDictionary().toMap(), server->dictionary());
@@ -38,7 +32,7 @@ TEST_F(ChatTest, AbstractDictionarySetters)
     EXPECT_TRUE(connection->channels().isEmpty());
 }
 
-TEST_F(ChatTest, LookUps)
+TEST_F(ModelTest, LookUps)
 {
     auto connection = make<AgentConnection>();
     auto console = channel(u"Freenode"_s, connection.get());
@@ -73,7 +67,7 @@ TEST_F(ChatTest, LookUps)
 
 // A channel that leaves "channels" by any change leaves the directory and
 // loses its connection.
-TEST_F(ChatTest, ChannelsThatLeaveAreInvalidated)
+TEST_F(ModelTest, ChannelsThatLeaveAreInvalidated)
 {
     using Channels = QList<zt::Ref<ZTAbstractChannel>>;
     struct Row
@@ -114,7 +108,7 @@ TEST_F(ChatTest, ChannelsThatLeaveAreInvalidated)
 // Teardown: a connection's server and identities leave the directory with
 // it, unless a network lists the server or the identity controller the
 // identity.
-TEST_F(ChatTest, TeardownSparesWhatOthersList)
+TEST_F(ModelTest, TeardownSparesWhatOthersList)
 {
     auto shared = ZTAbstractNetwork::networkWithName<AgentNetwork>(u"N"_s);
     auto listed = zt::make<AgentServer>();

@@ -1,14 +1,11 @@
 // The model controllers: removals, wiring, look-ups
 // across connections and the departure rule.
 #include "model_fixture.h"
-#include "network_classes.h"
 #include "support/raised.h"
-
-using ChatTest = ModelTest;
 
 // The identity controller's removals keep the identity; the abstract class
 // cannot convert dictionaries.
-TEST_F(ChatTest, IdentityControllerRemovals)
+TEST_F(ModelTest, IdentityControllerRemovals)
 {
     auto identities = make<AgentIdentityController>();
     auto identity = make<AgentSelfIdentity>();
@@ -27,7 +24,7 @@ TEST_F(ChatTest, IdentityControllerRemovals)
             u"Implement -replacementObjectsForIdentityDictionaries: in ZTAbstractIdentityController"_s));
 }
 
-TEST_F(ChatTest, AllChannelsListsChannelsThenConsoles)
+TEST_F(ModelTest, AllChannelsListsChannelsThenConsoles)
 {
     auto controller = make<AgentConnectionController>();
     auto first = make<AgentConnection>(), second = make<AgentConnection>();
@@ -69,7 +66,7 @@ public:
 };
 ZT_DEFINE_CLASS(CountingPersonList)
 
-TEST_F(ChatTest, PersonListLookUps)
+TEST_F(ModelTest, PersonListLookUps)
 {
     // Two connections on two networks, a person "Ann"/"ann" on each.
     QList<zt::Ref<ZTAbstractPerson>> people;

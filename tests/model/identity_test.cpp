@@ -1,6 +1,5 @@
 // Identities, self identities and nick candidates: defaults, derived texts,
 // dictionary and archive forms, and the self identity's refusals.
-#include "identity_classes.h"
 #include "model/ztmodelsupport.h"
 #include "model_fixture.h"
 #include "runtime/kvc.h"
@@ -9,11 +8,7 @@
 
 #include <QImage>
 
-namespace {
-
-using IdentityTest = ModelTest;
-
-TEST_F(IdentityTest, Masks)
+TEST_F(ModelTest, Masks)
 {
     struct Row
     {
@@ -42,7 +37,7 @@ TEST_F(IdentityTest, Masks)
     }
 }
 
-TEST_F(IdentityTest, Privileges)
+TEST_F(ModelTest, Privileges)
 {
     struct Row
     {
@@ -66,7 +61,7 @@ TEST_F(IdentityTest, Privileges)
     }
 }
 
-TEST_F(IdentityTest, AwayMessageAndStatusImageFollowTheStatus)
+TEST_F(ModelTest, AwayMessageAndStatusImageFollowTheStatus)
 {
     int made = 0;
     zt::model::setValueTransformer(QString::fromLatin1(zt::model::StatusImageTransformerName),
@@ -95,7 +90,7 @@ TEST_F(IdentityTest, AwayMessageAndStatusImageFollowTheStatus)
     zt::model::setValueTransformer(QString::fromLatin1(zt::model::StatusImageTransformerName), {});
 }
 
-TEST_F(IdentityTest, SelfIdentityRefusesANickname)
+TEST_F(ModelTest, SelfIdentityRefusesANickname)
 {
     zttest::LogCapture log;
     auto self = make<AgentSelfIdentity>();
@@ -105,7 +100,7 @@ TEST_F(IdentityTest, SelfIdentityRefusesANickname)
               QStringList({u"SelfIdentity can't set nickname"_s, u"SelfIdentity can't get nickname"_s}));
 }
 
-TEST_F(IdentityTest, CandidatesEqualityAndDescription)
+TEST_F(ModelTest, CandidatesEqualityAndDescription)
 {
     auto a = make<AgentSelfIdentity>();
     auto b = make<AgentSelfIdentity>();
@@ -128,7 +123,7 @@ TEST_F(IdentityTest, CandidatesEqualityAndDescription)
     EXPECT_EQ(abstract->newCandidate(), QVariant(QVariantMap()));
 }
 
-TEST_F(IdentityTest, ArchiveForms)
+TEST_F(ModelTest, ArchiveForms)
 {
     auto id = make<AgentIdentity>();
     id->setNickname(u"nick"_s);
@@ -164,5 +159,3 @@ TEST_F(IdentityTest, ArchiveForms)
     ASSERT_TRUE(png);
     EXPECT_EQ(QImage::fromData(png->toByteArray(), "PNG").size(), QSize(128, 128));
 }
-
-} // namespace

@@ -5,11 +5,9 @@
 
 #include "controller_classes.h"
 #include "core/ztapplication.h"
-#include "core/ztdirectory.h"
 #include "model_diff.h"
 #include "runtime/keyedarchive.h"
 #include "runtime/plist.h"
-#include "runtime/process.h"
 
 #include <gtest/gtest.h>
 

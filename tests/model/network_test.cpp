@@ -3,7 +3,6 @@
 // the directory's saving and logging, removal of unknown objects, teardown.
 
 #include "model_fixture.h"
-#include "network_classes.h"
 #include "support/log_capture.h"
 
 namespace {

@@ -4,9 +4,7 @@
 #include "model_fixture.h"
 #include "runtime/exception.h"
 
-using ChatTest = ModelTest;
-
-TEST_F(ChatTest, PersonWithNameAgreesWithAScanAfterEveryChange)
+TEST_F(ModelTest, PersonWithNameAgreesWithAScanAfterEveryChange)
 {
     using People = QList<zt::Ref<ZTAbstractPerson>>;
     struct Row

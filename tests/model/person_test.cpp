@@ -1,7 +1,6 @@
 // People and pseudo-people: induction from the connection, status texts,
 // pattern rules, the pseudo-person's forms and query parties.
 #include "model_fixture.h"
-#include "network_classes.h"
 #include "runtime/kvc.h"
 
 namespace {

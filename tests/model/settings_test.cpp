@@ -2,7 +2,6 @@
 // nil Blowfish key in the dictionary, the user default "autoAutoJoin".
 
 #include "model_fixture.h"
-#include "settings_classes.h"
 
 #include <QCoreApplication>
 #include <QSettings>
