@@ -104,9 +104,7 @@ TEST(VDConnectionGate, WritesHoldsOrDropsEachCall)
 TEST(VDConnectionHandlers, AnObjectResultComesBackToTheHandlerOnce)
 {
     const QVariantMap dictionary{{u"nick"_s, u"zin"_s}, {u"modes"_s, QVariantList{1, true, u"o"_s}}};
-    zt::IndexSet set;
-    set.add(3);
-    set.add(5);
+    const zt::IndexSet set{3, 5};
     const struct
     {
         const char *name;

@@ -75,10 +75,7 @@ zt::Invocation call(const zt::Selector &selector, const QVariantList &arguments)
 
 QVariant indexes(std::initializer_list<quint64> list)
 {
-    zt::IndexSet set;
-    for (quint64 i : list)
-        set.add(i);
-    return QVariant::fromValue(set);
+    return QVariant::fromValue(zt::IndexSet(list));
 }
 
 // A call whose whole message is pinned in tests/data/vdmessage_calls.txt.
