@@ -4,10 +4,11 @@
 // both sides. Other peers (one that registers, one that sends a length over
 // the limit) leave the client working.
 
+#include "transport/vd_support.h" // first: its printers must precede GoogleTest
+
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTcpSocket>
-#include <QtEndian>
 #include <gtest/gtest.h>
 
 namespace {
@@ -47,13 +48,6 @@ void expectTranscript(const QString &output)
     EXPECT_EQ(client.join(u'\n').toStdString(), mirrored.toStdString());
 }
 
-QByteArray word(quint64 v)
-{
-    QByteArray out(8, Qt::Uninitialized);
-    qToBigEndian(v, out.data());
-    return out;
-}
-
 } // namespace
 
 TEST(EndToEnd, ClientMirrorsTheAgentAndCallsBack)
@@ -91,10 +85,8 @@ TEST(EndToEnd, OtherPeersLeaveTheFirstClientWorking)
     second.connectToHost(QStringLiteral("127.0.0.1"), quint16(port.toUInt()));
     third.connectToHost(QStringLiteral("127.0.0.1"), quint16(port.toUInt()));
     ASSERT_TRUE(second.waitForConnected(10000) && third.waitForConnected(10000));
-    const QByteArray registerClient = "registerClient";
-    second.write(word(24 + registerClient.size()) + word(registerClient.size()) + registerClient + word(0) +
-                 word(0));
-    third.write(word(quint64(1) << 40));
+    second.write(vdtest::frame(vdtest::body("registerClient", {}, {})));
+    third.write(vdtest::word(quint64(1) << 40));
     ASSERT_TRUE(second.waitForReadyRead(10000)); // the handshake: the second peer is served
     // Only the third is closed.
     EXPECT_TRUE(third.state() != QAbstractSocket::ConnectedState || third.waitForDisconnected(10000));
