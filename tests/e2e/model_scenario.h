@@ -40,8 +40,7 @@ struct ScenarioStep
     std::function<bool(ScenarioContext &)> until = {}; // waited for before the snapshot
 };
 
-//! Sets the keys of `keysAndValues` (key, value, key, value, ...) in turn
-//! through key-value coding.
+//! Sets key, value, key, value, ... in turn through key-value coding.
 inline void setKeys(zt::Object *object, const QVariantList &keysAndValues)
 {
     for (qsizetype i = 0; i + 1 < keysAndValues.size(); i += 2)

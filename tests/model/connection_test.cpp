@@ -37,8 +37,7 @@ TEST_F(ModelTest, LookUps)
     auto connection = make<AgentConnection>();
     auto console = channel(u"Freenode"_s, connection.get());
     console->setIsConsole(true);
-    auto hash = channel(u"#Zt"_s, connection.get());
-    auto query = channel(u"ann"_s, connection.get());
+    auto hash = channel(u"#Zt"_s, connection.get()), query = channel(u"ann"_s, connection.get());
     query->setIsQuery(true);
     connection->addChannels({console, hash, query});
     EXPECT_EQ(connection->channelWithName(u"#ZT"_s).get(), hash.get());
@@ -111,8 +110,7 @@ TEST_F(ModelTest, ChannelsThatLeaveAreInvalidated)
 TEST_F(ModelTest, TeardownSparesWhatOthersList)
 {
     auto shared = ZTAbstractNetwork::networkWithName<AgentNetwork>(u"N"_s);
-    auto listed = zt::make<AgentServer>();
-    listed->init();
+    auto listed = make<AgentServer>();
     listed->setNetwork(shared);
     shared->addServer(listed);
     auto identities = make<AgentIdentityController>();
@@ -120,8 +118,7 @@ TEST_F(ModelTest, TeardownSparesWhatOthersList)
     auto sharing = make<AgentConnection>(), owning = make<AgentConnection>();
     sharing->setServer(listed);
     sharing->setCurrentIdentity(identities->identities()[0]);
-    auto own = zt::make<AgentServer>();
-    own->init();
+    auto own = make<AgentServer>();
     owning->setServer(own);
     owning->setNextIdentity(make<AgentSelfIdentity>());
     const zt::Ref<ZTAbstractIdentity> ownIdentity = owning->nextIdentity();

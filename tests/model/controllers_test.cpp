@@ -28,11 +28,9 @@ TEST_F(ModelTest, AllChannelsListsChannelsThenConsoles)
 {
     auto controller = make<AgentConnectionController>();
     auto first = make<AgentConnection>(), second = make<AgentConnection>();
-    auto a = channel(u"#a"_s, first.get());
-    auto b = channel(u"#B"_s, first.get());
+    auto a = channel(u"#a"_s, first.get()), b = channel(u"#B"_s, first.get());
     auto c = channel(u"#b"_s, second.get());
-    auto console1 = channel(u"one"_s, first.get());
-    auto console2 = channel(u"two"_s, second.get());
+    auto console1 = channel(u"one"_s, first.get()), console2 = channel(u"two"_s, second.get());
     first->addChannels({a, b});
     second->addChannel(c);
     first->setConsole(console1);

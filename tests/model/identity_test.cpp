@@ -102,8 +102,7 @@ TEST_F(ModelTest, SelfIdentityRefusesANickname)
 
 TEST_F(ModelTest, CandidatesEqualityAndDescription)
 {
-    auto a = make<AgentSelfIdentity>();
-    auto b = make<AgentSelfIdentity>();
+    auto a = make<AgentSelfIdentity>(), b = make<AgentSelfIdentity>();
     for (auto *self : {a.get(), b.get()}) {
         self->setUsername(u"u"_s);
         self->setRealname(u"Real"_s);

@@ -19,26 +19,22 @@ inline QString qs(const char *text)
     return QString::fromUtf8(text);
 }
 
-namespace modeltest {
-
-//! Stands for the link to the other process: records the forwarded calls.
-class RecordingDelegate : public ZTApplicationDelegate
-{
-public:
-    zt::Object *counterpart() const override { return nullptr; }
-    void sendForwardedInvocation(zt::Invocation &, const ZTAbstractIPC *,
-                                 const zt::Selector &selector) override
-    {
-        forwarded.append(selector);
-    }
-    QList<QByteArray> forwarded;
-};
-
-} // namespace modeltest
-
 class ModelTest : public testing::Test
 {
 protected:
+    //! Stands for the link to the other process: records the forwarded calls.
+    class RecordingDelegate : public ZTApplicationDelegate
+    {
+    public:
+        zt::Object *counterpart() const override { return nullptr; }
+        void sendForwardedInvocation(zt::Invocation &, const ZTAbstractIPC *,
+                                     const zt::Selector &selector) override
+        {
+            forwarded.append(selector);
+        }
+        QList<QByteArray> forwarded;
+    };
+
     void SetUp() override
     {
         playRole(true);
@@ -125,6 +121,6 @@ protected:
         EXPECT_TRUE(differences.isEmpty()) << qPrintable(differences.join(u'\n'));
     }
 
-    modeltest::RecordingDelegate delegate;
+    RecordingDelegate delegate;
     QList<zt::Ref<ZTAbstractIPC>> made;
 };

@@ -36,10 +36,7 @@ protected:
         connection->setNickname(u"Me"_s);
         connection->setCurrentIdentity(make<AgentSelfIdentity>());
         connection->currentIdentity()->setStatus(6);
-        for (const QString &name : {u"#a"_s, u"#b"_s}) {
-            auto c = channel(name, connection.get());
-            connection->mutableChannels().addObject(zt::objectValue(c.get()));
-        }
+        connection->addChannels({channel(u"#a"_s, connection.get()), channel(u"#b"_s, connection.get())});
     }
     template<typename P = AgentPerson> zt::Ref<P> join(const QString &nick, int channel = 0)
     {
