@@ -47,14 +47,13 @@ TEST_F(ModelTest, DictionaryFormsCountersAndEncoding)
 
 TEST_F(ModelTest, OutgoingCommands)
 {
-    struct Row
+    const struct
     {
         const char *name;
         void (ZTAbstractChannel::*ask)();
         bool typed; // through processOutgoingLine, else written raw
         QString line;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"askTopic", &ZTAbstractChannel::askTopic, true, u"TOPIC #Zt"_s},
         {"quietlyAskTopic", &ZTAbstractChannel::quietlyAskTopic, true, u"TOPIC #Zt"_s},
         {"askMode", &ZTAbstractChannel::askMode, false, u"MODE #Zt"_s},
@@ -62,7 +61,7 @@ TEST_F(ModelTest, OutgoingCommands)
         {"askExceptions", &ZTAbstractChannel::askExceptions, false, u"MODE #Zt +e"_s},
         {"askWho", &ZTAbstractChannel::askWho, false, u"WHO #Zt"_s},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         auto connection = make<AgentConnection>();
         auto channel = this->channel(u"#Zt"_s, connection.get());
@@ -77,13 +76,12 @@ TEST_F(ModelTest, OutgoingCommands)
 TEST_F(ModelTest, PeopleThatLeaveAreInvalidated)
 {
     using People = QList<zt::Ref<ZTAbstractPerson>>;
-    struct Row
+    const struct
     {
         const char *name;
         std::function<void(ZTAbstractChannel &, const People &)> change;
         QList<bool> stillRegistered;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"replace the list keeping two",
          [](auto &c, const auto &p) {
              c.setUsers({p[2], p[0]});
@@ -105,7 +103,7 @@ TEST_F(ModelTest, PeopleThatLeaveAreInvalidated)
         {"resetUsers", [](auto &c, const auto &) { c.resetUsers(); }, {false, false, false}},
         {"clearActivity", [](auto &c, const auto &) { c.clearActivity(); }, {false, false, false}},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         auto channel = make<AgentChannel>();
         const People people{person(u"a"_s), person(u"b"_s), person(u"c"_s)};
@@ -119,19 +117,18 @@ TEST_F(ModelTest, PeopleThatLeaveAreInvalidated)
 
 TEST_F(ModelTest, ResetLineCountEndsTheExchange)
 {
-    struct Row
+    const struct
     {
         const char *name;
         bool agent;
         quint64 lines, highlights;
         int sends;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"agent, both zero", true, 0, 0, 0},
         {"agent, highlights", true, 0, 2, 1},
         {"client, both set", false, 7, 1, 1},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         playRole(row.agent);
         delegate.forwarded.clear();

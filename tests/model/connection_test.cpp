@@ -69,13 +69,12 @@ TEST_F(ModelTest, LookUps)
 TEST_F(ModelTest, ChannelsThatLeaveAreInvalidated)
 {
     using Channels = QList<zt::Ref<ZTAbstractChannel>>;
-    struct Row
+    const struct
     {
         const char *name;
         std::function<void(ZTAbstractConnection &, const Channels &)> change;
         const char *registered; // '+' for each channel still registered
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"at locations",
          [](auto &c, auto &) {
              c.removeChannelsAtLocations(zt::IndexSet{0, 2});
@@ -89,7 +88,7 @@ TEST_F(ModelTest, ChannelsThatLeaveAreInvalidated)
         {"setChannels keeping one", [](auto &c, auto &ch) { c.setChannels({ch[2]}); }, "--+"},
         {"removeAllChannels", [](auto &c, auto &) { c.removeAllChannels(); }, "---"},
     };
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         auto connection = make<AgentConnection>();
         const Channels channels{channel(u"#a"_s, connection.get()), channel(u"#b"_s, connection.get()),

@@ -7,12 +7,11 @@
 TEST_F(ModelTest, PersonWithNameAgreesWithAScanAfterEveryChange)
 {
     using People = QList<zt::Ref<ZTAbstractPerson>>;
-    struct Row
+    const struct
     {
         const char *name;
         std::function<void(AgentChannel &, const People &)> change;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"appended", [](auto &, const auto &) {}},
         {"inserted before a namesake",
          [this](auto &c, const auto &) {
@@ -33,7 +32,7 @@ TEST_F(ModelTest, PersonWithNameAgreesWithAScanAfterEveryChange)
          }},
     };
     const QStringList names{u"a"_s, u"b"_s, u"c"_s, u"zed"_s, u"yves"_s, u"x"_s, u"nobody"_s};
-    for (const Row &row : rows) {
+    for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         auto channel = make<AgentChannel>();
         const People people{person(u"a"_s), person(u"b"_s), person(u"c"_s), person(u"b"_s)};

@@ -11,8 +11,6 @@ class CountedPerson : public AgentPerson
     ZT_OBJECT(CountedPerson, AgentPerson)
 public:
     static inline int deallocs = 0;
-
-protected:
     void dealloc() override
     {
         ++deallocs;
