@@ -69,24 +69,22 @@ QList<zt::Ref<ZTAbstractIPC>> mirrorsOf(const QVariantList &entries)
 // keys they hold (a nil value as "<nil>"): what is compared.
 QVariantMap comparedForm(const ZTAbstractIPC *object)
 {
-    QStringList keys;
-    if (dynamic_cast<const ZTAbstractConnection *>(object))
-        keys = u"nickname modes status unreadLines unreadHighlights attributes serverDictionary "
-               u"currentIdentityDictionary nextIdentityDictionary advancedSettingsDictionary proxyDictionary "
-               u"consoleDictionary channelDictionaries transferDictionaries"_s.split(u' ');
-    else if (dynamic_cast<const ZTAbstractChannel *>(object))
-        keys = {u"starOccurences"_s};
-    else if (dynamic_cast<const ZTAbstractConnectionController *>(object))
-        keys = {u"connectionDictionaries"_s};
-    else if (dynamic_cast<const ZTAbstractIdentityController *>(object))
-        keys = {u"identityDictionaries"_s};
-    else if (dynamic_cast<const ZTAbstractNetworkDirectory *>(object))
-        keys = {u"networkDictionaries"_s};
+    static const QList<std::pair<const zt::ClassInfo *, QString>> held = {
+        {&ZTAbstractConnection::staticClassInfo(),
+         u"nickname modes status unreadLines unreadHighlights attributes serverDictionary "
+         u"currentIdentityDictionary nextIdentityDictionary advancedSettingsDictionary proxyDictionary "
+         u"consoleDictionary channelDictionaries transferDictionaries"_s},
+        {&ZTAbstractChannel::staticClassInfo(), u"starOccurences"_s},
+        {&ZTAbstractConnectionController::staticClassInfo(), u"connectionDictionaries"_s},
+        {&ZTAbstractIdentityController::staticClassInfo(), u"identityDictionaries"_s},
+        {&ZTAbstractNetworkDirectory::staticClassInfo(), u"networkDictionaries"_s},
+    };
     QVariantMap form = object->dictionary();
-    for (const QString &key : keys) {
-        const QVariant value = const_cast<ZTAbstractIPC *>(object)->valueForKey(key);
-        form.insert(key, value.isValid() ? value : QVariant(u"<nil>"_s));
-    }
+    for (const auto &[cls, keys] : held)
+        for (const QString &key : object->isKindOfClass(*cls) ? keys.split(u' ') : QStringList()) {
+            const QVariant value = const_cast<ZTAbstractIPC *>(object)->valueForKey(key);
+            form.insert(key, value.isValid() ? value : QVariant(u"<nil>"_s));
+        }
     return form;
 }
 
