@@ -2,15 +2,6 @@
 // their departure, line counts, stars, line look-ups and the archive.
 #include "model_fixture.h"
 
-namespace {
-
-QVariantMap line(const QString &id, const QString &text)
-{
-    return {{u"msgID"_s, id}, {u"text"_s, text}};
-}
-
-} // namespace
-
 TEST_F(ModelTest, DictionaryFormsCountersAndEncoding)
 {
     auto connection = make<AgentConnection>();
@@ -144,6 +135,9 @@ TEST_F(ModelTest, ResetLineCountEndsTheExchange)
 
 TEST_F(ModelTest, LinesAndStars)
 {
+    const auto line = [](const QString &id, const QString &text) {
+        return QVariantMap{{u"msgID"_s, id}, {u"text"_s, text}};
+    };
     auto channel = make<AgentChannel>();
     channel->setHistory({line(u"u1"_s, u"old"_s), line(u"u2"_s, u"h"_s)});
     channel->setContent({line(u"u1"_s, u"new"_s)});

@@ -13,12 +13,6 @@
 
 using namespace Qt::StringLiterals;
 
-//! A table's UTF-8 text as a string.
-inline QString qs(const char *text)
-{
-    return QString::fromUtf8(text);
-}
-
 class ModelTest : public testing::Test
 {
 protected:
@@ -49,6 +43,8 @@ protected:
         zt::process::setApplicationIdentifier(QString());
         ZTIPCProxy::resetCachedProcessRole();
     }
+    //! A table's UTF-8 text as a string.
+    static QString qs(const char *text) { return QString::fromUtf8(text); }
     static void playRole(bool agent)
     {
         zt::process::setApplicationIdentifier(agent ? u"com.zintaro.Zintaro2Agent"_s
