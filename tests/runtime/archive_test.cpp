@@ -84,7 +84,7 @@ TEST(KeyedArchive, ObjectsThatDoNotArchiveThemselvesAreRefused)
     auto rec = make<Recorder>();
     QString reason;
     EXPECT_EQ(raisedName([&] { KeyedArchiver::archivedDataWithRootObject(objectValue(rec.get())); }, &reason),
-              QStringLiteral("NSInvalidArgumentException"));
+              u"NSInvalidArgumentException");
     EXPECT_EQ(reason, QStringLiteral("-[NSKeyedArchiver encodeObject:forKey:]: object of class Recorder does "
                                      "not support keyed archiving"));
 }

@@ -25,11 +25,9 @@ QVariantMap sampleMap()
     };
 }
 
-QVariant decoded(const QVariant &value)
-{
-    const auto read = plist::readBinary(plist::writeBinary(value));
-    return read ? *read : QVariant();
-}
+const auto decoded = [](const QVariant &value) {
+    return plist::readBinary(plist::writeBinary(value)).value_or(QVariant());
+};
 
 // A decoded dictionary stands in for the map; one made from the map looks up
 // and compares as the map does.
@@ -65,17 +63,13 @@ TEST(Dictionary, StandsInForTheMap)
     for (const Dictionary::Entry &e : d)
         keys.append(e.key);
     EXPECT_EQ(keys, map.keys()); // QString order, as the map iterates
-    struct Row
-    {
-        const char16_t *key;
-        bool present;
-    };
-    for (const Row &row :
-         {Row{u"a", true}, Row{u"b", true}, Row{u"nested", true}, Row{u"\u00e9t\u00e9", true},
-          Row{u"", false}, Row{u"A", false}, Row{u"ab", false}, Row{u"zzz", false}}) {
-        SCOPED_TRACE(QString::fromUtf16(row.key).toStdString());
-        EXPECT_EQ(d.contains(QStringView(row.key)), row.present);
-        EXPECT_EQ(d.value(QStringView(row.key)).isValid(), row.present);
+    const std::pair<const char16_t *, bool> rows[] = {
+        {u"a", true}, {u"b", true},  {u"nested", true}, {u"\u00e9t\u00e9", true},
+        {u"", false}, {u"A", false}, {u"ab", false},    {u"zzz", false}};
+    for (const auto &[key, present] : rows) {
+        SCOPED_TRACE(QString::fromUtf16(key).toStdString());
+        EXPECT_EQ(d.contains(QStringView(key)), present);
+        EXPECT_EQ(d.value(QStringView(key)).isValid(), present);
     }
     EXPECT_TRUE(Dictionary().isEmpty());
     EXPECT_FALSE(Dictionary().contains(u"a"));

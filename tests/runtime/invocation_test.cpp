@@ -15,9 +15,8 @@ class Forwarder : public Object
 public:
     MethodSignature methodSignatureForSelector(const Selector &sel) const override
     {
-        if (sel == "remote:value:")
-            return MethodSignature::fromTypes("@@:@q");
-        return Object::methodSignatureForSelector(sel);
+        return sel == "remote:value:" ? MethodSignature::fromTypes("@@:@q")
+                                      : Object::methodSignatureForSelector(sel);
     }
     void forwardInvocation(Invocation &inv) override
     {
@@ -120,8 +119,7 @@ TEST(Invocation, UnknownSelectorsGoToTheForwardingHook)
     EXPECT_FALSE(f->respondsToSelector("remote:value:")); // forwarded, not defined
 
     QString reason;
-    EXPECT_EQ(raisedName([&] { f->perform("nothing:", {1}); }, &reason),
-              QStringLiteral("NSInvalidArgumentException"));
+    EXPECT_EQ(raisedName([&] { f->perform("nothing:", {1}); }, &reason), u"NSInvalidArgumentException");
     EXPECT_TRUE(reason.startsWith(
         QStringLiteral("-[Forwarder nothing:]: unrecognized selector sent to instance 0x")));
     EXPECT_THROW(f->perform("remote:value:", {1}), Exception); // wrong argument count

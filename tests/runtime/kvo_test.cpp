@@ -115,8 +115,7 @@ TEST(KeyValueObserving, RegistrationRules)
     EXPECT_EQ(rec->notes.size(), 3);
     EXPECT_FALSE(s->hasObservers());
     QString reason;
-    EXPECT_EQ(raisedName([&] { s->removeObserver(rec.get(), count); }, &reason),
-              QStringLiteral("NSRangeException"));
+    EXPECT_EQ(raisedName([&] { s->removeObserver(rec.get(), count); }, &reason), u"NSRangeException");
     EXPECT_TRUE(reason.contains(QStringLiteral("because it is not registered as an observer.")));
 
     s->addObserver(rec.get(), count);
@@ -132,8 +131,7 @@ TEST(KeyValueObserving, RegistrationRules)
 
     auto plain = make<Sample>(); // does not handle notifications
     s->addObserver(plain.get(), count);
-    EXPECT_EQ(raisedName([&] { s->setCount(6); }, &reason),
-              QStringLiteral("NSInternalInconsistencyException"));
+    EXPECT_EQ(raisedName([&] { s->setCount(6); }, &reason), u"NSInternalInconsistencyException");
     EXPECT_TRUE(reason.contains(QStringLiteral(": An -observeValueForKeyPath:ofObject:change:context: "
                                                "message was received but not handled.\nKey path: count")));
     s->removeObserver(plain.get(), count);

@@ -12,21 +12,13 @@ using namespace zt;
 
 namespace {
 
-MethodEntry entry(const char *selector)
-{
+const auto entry = [](const char *selector) {
     return MethodEntry{Selector(selector), MethodSignature::of<void>(),
                        [](Object *, const QVariant *) { return QVariant(); }};
-}
+};
 
-void registerPing(ClassInfo &c)
-{
-    c.addMethod(entry("ping"));
-}
-
-void registerPong(ClassInfo &c)
-{
-    c.addMethod(entry("pong"));
-}
+constexpr auto registerPing = +[](ClassInfo &c) { c.addMethod(entry("ping")); };
+constexpr auto registerPong = +[](ClassInfo &c) { c.addMethod(entry("pong")); };
 
 // "k0" … "k63", each a getter: enough keys to make the accessor table grow.
 constexpr int KeyCount = 64;

@@ -122,10 +122,9 @@ TEST(PlistWriter, ValidityCheckAndWriterAgree)
         EXPECT_EQ(plist::isPropertyList(row.value), !row.fault);
         Error error;
         EXPECT_EQ(plist::writeBinary(row.value, &error).isEmpty(), bool(row.fault));
-        if (!row.fault) {
-            EXPECT_TRUE(error.isNull());
+        EXPECT_EQ(error.isNull(), !row.fault);
+        if (!row.fault)
             continue;
-        }
         EXPECT_EQ(error.domain, QStringLiteral("NSCocoaErrorDomain"));
         EXPECT_EQ(error.code, plist::WriteInvalidErrorCode);
         EXPECT_TRUE(error.localizedDescription().contains(QLatin1StringView(row.fault)))
@@ -133,10 +132,9 @@ TEST(PlistWriter, ValidityCheckAndWriterAgree)
     }
 }
 
-QByteArray dateObject(double seconds)
-{
-    return "\x33" + Assembly::bigEndian(plist::format::doubleToBits(seconds), 8);
-}
+const auto dateObject = [](double s) {
+    return "\x33" + Assembly::bigEndian(plist::format::doubleToBits(s), 8);
+};
 
 TEST(PlistReader, ReadsWellFormedFilesWeWouldNotWrite)
 {

@@ -13,11 +13,10 @@ namespace {
 const QByteArray kOneInt = hexBytes("1001");
 
 // A file holding one integer, with the trailer fields set in `a` changed.
-QByteArray withInt(Assembly a)
-{
+const auto withInt = [](Assembly a) {
     a.objects = {kOneInt};
     return a.bytes();
-}
+};
 
 // `levels` arrays around an integer, each holding the next `refs` times,
 // with references and offsets `width` bytes wide.
@@ -180,7 +179,7 @@ TEST(PlistCorruption, EveryBitFlipIsHandledAndTheScalarShortcutAgrees)
           QVariant(std::numeric_limits<int>::max()), QVariant(std::numeric_limits<qlonglong>::min()),
           QVariant(qlonglong(-1)), QVariant(2.5)})
         files.append(plist::writeBinary(scalar));
-    for (const QByteArray &file : files) {
+    for (const QByteArray &file : files)
         for (qsizetype i = -1; i < file.size(); ++i) {
             for (int bit = 0; bit < (i < 0 ? 1 : 8); ++bit) { // i == -1: the file unchanged
                 QByteArray bytes = file;
@@ -202,7 +201,6 @@ TEST(PlistCorruption, EveryBitFlipIsHandledAndTheScalarShortcutAgrees)
                 }
             }
         }
-    }
 }
 
 } // namespace
