@@ -24,12 +24,9 @@ AsyncReadPacket packetWith(const QByteArray &term, const QByteArray &done, qsize
     return p;
 }
 
-enum class Rule
-{
-    Term,      // readLengthForTerm
-    NonTerm,   // readLengthForNonTerm
-    Prebuffer, // prebufferReadLengthForTerm
-};
+using Rule = qsizetype (AsyncReadPacket::*)() const;
+constexpr Rule Term = &AsyncReadPacket::readLengthForTerm, NonTerm = &AsyncReadPacket::readLengthForNonTerm,
+               Prebuffer = &AsyncReadPacket::prebufferReadLengthForTerm;
 
 // A terminator read never asks past the terminator; the others ask for the
 // rest or a chunk; each is capped by the maximum and the caller's free space.
@@ -40,36 +37,31 @@ TEST(AsyncReadPacketLength, AsksForWhatTheRuleAllows)
         const char *name;
         Rule rule;
         QByteArray term;
-        qsizetype readLength, maxLength;
-        qsizetype bufferLength; // -1: the packet's own buffer
-        qsizetype offset;
+        qsizetype readLength, maxLength, bufferLength, offset; // bufferLength -1: the packet's own buffer
         QByteArray done;
         qsizetype expected;
     } rows[] = {
-        {"one-byte terminator", Rule::Term, "\n", 0, 0, -1, 0, "abc", 1},
-        {"periodic terminator", Rule::Term, "ABAB", 0, 0, -1, 0, "xABA", 1},
-        {"capped by the maximum length", Rule::Term, "\r\n", 0, 5, -1, 0, "abcd", 1},
-        {"capped by the caller's free space", Rule::Term, "ABCD", 0, 0, 10, 8, "x", 1},
-        {"a full caller's buffer is no cap", Rule::Term, "ABCD", 0, 0, 10, 8, "xy", 4},
-        {"fixed length asks for the rest", Rule::NonTerm, {}, 1000, 0, -1, 0, "abc", 997},
-        {"fixed length ignores the caller's free space", Rule::NonTerm, {}, 1000, 0, 20, 10, "", 1000},
-        {"available asks for a chunk", Rule::NonTerm, {}, 0, 0, -1, 0, "", 256},
-        {"available capped by the maximum", Rule::NonTerm, {}, 0, 100, -1, 0, QByteArray(30, 'x'), 70},
-        {"available capped by the caller's free space", Rule::NonTerm, {}, 0, 0, 20, 10, "abc", 7},
-        {"a full caller's buffer: a chunk", Rule::NonTerm, {}, 0, 0, 20, 10, QByteArray(10, 'x'), 256},
-        {"a grown caller's buffer: a chunk", Rule::NonTerm, {}, 0, 0, 20, 10, QByteArray(15, 'x'), 256},
-        {"pre-buffering asks for a chunk", Rule::Prebuffer, "\r\n", 0, 0, -1, 0, "abc", 256},
-        {"pre-buffering capped by the maximum", Rule::Prebuffer, "\r\n", 0, 10, -1, 0, "abc", 7},
-        {"pre-buffering capped by the caller's free space", Rule::Prebuffer, "\r\n", 0, 0, 50, 40, "abc", 7},
+        {"one-byte terminator", Term, "\n", 0, 0, -1, 0, "abc", 1},
+        {"periodic terminator", Term, "ABAB", 0, 0, -1, 0, "xABA", 1},
+        {"capped by the maximum length", Term, "\r\n", 0, 5, -1, 0, "abcd", 1},
+        {"capped by the caller's free space", Term, "ABCD", 0, 0, 10, 8, "x", 1},
+        {"a full caller's buffer is no cap", Term, "ABCD", 0, 0, 10, 8, "xy", 4},
+        {"fixed length asks for the rest", NonTerm, {}, 1000, 0, -1, 0, "abc", 997},
+        {"fixed length ignores the caller's free space", NonTerm, {}, 1000, 0, 20, 10, "", 1000},
+        {"available asks for a chunk", NonTerm, {}, 0, 0, -1, 0, "", 256},
+        {"available capped by the maximum", NonTerm, {}, 0, 100, -1, 0, QByteArray(30, 'x'), 70},
+        {"available capped by the caller's free space", NonTerm, {}, 0, 0, 20, 10, "abc", 7},
+        {"a full caller's buffer: a chunk", NonTerm, {}, 0, 0, 20, 10, QByteArray(10, 'x'), 256},
+        {"a grown caller's buffer: a chunk", NonTerm, {}, 0, 0, 20, 10, QByteArray(15, 'x'), 256},
+        {"pre-buffering asks for a chunk", Prebuffer, "\r\n", 0, 0, -1, 0, "abc", 256},
+        {"pre-buffering capped by the maximum", Prebuffer, "\r\n", 0, 10, -1, 0, "abc", 7},
+        {"pre-buffering capped by the caller's free space", Prebuffer, "\r\n", 0, 0, 50, 40, "abc", 7},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         AsyncReadPacket p =
             packetWith(row.term, row.done, row.maxLength, row.bufferLength, row.offset, row.readLength);
-        EXPECT_EQ(row.rule == Rule::Term      ? p.readLengthForTerm()
-                  : row.rule == Rule::NonTerm ? p.readLengthForNonTerm()
-                                              : p.prebufferReadLengthForTerm(),
-                  row.expected);
+        EXPECT_EQ((p.*row.rule)(), row.expected);
     }
 }
 
@@ -97,9 +89,8 @@ TEST(AsyncReadPacketSpare, IsReusedOnlyWhenUnshared)
         const QByteArray bytes = QByteArray(row.readLength, 'r');
         std::memcpy(p.prepareWrite(row.readLength), bytes.constData(), size_t(row.readLength));
         p.commit(row.readLength);
-        if (row.reused >= 0) {
+        if (row.reused >= 0)
             EXPECT_EQ(p.buffer().constData() == allocation, row.reused == 1);
-        }
         EXPECT_EQ(copy, row.shared ? QByteArray(row.spareLength, 'x') : QByteArray());
         EXPECT_EQ(p.takeData(), bytes);
     }
@@ -129,9 +120,8 @@ TEST(AsyncReadPacket, FixedLengthBufferGrowsWithTheBytesNotTheClaim)
             ASSERT_LE(p.buffer().size(), claimed);
         }
         EXPECT_EQ(p.doneData(), sent);
-        if (p.bytesDone() == claimed) {
+        if (p.bytesDone() == claimed)
             EXPECT_EQ(p.takeData(), sent);
-        }
     }
 }
 

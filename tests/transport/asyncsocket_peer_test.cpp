@@ -31,25 +31,20 @@ QByteArray expectedStream(qsizetype length)
     return out;
 }
 
-enum class ReadKind
-{
-    Available,
-    FixedLength,
-    Terminator
-};
+constexpr int Available = 0, FixedLength = 1, Terminator = 2; // how the socket is asked to read
 
 const struct
 {
     const char *name;
-    ReadKind kind;
+    int kind;
     bool preBuffer, alsoWrite;
 } killRows[] = {
-    {"ReadAvailable", ReadKind::Available, false, false},
-    {"ReadFixedLengths", ReadKind::FixedLength, false, false},
-    {"ReadLines", ReadKind::Terminator, false, false},
-    {"ReadLinesPreBuffered", ReadKind::Terminator, true, false},
-    {"ReadAvailableWhileWriting", ReadKind::Available, false, true},
-    {"ReadLinesWhileWriting", ReadKind::Terminator, false, true},
+    {"ReadAvailable", Available, false, false},
+    {"ReadFixedLengths", FixedLength, false, false},
+    {"ReadLines", Terminator, false, false},
+    {"ReadLinesPreBuffered", Terminator, true, false},
+    {"ReadAvailableWhileWriting", Available, false, true},
+    {"ReadLinesWhileWriting", Terminator, false, true},
 };
 
 TEST(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
@@ -68,9 +63,9 @@ TEST(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
             QByteArray received;
             bool killed = false;
             auto queueRead = [&](AsyncSocket *s) {
-                if (row.kind == ReadKind::Available)
+                if (row.kind == Available)
                     s->readDataWithTimeoutTag(-1, 1);
-                else if (row.kind == ReadKind::FixedLength)
+                else if (row.kind == FixedLength)
                     s->readDataToLengthWithTimeoutTag(1 + rng.bounded(20000), -1, 1);
                 else
                     s->readDataToDataWithTimeoutTag("\n", -1, 1);

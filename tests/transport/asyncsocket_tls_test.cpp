@@ -49,11 +49,8 @@ QVariantMap serverSettings()
 
 struct TlsRow
 {
-    const char *name;
-    const char *peerName; // null: not given
-    bool trustsTheCertificate;
-    bool validatesTheChain;
-    bool succeeds;
+    const char *name, *peerName; // peerName null: not given
+    bool trustsTheCertificate, validatesTheChain, succeeds;
 };
 
 // The client says "STARTTLS\r\n" and starts its handshake at once; the server

@@ -48,8 +48,7 @@ struct GateRow
     const char *steps;    // start, stop, open, close, registerClient, or a note's text
     const char *received; // the notes and handshakes the peer ran, before the closing handshake
     qsizetype queued;     // left in the queue at the end
-    bool allowWriting;
-    bool queuing;
+    bool allowWriting, queuing;
 };
 
 // The steps run on a fresh connection; then the handshake call

@@ -73,10 +73,9 @@ zt::Invocation call(const zt::Selector &selector, const QVariantList &arguments)
     return invocation;
 }
 
-QVariant indexes(std::initializer_list<quint64> list)
-{
+const auto indexes = [](std::initializer_list<quint64> list) {
     return QVariant::fromValue(zt::IndexSet(list));
-}
+};
 
 // A call whose whole message is pinned in tests/data/vdmessage_calls.txt.
 struct ExactRow
@@ -84,15 +83,13 @@ struct ExactRow
     const char *name;
     zt::Selector selector;
     QString handler; // null: no result awaited
-    QVariantList arguments;
-    QVariantList decoded;
+    QVariantList arguments, decoded;
 };
 
 // A call with one argument and no handler.
-ExactRow one(const char *name, const char *selector, const QVariant &argument, const QVariant &decoded)
-{
-    return {name, selector, {}, {argument}, {decoded}};
-}
+const auto one = [](const char *name, const char *sel, const QVariant &arg, const QVariant &decoded) {
+    return ExactRow{name, sel, {}, {arg}, {decoded}};
+};
 
 const std::vector<ExactRow> &exactRows()
 {
@@ -252,9 +249,8 @@ TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(vd::isIndexSetData(row.payload), !row.indexes.isEmpty());
-        if (!row.indexes.isEmpty()) {
+        if (!row.indexes.isEmpty())
             EXPECT_EQ(render(QVariant::fromValue(vd::indexSetFromData(row.payload))), row.indexes);
-        }
     }
 }
 
@@ -266,18 +262,14 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
 {
     const QString range =
         u"NSRangeException: *** -[NSData getBytes:range:]: range {%1, %2} exceeds data length %3"_s;
-    const auto ranged = [&](quint64 at, quint64 size, quint64 length) {
-        return range.arg(at).arg(size).arg(length);
-    };
+    const auto ranged = [&](quint64 at, quint64 n, quint64 len) { return range.arg(at).arg(n).arg(len); };
     const QString count = u"Wrong number of arguments: Got %1 arguments, expected %2"_s;
     const QString format =
         u"Unknown argument format: Argument 0x? with type %1 of selector %2 is not allowed"_s;
     const auto undecodable = [](const QByteArray &payload, const char *selector) {
         return u"Could not deserialize %1 (%2)"_s.arg(zt::describe(payload), QLatin1String(selector));
     };
-    const auto one = [](const zt::Selector &selector, const QByteArray &payload) {
-        return body(selector, {}, {payload});
-    };
+    const auto one = [](const zt::Selector &s, const QByteArray &p) { return body(s, {}, {p}); };
     const QByteArray take = word(5) + "take:";
     const QByteArray cutPlist = scalarPlist("13 ffffffffffffffff").chopped(1);
     const QByteArray magicPlist = QByteArrayLiteral("bplist00") + word(vd::IndexSetMagic);
@@ -285,8 +277,7 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
     {
         const char *name;
         QByteArray body;
-        QString outcome;
-        QString logged = {}; // the one line logged
+        QString outcome, logged = {}; // logged: the one line logged
         bool withTarget = true;
     } rows[] = {
         // conversions per type code
@@ -396,7 +387,8 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
     const QVariant objectInArray = QVariantList{1, object}, indexSetInArray = QVariantList{indexes({1})};
     const QVariant objectInMap = QVariantMap{{u"k"_s, object}},
                    nullInMap = QVariantMap{{u"k"_s, zt::nullValue()}};
-    const char *notPlistMap = "NSDictionary is not a property list: ";
+    const char *notPlistMap = "NSDictionary is not a property list: ",
+               *notPlistArray = "NSArray is not a property list: ";
     const struct
     {
         const char *name;
@@ -416,11 +408,7 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
         {"object in the second argument", "take:and:", {1, object}, u"Unknown object type"_s},
         {"object inside an array", "take:", {objectInArray}, u"Unknown object type"_s},
         {"object as a dictionary value", "take:", {objectInMap}, notPlist, notPlistMap},
-        {"index set inside an array",
-         "take:",
-         {indexSetInArray},
-         notPlist,
-         "NSArray is not a property list: "},
+        {"index set inside an array", "take:", {indexSetInArray}, notPlist, notPlistArray},
         {"null marker inside a dictionary", "take:", {nullInMap}, notPlist, notPlistMap},
         {"date beyond the format's range", "take:", {farDate}, notPlist, "NSDate is not a property list: "},
     };
@@ -437,9 +425,8 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
         EXPECT_EQ(raised, row.raised);
         const QStringList lines = log.lines();
         ASSERT_EQ(lines.size(), row.logged ? 1 : 0) << lines.join(u'\n').toStdString();
-        if (row.logged) {
+        if (row.logged)
             EXPECT_TRUE(lines.front().startsWith(QLatin1String(row.logged))) << lines.front().toStdString();
-        }
     }
 }
 
