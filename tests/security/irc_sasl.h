@@ -31,10 +31,9 @@ public:
             return false;
         m_socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
         send("CAP LS 302\r\nNICK " + nick.toUtf8() + "\r\nUSER " + nick.toUtf8() + " 0 * :zt\r\n");
-        for (QList<QByteArray> m; !(m = readMessage()).isEmpty();) {
+        for (QList<QByteArray> m; !(m = readMessage()).isEmpty();)
             if (m.value(0) == "CAP" && m.value(2) == "LS" && m.value(3) != "*")
                 return true;
-        }
         return false;
     }
 
@@ -43,10 +42,9 @@ public:
     int authenticate(SaslConn &conn, const QString &offered)
     {
         send("CAP REQ :sasl\r\n");
-        for (QList<QByteArray> m; (m = readMessage()).value(0) != "CAP" || m.value(2) != "ACK";) {
+        for (QList<QByteArray> m; (m = readMessage()).value(0) != "CAP" || m.value(2) != "ACK";)
             if (m.isEmpty())
                 return 0;
-        }
         QByteArray out;
         if (conn.startWithMechanismsClientOut(offered, &out) == SaslConn::Failed)
             return 0;
@@ -94,10 +92,9 @@ private:
     // trailing parameter whole); empty on timeout or a closed connection.
     QList<QByteArray> readMessage()
     {
-        while (!m_socket.canReadLine()) {
+        while (!m_socket.canReadLine())
             if (!m_socket.waitForReadyRead(10000))
                 return {};
-        }
         QByteArray line = m_socket.readLine().trimmed();
         if (line.startsWith(':'))
             line = line.mid(line.indexOf(' ') + 1);
