@@ -42,8 +42,7 @@ const FamilyRow familyRows[] = {
     {"LoopbackIPv4", "localhost", "127.0.0.1", true}, {"LoopbackIPv6", "loopback", "::1", false},
     {"AddressIPv4", "127.0.0.1", "127.0.0.1", true},  {"AddressIPv6", "::1", "::1", false},
     {"AllInterfacesIPv4", "", "127.0.0.1", true},     {"AllInterfacesIPv6", "", "::1", false},
-    {"InterfaceName", "lo", "127.0.0.1", true},       {"SocketAddressIPv6", "::1", "::1", false, true},
-};
+    {"InterfaceName", "lo", "127.0.0.1", true},       {"SocketAddressIPv6", "::1", "::1", false, true}};
 
 TEST(AsyncSocketAccept, ConnectsAndReportsBothEnds)
 {
@@ -105,8 +104,7 @@ TEST(AsyncSocketConnect, ImmediateFailuresFillTheError)
          "NSPOSIXErrorDomain", -2, nullptr},
         {"DelegateRefuses", false,
          [](AsyncSocket *s, zt::Error *e) { return s->connectToHostOnPortError(u"127.0.0.1"_s, 9, e); },
-         "AsyncSocketErrorDomain", 1, "Connection canceled"},
-    };
+         "AsyncSocketErrorDomain", 1, "Connection canceled"}};
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
         Recorder events;
@@ -148,11 +146,9 @@ TEST(AsyncSocketConnect, LaterFailuresReachTheDelegate)
         const char *name;
         quint16 port;
         QString error, description;
-    } rows[] = {
-        {"refused", freePort, u"NSPOSIXErrorDomain:%1"_s.arg(ECONNREFUSED), {}},
-        {"timed out", ntohs(address.sin_port), u"AsyncSocketErrorDomain:2"_s,
-         u"Attempt to connect to host timed out"_s},
-    };
+    } rows[] = {{"refused", freePort, u"NSPOSIXErrorDomain:%1"_s.arg(ECONNREFUSED), {}},
+                {"timed out", ntohs(address.sin_port), u"AsyncSocketErrorDomain:2"_s,
+                 u"Attempt to connect to host timed out"_s}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         Recorder events;
@@ -212,8 +208,7 @@ TEST(AsyncSocketMisuse, RaisesTheNamedException)
              [](AsyncSocket *, AsyncSocket *fresh) {
                  fresh->startTLS({});
                  fresh->enableReadAhead();
-             }},
-        };
+             }}};
     Server listening;
     ASSERT_TRUE(listening.listen(u"localhost"_s));
     for (const auto &[name, reason, call] : rows) {
@@ -356,20 +351,18 @@ struct FrameRow
     int chunk;
 };
 
-const FrameRow frameRows[] = {
-    {"ByteByByte", Exactly, 1},
-    {"ThirteenBytes", Exactly, 13},
-    {"AllAtOnce", Exactly, 1 << 20},
-    {"PreBufferedByteByByte", PreBuffering, 1},
-    {"PreBufferedThreeBytes", PreBuffering, 3},
-    {"PreBufferedAllAtOnce", PreBuffering, 1 << 20},
-    {"ReadAheadByteByByte", ReadingAhead, 1},
-    {"ReadAheadFiveBytes", ReadingAhead, 5},
-    {"ReadAheadThirteenBytes", ReadingAhead, 13},
-    {"ReadAheadThreeHundredBytes", ReadingAhead, 300},
-    {"ReadAheadPastItsBuffer", ReadingAhead, 9000},
-    {"ReadAheadAllAtOnce", ReadingAhead, 1 << 20},
-};
+const FrameRow frameRows[] = {{"ByteByByte", Exactly, 1},
+                              {"ThirteenBytes", Exactly, 13},
+                              {"AllAtOnce", Exactly, 1 << 20},
+                              {"PreBufferedByteByByte", PreBuffering, 1},
+                              {"PreBufferedThreeBytes", PreBuffering, 3},
+                              {"PreBufferedAllAtOnce", PreBuffering, 1 << 20},
+                              {"ReadAheadByteByByte", ReadingAhead, 1},
+                              {"ReadAheadFiveBytes", ReadingAhead, 5},
+                              {"ReadAheadThirteenBytes", ReadingAhead, 13},
+                              {"ReadAheadThreeHundredBytes", ReadingAhead, 300},
+                              {"ReadAheadPastItsBuffer", ReadingAhead, 9000},
+                              {"ReadAheadAllAtOnce", ReadingAhead, 1 << 20}};
 
 TEST(AsyncSocketFrames, SplitAnywhereStillReadInOrder)
 {
@@ -438,12 +431,10 @@ qint64 kernelHeld(AsyncSocket *writer, AsyncSocket *reader)
 
 // Also: a burst made inside one delegate call goes to the kernel while it is
 // made, not when the call returns.
-const BurstRow burstRows[] = {
-    {"EmptyOnesAmongThem", {0, 5, 0, 0, 7, 0}, 3},
-    {"LargerThanAPieceBetween", {100, 10000, 50, 4096, 4097, 1, 70000, 2}, 2},
-    {"PastTheHighWaterMark", {200}, 3000},
-    {"InOneCallbackPastWhatTheKernelHolds", {1000, 0, 3, 70000}, 300, true},
-};
+const BurstRow burstRows[] = {{"EmptyOnesAmongThem", {0, 5, 0, 0, 7, 0}, 3},
+                              {"LargerThanAPieceBetween", {100, 10000, 50, 4096, 4097, 1, 70000, 2}, 2},
+                              {"PastTheHighWaterMark", {200}, 3000},
+                              {"InOneCallbackPastWhatTheKernelHolds", {1000, 0, 3, 70000}, 300, true}};
 
 TEST(AsyncSocketWriteBursts, CompleteOneByOneInQueueOrder)
 {
@@ -500,12 +491,10 @@ TEST(AsyncSocketReadTimeouts, AskTheDelegateAtEachExpiry)
         QList<double> answers; // the delegate's answers, in order (the last repeats)
         int sendRestOnAsk;     // send the rest when asked this many times (0: never)
         const char *asks;      // after "willConnect", "connect"; then the read or the timeout's close
-    } rows[] = {
-        {"expires when not extended", "", {0.0}, 0, "readTimeout:1:0"},
-        {"extended once, then expires", "", {0.05, -1.0}, 0, "readTimeout:1:0 readTimeout:1:0"},
-        {"reports the bytes done and keeps them", "ab", {0.0}, 0, "readTimeout:1:2"},
-        {"extended until the data arrives", "", {0.05, 30.0}, 2, "readTimeout:1:0 readTimeout:1:0"},
-    };
+    } rows[] = {{"expires when not extended", "", {0.0}, 0, "readTimeout:1:0"},
+                {"extended once, then expires", "", {0.05, -1.0}, 0, "readTimeout:1:0 readTimeout:1:0"},
+                {"reports the bytes done and keeps them", "ab", {0.0}, 0, "readTimeout:1:2"},
+                {"extended until the data arrives", "", {0.05, 30.0}, 2, "readTimeout:1:0 readTimeout:1:0"}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         Pair pair;
@@ -559,10 +548,8 @@ TEST(AsyncSocketTimeout, WriteTimesOutWhenThePeerStopsReading)
         qsizetype size;
         double timeout;
         bool extendOnce;
-    } rows[] = {
-        {"one large write, extended once", 1, 64 << 20, 0.2, true},
-        {"20 MB of small writes", 20000, 1000, 0.3, false},
-    };
+    } rows[] = {{"one large write, extended once", 1, 64 << 20, 0.2, true},
+                {"20 MB of small writes", 20000, 1000, 0.3, false}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         Server listening;
@@ -614,8 +601,7 @@ const EndingRow endingRows[] = {
     {"AfterWriting", &AsyncSocket::disconnectAfterWriting, false, true, false},
     {"AfterWritingReleased", &AsyncSocket::disconnectAfterWriting, false, true, true},
     {"AfterBoth", &AsyncSocket::disconnectAfterReadingAndWriting, true, true, false},
-    {"AfterBothReleased", &AsyncSocket::disconnectAfterReadingAndWriting, true, true, true},
-};
+    {"AfterBothReleased", &AsyncSocket::disconnectAfterReadingAndWriting, true, true, true}};
 
 TEST(AsyncSocketDisconnecting, WaitsForWhatItWasToldTo)
 {

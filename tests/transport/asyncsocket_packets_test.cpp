@@ -55,8 +55,7 @@ TEST(AsyncReadPacketLength, AsksForWhatTheRuleAllows)
         {"a grown caller's buffer: a chunk", NonTerm, {}, 0, 0, 20, 10, QByteArray(15, 'x'), 256},
         {"pre-buffering asks for a chunk", Prebuffer, "\r\n", 0, 0, -1, 0, "abc", 256},
         {"pre-buffering capped by the maximum", Prebuffer, "\r\n", 0, 10, -1, 0, "abc", 7},
-        {"pre-buffering capped by the caller's free space", Prebuffer, "\r\n", 0, 0, 50, 40, "abc", 7},
-    };
+        {"pre-buffering capped by the caller's free space", Prebuffer, "\r\n", 0, 0, 50, 40, "abc", 7}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         AsyncReadPacket p =
@@ -75,11 +74,9 @@ TEST(AsyncReadPacketSpare, IsReusedOnlyWhenUnshared)
         qsizetype spareLength, readLength;
         bool shared; // a copy of the spare is held elsewhere
         int reused;  // written into the spare's allocation (1) or not (0); -1: either, realloc may grow it
-    } rows[] = {
-        {"unshared and large enough", 200, 8, false, 1},
-        {"shared is left alone", 200, 8, true, 0},
-        {"unshared but short", 8, 180, false, -1},
-    };
+    } rows[] = {{"unshared and large enough", 200, 8, false, 1},
+                {"shared is left alone", 200, 8, true, 0},
+                {"unshared but short", 8, 180, false, -1}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         QByteArray spare(row.spareLength, 'x');

@@ -38,14 +38,12 @@ const struct
     const char *name;
     int kind;
     bool preBuffer, alsoWrite;
-} killRows[] = {
-    {"ReadAvailable", Available, false, false},
-    {"ReadFixedLengths", FixedLength, false, false},
-    {"ReadLines", Terminator, false, false},
-    {"ReadLinesPreBuffered", Terminator, true, false},
-    {"ReadAvailableWhileWriting", Available, false, true},
-    {"ReadLinesWhileWriting", Terminator, false, true},
-};
+} killRows[] = {{"ReadAvailable", Available, false, false},
+                {"ReadFixedLengths", FixedLength, false, false},
+                {"ReadLines", Terminator, false, false},
+                {"ReadLinesPreBuffered", Terminator, true, false},
+                {"ReadAvailableWhileWriting", Available, false, true},
+                {"ReadLinesWhileWriting", Terminator, false, true}};
 
 TEST(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
 {

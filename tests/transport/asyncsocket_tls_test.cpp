@@ -57,12 +57,10 @@ struct TlsRow
 // reads the line with a terminator read, which must leave the handshake's
 // bytes in the stream, then switches too. Requests queued after startTLS wait
 // for the handshake.
-const TlsRow tlsRows[] = {
-    {"TrustedCertificateAndName", "localhost", true, true, true},
-    {"ChainNotValidated", nullptr, false, false, true},
-    {"UntrustedCertificateFails", nullptr, false, true, false},
-    {"WrongPeerNameFails", "example.org", true, true, false},
-};
+const TlsRow tlsRows[] = {{"TrustedCertificateAndName", "localhost", true, true, true},
+                          {"ChainNotValidated", nullptr, false, false, true},
+                          {"UntrustedCertificateFails", nullptr, false, true, false},
+                          {"WrongPeerNameFails", "example.org", true, true, false}};
 
 TEST(AsyncSocketStartTLS, SwitchesInQueueOrder)
 {

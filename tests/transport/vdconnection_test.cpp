@@ -63,8 +63,7 @@ const GateRow gateRows[] = {
     {"closing_the_gate_drops_again", "open a close b", "a", 0, false, false},
     {"start_closes_an_open_gate", "open start a", "", 1, false, true},
     {"opening_while_queuing_lets_later_calls_overtake", "start a open b stop", "b a", 0, true, false},
-    {"queue_after_stop_starts_empty", "start a stop start b", "a", 1, false, true},
-};
+    {"queue_after_stop_starts_empty", "start a stop start b", "a", 1, false, true}};
 
 TEST(VDConnectionGate, WritesHoldsOrDropsEachCall)
 {
@@ -110,13 +109,11 @@ TEST(VDConnectionHandlers, AnObjectResultComesBackToTheHandlerOnce)
         zt::Selector selector;
         QVariantList arguments;
         QVariant result;
-    } rows[] = {
-        {"dictionary", "echo:", {dictionary}, dictionary},
-        {"index set", "echo:", {QVariant::fromValue(set)}, QVariant::fromValue(set)},
-        {"nil", "echo:", {QVariant()}, QVariant()},
-        {"null marker arrives as nil", "echo:", {zt::nullValue()}, QVariant()},
-        {"8-byte integer result travels as an object", "sum:with:", {40, 2}, qint64(42)},
-    };
+    } rows[] = {{"dictionary", "echo:", {dictionary}, dictionary},
+                {"index set", "echo:", {QVariant::fromValue(set)}, QVariant::fromValue(set)},
+                {"nil", "echo:", {QVariant()}, QVariant()},
+                {"null marker arrives as nil", "echo:", {zt::nullValue()}, QVariant()},
+                {"8-byte integer result travels as an object", "sum:with:", {40, 2}, qint64(42)}};
     LinkedPair link;
     ASSERT_TRUE(link.connect());
     VDConnection *c = link.client();
@@ -186,30 +183,29 @@ TEST(VDConnectionReceive, AFaultyMessageIsLoggedAndSkipped)
         QByteArray frame;
         QString logged;          // pointers masked as 0x?
         QString ran = QString(); // what the root ran for it, before the row's own note
-    } rows[] = {
-        {"short body", frame(hex("0000")), range.arg(u"0, 8"_s).arg(2)},
-        {"empty body", frame(""), range.arg(u"0, 8"_s).arg(0)},
-        {"body shorter than its last record", frame(body("note:", "", {good}).chopped(1)),
-         range.arg(u"37, 43"_s).arg(79)},
-        {"wrong argument count", frame(body("note:", "", {good, good})),
-         u"Wrong number of arguments: Got 2 arguments, expected 3"_s},
-        {"unparsable payload runs with nil", note(hex("0102")), u"Could not deserialize <0102> (note:)"_s,
-         u"note: nil"_s},
-        {"a long unparsable payload is logged by its first 64 bytes and its length",
-         note(QByteArray(100000, '\1')),
-         u"Could not deserialize %1 (first 64 of 100000 bytes) (note:)"_s.arg(
-             zt::describe(QByteArray(64, '\1'))),
-         u"note: nil"_s},
-        {"unknown selector", frame(body("nope:", "", {good})), u""_s},
-        {"refused selector", frame(body("refuse:", "", {good})),
-         u"Warning: local object server-root-0 does not respond to selector refuse:"_s},
-        {"argument type that cannot travel", frame(body("takeReal:", "", {zt::plist::writeBinary(1.5)})),
-         u"Unknown argument format: Argument 0x? with type d of selector takeReal: is not allowed"_s},
-        {"result that cannot travel back", frame(body("gadget", "H", {})),
-         u"Unknown object type: Argument server-root-0 (class TestRoot) of selector "
-         u"vd_returnedValue:withHandlerID: is not allowed"_s,
-         u"gadget"_s},
-    };
+    } rows[] = {{"short body", frame(hex("0000")), range.arg(u"0, 8"_s).arg(2)},
+                {"empty body", frame(""), range.arg(u"0, 8"_s).arg(0)},
+                {"body shorter than its last record", frame(body("note:", "", {good}).chopped(1)),
+                 range.arg(u"37, 43"_s).arg(79)},
+                {"wrong argument count", frame(body("note:", "", {good, good})),
+                 u"Wrong number of arguments: Got 2 arguments, expected 3"_s},
+                {"unparsable payload runs with nil", note(hex("0102")),
+                 u"Could not deserialize <0102> (note:)"_s, u"note: nil"_s},
+                {"a long unparsable payload is logged by its first 64 bytes and its length",
+                 note(QByteArray(100000, '\1')),
+                 u"Could not deserialize %1 (first 64 of 100000 bytes) (note:)"_s.arg(
+                     zt::describe(QByteArray(64, '\1'))),
+                 u"note: nil"_s},
+                {"unknown selector", frame(body("nope:", "", {good})), u""_s},
+                {"refused selector", frame(body("refuse:", "", {good})),
+                 u"Warning: local object server-root-0 does not respond to selector refuse:"_s},
+                {"argument type that cannot travel",
+                 frame(body("takeReal:", "", {zt::plist::writeBinary(1.5)})),
+                 u"Unknown argument format: Argument 0x? with type d of selector takeReal: is not allowed"_s},
+                {"result that cannot travel back", frame(body("gadget", "H", {})),
+                 u"Unknown object type: Argument server-root-0 (class TestRoot) of selector "
+                 u"vd_returnedValue:withHandlerID: is not allowed"_s,
+                 u"gadget"_s}};
     LinkedPair link;
     ASSERT_TRUE(link.connectRaw());
     QByteArray burst;
@@ -244,14 +240,12 @@ TEST(VDConnectionReceive, ABodyOverTheLimitClosesTheConnectionUnread)
         quint64 limit; // 0: the default
         QByteArray bytes;
         QString logged; // empty: the message is read
-    } rows[] = {
-        {"exactly the limit", length, note, u""_s},
-        {"one byte over", length - 1, note, closing.arg(length).arg(length - 1)},
-        {"2^63 under the default", 0, word(quint64(1) << 63),
-         closing.arg(u"9223372036854775808"_s).arg(67108864)},
-        {"out of memory in a call", 0, frame(body("exhaust", "", {})) + note,
-         u"Out of memory while reading a message; closing the connection"_s},
-    };
+    } rows[] = {{"exactly the limit", length, note, u""_s},
+                {"one byte over", length - 1, note, closing.arg(length).arg(length - 1)},
+                {"2^63 under the default", 0, word(quint64(1) << 63),
+                 closing.arg(u"9223372036854775808"_s).arg(67108864)},
+                {"out of memory in a call", 0, frame(body("exhaust", "", {})) + note,
+                 u"Out of memory while reading a message; closing the connection"_s}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         LinkedPair link;
@@ -292,14 +286,12 @@ TEST(VDConnectionReceive, TheTestEntryPointReadsFramesAsTheSocketDoes)
         const char *name;
         QByteArray bytes;
         QString ran, logged;
-    } rows[] = {
-        {"an incomplete body ends the stream", noteFrame("a") + noteFrame("b").chopped(1), a, u""_s},
-        {"a payload deeper than the decode limits runs with nil", frame(body("note:", "", {deep})),
-         u"note: nil"_s, u"Could not deserialize %1 (note:)"_s.arg(zt::describe(deep))},
-        {"an incomplete length ends the stream", noteFrame("a") + QByteArray(7, '\0'), a, u""_s},
-        {"a length over the limit ends the stream", word(201) + noteFrame("a"), u""_s,
-         u"Message of 201 bytes exceeds the limit of 200 bytes; closing the connection"_s},
-    };
+    } rows[] = {{"an incomplete body ends the stream", noteFrame("a") + noteFrame("b").chopped(1), a, u""_s},
+                {"a payload deeper than the decode limits runs with nil", frame(body("note:", "", {deep})),
+                 u"note: nil"_s, u"Could not deserialize %1 (note:)"_s.arg(zt::describe(deep))},
+                {"an incomplete length ends the stream", noteFrame("a") + QByteArray(7, '\0'), a, u""_s},
+                {"a length over the limit ends the stream", word(201) + noteFrame("a"), u""_s,
+                 u"Message of 201 bytes exceeds the limit of 200 bytes; closing the connection"_s}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         root->calls.clear();
@@ -338,23 +330,21 @@ TEST_F(VDConnectionRemoteProxyTest, FindsSignaturesInTheProtocolOrThroughTheDire
         zt::Selector selector;
         QByteArray types = {}; // empty: no signature, which is logged last
         QString logged = {};   // logged before it
-    } rows[] = {
-        {"remote protocol", "echo:", "@@:@"},
-        {"reply method", vd::ReturnedValueSelector, "v@:@@"},
-        {"forwarded, taken from the superclass", "toAgent_HeldNode_THING-1_renameTo:times:", "v@:@q"},
-        {"forwarded, a method that is not an action", "toAgent_HeldNode_THING-1_invalidate", "",
-         u"*** Refused forwarded call invalidate (not an action of HeldNode)"_s},
-        {"forwarded, only the object's own class has it", "toAgent_HeldNode_THING-1_ownOnly:", "",
-         u"ERROR THING-1 responds to ownOnly:, but couldn't find the method signature"_s},
-        {"forwarded, the object does not respond", "toAgent_HeldNode_THING-1_fly:", "",
-         u"ERROR THING-1 does not respond to fly:"_s},
-        {"forwarded, unknown UUID", "toAgent_HeldNode_NOBODY_count", "",
-         u"ERROR Counterpart for toAgent_HeldNode_NOBODY_count is not registered"_s},
-        {"the other direction's prefix", "toClient_HeldNode_THING-1_count"},
-        {"three parts", "toAgent_THING-1_count"},
-        {"five parts", "toAgent_HeldNode_THING-1_count_x"},
-        {"unknown plain selector", "fly:"},
-    };
+    } rows[] = {{"remote protocol", "echo:", "@@:@"},
+                {"reply method", vd::ReturnedValueSelector, "v@:@@"},
+                {"forwarded, taken from the superclass", "toAgent_HeldNode_THING-1_renameTo:times:", "v@:@q"},
+                {"forwarded, a method that is not an action", "toAgent_HeldNode_THING-1_invalidate", "",
+                 u"*** Refused forwarded call invalidate (not an action of HeldNode)"_s},
+                {"forwarded, only the object's own class has it", "toAgent_HeldNode_THING-1_ownOnly:", "",
+                 u"ERROR THING-1 responds to ownOnly:, but couldn't find the method signature"_s},
+                {"forwarded, the object does not respond", "toAgent_HeldNode_THING-1_fly:", "",
+                 u"ERROR THING-1 does not respond to fly:"_s},
+                {"forwarded, unknown UUID", "toAgent_HeldNode_NOBODY_count", "",
+                 u"ERROR Counterpart for toAgent_HeldNode_NOBODY_count is not registered"_s},
+                {"the other direction's prefix", "toClient_HeldNode_THING-1_count"},
+                {"three parts", "toAgent_THING-1_count"},
+                {"five parts", "toAgent_HeldNode_THING-1_count_x"},
+                {"unknown plain selector", "fly:"}};
     auto connection = VDConnection::createWithDelegate(nullptr);
     connection->setModelBridge(&ZTRootObject::modelBridge());
     connection->setProtocolForRemoteObject(&rootProtocol());

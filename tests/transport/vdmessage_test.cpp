@@ -26,21 +26,14 @@ namespace {
 // call with all of them, and a few codes that cannot travel.
 const zt::Protocol &codecMethods()
 {
-    static const zt::Protocol protocol(u"CodecMethods"_s, {{"registerClient", "v@:"},
-                                                           {"echo:", "@@:@"},
-                                                           {"take:", "v@:@"},
-                                                           {"take:and:", "v@:@@"},
-                                                           {"takeShort:", "v@:s"},
-                                                           {"takeInt:", "v@:i"},
-                                                           {"takeLong:", "v@:q"},
-                                                           {"takeBool:", "v@:c"},
-                                                           {"takeUInt:", "v@:I"},
-                                                           {"takeULong:", "v@:Q"},
-                                                           {"short:int:long:bool:uint:ulong:", "v@:siqcIQ"},
-                                                           {"takeFloat:", "v@:f"},
-                                                           {"takeDouble:", "v@:d"},
-                                                           {"takeUShort:", "v@:S"},
-                                                           {"takeConst:", "v@:r@"}});
+    using M = std::pair<const char *, const char *>;
+    static const zt::Protocol protocol(
+        u"CodecMethods"_s,
+        {M("registerClient", "v@:"), M("echo:", "@@:@"), M("take:", "v@:@"), M("take:and:", "v@:@@"),
+         M("takeShort:", "v@:s"), M("takeInt:", "v@:i"), M("takeLong:", "v@:q"), M("takeBool:", "v@:c"),
+         M("takeUInt:", "v@:I"), M("takeULong:", "v@:Q"), M("short:int:long:bool:uint:ulong:", "v@:siqcIQ"),
+         M("takeFloat:", "v@:f"), M("takeDouble:", "v@:d"), M("takeUShort:", "v@:S"),
+         M("takeConst:", "v@:r@")});
     return protocol;
 }
 
@@ -107,8 +100,7 @@ const std::vector<ExactRow> &exactRows()
         {u"blob"_s, QByteArray("\x00\x01\xfe\xff", 4)},
         {u"when"_s, utcDate(1700000000123)},
         {u"list"_s, QVariantList{QVariantMap{{u"k"_s, 1}}, QVariantList{}, QString()}},
-        {QString::fromUtf8("\xf0\x9f\x98\x80"), QVariantMap{}},
-    };
+        {QString::fromUtf8("\xf0\x9f\x98\x80"), QVariantMap{}}};
     const QVariant array = QVariantList{u""_s, qint64(0), false, QByteArray(), utcDate(-1000)};
     static const std::vector<ExactRow> rows{
         {"no_arguments", "registerClient", {}, {}, {}},
@@ -143,8 +135,7 @@ const std::vector<ExactRow> &exactRows()
          u"H2"_s,
          {everything, indexes({0, 1, 2, 40})},
          {everything, indexes({0, 1, 2, 40})}},
-        one("array_with_nested_null_free_values", "take:", array, array),
-    };
+        one("array_with_nested_null_free_values", "take:", array, array)};
     return rows;
 }
 
@@ -244,8 +235,7 @@ TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
         {"the largest index", indexSetPayload({vd::NotAnIndex - 1}), u"idx[%1]"_s.arg(vd::NotAnIndex - 1)},
         {"magic in little-endian order", hex("cefaedfe00000000 0000000000000000"), {}},
         {"a property list", scalarPlist("09"), {}},
-        {"empty", {}, {}},
-    };
+        {"empty", {}, {}}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(vd::isIndexSetData(row.payload), !row.indexes.isEmpty());
@@ -334,8 +324,7 @@ TEST(VDMessageDecode, ConvertsRaisesOrLogsPerBody)
          format.arg(u"S", u"takeUShort:")},
         {"qualified object code", one("takeConst:", scalarPlist("52 6f6b")),
          format.arg(u"r@", u"takeConst:")},
-        {"unknown code with an empty payload", one("takeDouble:", {}), format.arg(u"d", u"takeDouble:")},
-    };
+        {"unknown code with an empty payload", one("takeDouble:", {}), format.arg(u"d", u"takeDouble:")}};
     auto target = zt::make<CodecTarget>();
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
@@ -410,8 +399,7 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
         {"object as a dictionary value", "take:", {objectInMap}, notPlist, notPlistMap},
         {"index set inside an array", "take:", {indexSetInArray}, notPlist, notPlistArray},
         {"null marker inside a dictionary", "take:", {nullInMap}, notPlist, notPlistMap},
-        {"date beyond the format's range", "take:", {farDate}, notPlist, "NSDate is not a property list: "},
-    };
+        {"date beyond the format's range", "take:", {farDate}, notPlist, "NSDate is not a property list: "}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         zttest::LogCapture log;
