@@ -17,12 +17,10 @@ QVariant roundTrip(const QVariant &value)
     EXPECT_TRUE(back.has_value()) << qPrintable(error.localizedDescription());
     return back.value_or(QVariant());
 }
-
 } // namespace
 
 TEST(KeyedArchive, ValuesOfEveryKindSurvive)
 {
-    const QDateTime date = QDateTime::fromMSecsSinceEpoch(1'700'000'000'123, Qt::UTC);
     const struct Row
     {
         const char *name;
@@ -36,7 +34,7 @@ TEST(KeyedArchive, ValuesOfEveryKindSurvive)
         {"unsigned", quint64(0xFFFFFFFFFFFFFFFFull)},
         {"real", 2.5},
         {"data", QByteArray("\x00\x01\xff", 3)},
-        {"date", date},
+        {"date", plisttest::utcDate(1'700'000'000'123)},
         {"indexes", QVariant::fromValue(IndexSet{0, 2, 3, 4, 100})},
         {"nested", QVariantMap{{QStringLiteral("list"), QVariantList{1, nullValue(), QStringLiteral("x")}},
                                {QStringLiteral("empty"), QVariantMap{}}}},

@@ -17,12 +17,10 @@ namespace {
 
 QVariantMap sampleMap()
 {
-    return {
-        {QStringLiteral("b"), 2},
-        {QStringLiteral("a"), QStringLiteral("first")},
-        {QStringLiteral("nested"), QVariantMap{{QStringLiteral("x"), true}}},
-        {QStringLiteral("\u00e9t\u00e9"), QVariantList{1.5, QStringLiteral("y")}},
-    };
+    return {{QStringLiteral("b"), 2},
+            {QStringLiteral("a"), QStringLiteral("first")},
+            {QStringLiteral("nested"), QVariantMap{{QStringLiteral("x"), true}}},
+            {QStringLiteral("\u00e9t\u00e9"), QVariantList{1.5, QStringLiteral("y")}}};
 }
 
 const auto decoded = [](const QVariant &value) {

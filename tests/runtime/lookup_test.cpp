@@ -40,8 +40,7 @@ TEST(MethodLookUp, AnswersComeFromTheClassAndTheNamesText)
 {
     // Each class is made where the previous one was just freed, often at the
     // same address; the same selector objects are asked every time.
-    const Selector ping("ping");
-    const Selector pong("pong");
+    const Selector ping("ping"), pong("pong");
     for (int i = 0; i < 64; ++i) {
         const bool odd = i % 2;
         auto c = std::make_unique<ClassInfo>("LookUpProbe", &Object::staticClassInfo(), nullptr,
@@ -89,8 +88,7 @@ TEST(AccessorLookUp, AKeyFreedAndAnotherMadeInItsPlaceFindsItsOwnAccessors)
     const ClassInfo &c = Sample::staticClassInfo();
     for (int i = 0; i < 256; ++i) {
         const char *text = i % 2 ? "tags" : "name";
-        const QString key = QString::fromLatin1(text);
-        ASSERT_EQ(getterOf(c, key), text) << i;
+        ASSERT_EQ(getterOf(c, QString::fromLatin1(text)), text) << i;
     }
 
     char16_t buffer[] = u"name";

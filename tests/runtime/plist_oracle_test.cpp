@@ -117,9 +117,7 @@ const QList<Row> &rows()
 {
     static const QList<Row> table = [] {
         QList<Row> t;
-        const auto add = [&t](const char *name, const QVariant &v) {
-            t.append({QString::fromLatin1(name), v});
-        };
+        const auto add = [&t](const char *n, const QVariant &v) { t.append({QString::fromLatin1(n), v}); };
         add("integer_edges", QVariantList{0, 255, 256, 65535, 65536, qlonglong(0xFFFFFFFF),
                                           qlonglong(1) << 32, std::numeric_limits<qlonglong>::max(), -1, -256,
                                           std::numeric_limits<qlonglong>::min()});
