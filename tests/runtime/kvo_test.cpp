@@ -157,12 +157,9 @@ TEST(KeyValueObserving, KeyPathsFollowTheCurrentIntermediateObject)
     EXPECT_FALSE(b->hasObservers());
 
     // An object on the path going away is forgotten by the observation.
-    {
-        auto c = make<Sample>();
-        root->setChild(c);
-        root->addObserver(rec.get(), QStringLiteral("child.name"));
-    }
-    root->setChild(nullptr); // frees c, which a trigger of root's observation watched
+    root->setChild(make<Sample>());
+    root->addObserver(rec.get(), QStringLiteral("child.name"));
+    root->setChild(nullptr); // frees the child, which a trigger of root's observation watched
     root->setName(QStringLiteral("unrelated"));
     EXPECT_EQ(rec->notes.size(), 4);
     root->removeObserver(rec.get(), QStringLiteral("child.name"));

@@ -22,17 +22,15 @@ constexpr auto registerPong = +[](ClassInfo &c) { c.addMethod(entry("pong")); };
 
 // "k0" … "k63", each a getter: enough keys to make the accessor table grow.
 constexpr int KeyCount = 64;
-void registerManyKeys(ClassInfo &c)
-{
+constexpr auto registerManyKeys = +[](ClassInfo &c) {
     for (int i = 0; i < KeyCount; ++i)
         c.addMethod(entry(QByteArray("k" + QByteArray::number(i)).constData()));
-}
+};
 
-QByteArray getterOf(const ClassInfo &c, const QString &key)
-{
+const auto getterOf = [](const ClassInfo &c, const QString &key) {
     const MethodEntry *getter = c.accessorsForKey(key).getter;
     return getter ? getter->selector : QByteArray("(none)");
-}
+};
 
 } // namespace
 
