@@ -141,21 +141,16 @@ inline QVariant nested(int levels, const QVariant &innermost = 1)
     return v;
 }
 
-inline QByteArray hexBytes(const char *hex)
-{
+constexpr auto hexBytes = [](const char *hex) {
     return QByteArray::fromHex(QByteArray(hex).replace(' ', ""));
-}
+};
 
 //! A file of the given raw objects, 1-byte references and offsets.
-inline QByteArray assemble(QList<QByteArray> objects)
-{
+constexpr auto assemble = [](QList<QByteArray> objects) {
     return Assembly{.objects = std::move(objects)}.bytes();
-}
+};
 
-inline QVariant uid(quint64 v)
-{
-    return QVariant::fromValue(zt::Uid{v});
-}
+constexpr auto uid = [](quint64 v) { return QVariant::fromValue(zt::Uid{v}); };
 
 //! A keyed archive of the given objects whose root is object `root`.
 inline QByteArray archiveWith(const QVariantList &objects, quint64 root = 1)
