@@ -3,10 +3,9 @@
 #include "core/ztabstractipc.h"
 #include "core/ztdirectory.h"
 
-#include <gtest/gtest.h>
-
 #include <atomic>
 #include <future>
+#include <gtest/gtest.h>
 #include <thread>
 
 namespace {
