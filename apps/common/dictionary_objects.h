@@ -34,6 +34,7 @@ zt::Ref<Abstract> objectFromDictionary(const QVariantMap &dictionary)
     auto typed = zt::dynamicCast<Abstract>(object);
     if (!typed)
         return {};
+    ZTAbstractIPC::ApplyingOtherProcess applying(typed.get());
     for (auto it = dictionary.cbegin(); it != dictionary.cend(); ++it)
         if (it.key() != u"description")
             typed->setValueForKey(it.value(), it.key());

@@ -2,13 +2,13 @@
 // The agent's and the client's advanced settings, proxies, bans and
 // transfers.
 //
-// Advanced settings send their changes from both processes. Changes that
-// arrive by key-value coding (a change applied from the other process, or
-// the object being built from a dictionary) are not sent back: the classes
-// here answer NO to enableInterProcessKVO while such a change is applied,
-// which breaks the echo between the two sides. The defaults init() sets are
-// not sent either: a mirror's defaults, arriving after the original's later
-// changes, would overwrite them.
+// Advanced settings send their changes from both processes. What is applied
+// from the other process or from a dictionary form is not sent back
+// (isApplyingOtherProcessChange), which breaks the echo between the two
+// sides; what the application sets, by a setter or by key-value coding,
+// crosses. The defaults init() sets are not sent either: a mirror's
+// defaults, arriving after the original's later changes, would overwrite
+// them.
 //
 // The agent's transfer records each operation in its attributes under
 // "state" ("accepted", "resuming", "rejected", "cancelled", "removed"), the
@@ -16,32 +16,23 @@
 
 #include "model/ztsettings.h"
 
+#include <QScopedValueRollback>
+
 template<typename Base> class EchoFreeSettings : public Base
 {
 public:
-    bool enableInterProcessKVO() const override { return m_applying == 0 && Base::enableInterProcessKVO(); }
-    void setValueForKey(const QVariant &value, const QString &key) override
+    bool enableInterProcessKVO() const override
     {
-        quietly([&] { Base::setValueForKey(value, key); });
+        return !m_initialising && !this->isApplyingOtherProcessChange() && Base::enableInterProcessKVO();
     }
     void init() override
     {
-        quietly([&] { Base::init(); });
+        QScopedValueRollback<bool> quiet(m_initialising, true);
+        Base::init();
     }
 
 private:
-    template<typename F> void quietly(F apply)
-    {
-        ++m_applying;
-        try {
-            apply();
-        } catch (...) {
-            --m_applying;
-            throw;
-        }
-        --m_applying;
-    }
-    int m_applying = 0;
+    bool m_initialising = false;
 };
 
 class AgentAdvancedSettings : public EchoFreeSettings<ZTAbstractAdvancedSettings>

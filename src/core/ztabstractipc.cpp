@@ -73,6 +73,7 @@ zt::Ref<ZTAbstractIPC> ZTAbstractIPC::createCounterpartWithUUID(const zt::ClassI
 void ZTAbstractIPC::initWithDictionary(const QVariantMap &dictionary)
 {
     init();
+    ApplyingOtherProcess applying(this);
     for (auto it = dictionary.cbegin(); it != dictionary.cend(); ++it)
         setValueForKey(it.value(), it.key());
 }

@@ -127,6 +127,29 @@ public:
     //! Keeps a token alive for as long as the object observes.
     void addObservationToken(zt::Ref<VDKVO> token);
 
+    //! True while a change from the other process, or the entries of a
+    //! dictionary form, are being applied to this object (see
+    //! ApplyingOtherProcess). A class whose changes cross in both directions
+    //! answers NO to enableInterProcessKVO meanwhile, so that nothing echoes
+    //! back; a change the application makes, by a setter or by key-value
+    //! coding, still crosses.
+    bool isApplyingOtherProcessChange() const { return m_applyingOtherProcess > 0; }
+    //! Marks `object` as applying the other process's state for its lifetime.
+    class ApplyingOtherProcess
+    {
+    public:
+        explicit ApplyingOtherProcess(ZTAbstractIPC *object) : m_object(object)
+        {
+            ++m_object->m_applyingOtherProcess;
+        }
+        ~ApplyingOtherProcess() { --m_object->m_applyingOtherProcess; }
+        ApplyingOtherProcess(const ApplyingOtherProcess &) = delete;
+        ApplyingOtherProcess &operator=(const ApplyingOtherProcess &) = delete;
+
+    private:
+        ZTAbstractIPC *m_object;
+    };
+
     bool inDirectory() const { return m_inDirectory; }
     //! The UUID the object entered the directory with; null if it never did.
     const QString &registeredUUID() const { return m_registeredUUID; }
@@ -145,5 +168,6 @@ private:
     bool m_awakeFromCoder = false;
     QString m_description;
     bool m_enableInterProcessKVO = false;
+    int m_applyingOtherProcess = 0;
     QString m_registeredUUID;
 };

@@ -70,6 +70,7 @@ void ZTClientNode::rootDidReceiveHandshake(ZTRootObject *, const QVariantMap &st
     if (uuid.isEmpty())
         return;
     zt::Ref<ZTAbstractIPC> mirror = ZTAbstractIPC::createCounterpartWithUUID(*m_mirrorClass, uuid);
+    ZTAbstractIPC::ApplyingOtherProcess applying(mirror.get());
     for (auto it = state.cbegin(); it != state.cend(); ++it) {
         if (it.key() == u"description")
             continue;

@@ -129,8 +129,10 @@ void ZTRootObject::handshakeFromAgent(const QVariantMap &state)
 
 void ZTRootObject::apply(const QString &objectID, const std::function<void(ZTAbstractIPC *)> &change)
 {
-    if (zt::Ref<ZTAbstractIPC> object = ZTDirectory::sharedInstance()->objectWithID(objectID))
+    if (zt::Ref<ZTAbstractIPC> object = ZTDirectory::sharedInstance()->objectWithID(objectID)) {
+        ZTAbstractIPC::ApplyingOtherProcess applying(object.get());
         change(object.get());
+    }
 }
 
 void ZTRootObject::agentDidChangeValueForKeyObjectID(const QVariant &value, const QString &key,

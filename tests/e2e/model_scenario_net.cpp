@@ -67,16 +67,10 @@ QList<ScenarioStep> networkSteps()
              n->mutableServers().replaceObjectAtIndex(1,
                                                       zt::objectValue(server(n, u"ca.libera.chat"_s).get()));
              replaced->invalidate();
-             // Through the setters: a settings change made by key-value coding
-             // does not reach the client.
-             auto *settings = ctx.get<ZTAbstractAdvancedSettings>(u"settings"_s);
-             settings->setShowCounts(false);
-             settings->setExcludeFromLog(true);
-             settings->setMuteSounds(true);
-             settings->setBlowfishEnabled(true);
-             settings->setAutoJoin(true);
-             settings->setAutoRejoin(true);
-             settings->setBlowfishKey(QString()); // sent as ""
+             setKeys(ctx.get<ZTAbstractAdvancedSettings>(u"settings"_s),
+                     {u"showCounts"_s, false, u"excludeFromLog"_s, true, u"muteSounds"_s, true,
+                      u"blowfishEnabled"_s, true, u"autoJoin"_s, true, u"autoRejoin"_s, true,
+                      u"blowfishKey"_s, QString()}); // a nil key is sent as ""
              setKeys(ctx.get<ZTAbstractProxy>(u"proxy"_s),
                      {u"proxyPassword"_s, u"pw"_s, u"proxyUsername"_s, u"me"_s, u"enabled"_s, true,
                       u"systemwide"_s, true, u"proxyType"_s, 2, u"proxyPort"_s, 1080, u"proxyAddress"_s,
