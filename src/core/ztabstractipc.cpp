@@ -73,6 +73,7 @@ zt::Ref<ZTAbstractIPC> ZTAbstractIPC::createCounterpartWithUUID(const zt::ClassI
 void ZTAbstractIPC::initWithDictionary(const QVariantMap &dictionary)
 {
     init();
+    m_published = true; // the form may come from the other process
     ApplyingOtherProcess applying(this);
     for (auto it = dictionary.cbegin(); it != dictionary.cend(); ++it)
         setValueForKey(it.value(), it.key());
@@ -108,6 +109,7 @@ void ZTAbstractIPC::init()
         // the coder assigned it
     } else if (ZTIPCProxy::isAgent()) {
         assignUUID(zt::process::globallyUniqueString());
+        m_published = false; // nobody else can know this UUID yet
     } else {
         ZT_ASSERT(!m_description.isEmpty(), QStringLiteral("Counterpart should have a description set"));
     }
@@ -117,6 +119,7 @@ void ZTAbstractIPC::init()
 
 void ZTAbstractIPC::encodeWithCoder(zt::KeyedArchiver &coder) const
 {
+    m_published = true;
     coder.encodeObject(m_description, QStringLiteral("UUID"));
 }
 
@@ -205,6 +208,7 @@ void ZTAbstractIPC::setCounterpart(ZTIPCProxy *counterpart)
 
 QVariantMap ZTAbstractIPC::dictionary() const
 {
+    m_published = true;
     QVariantMap d;
     d.insert(QStringLiteral("description"), m_description);
     auto *self = const_cast<ZTAbstractIPC *>(this);
@@ -252,7 +256,7 @@ bool ZTAbstractIPC::shouldPropagateValueChangesForKey(const QString &key) const
 
 ZTIPCProxy *ZTAbstractIPC::propagatingProxy(const QString &key)
 {
-    if (!enableInterProcessKVO() || !shouldPropagateValueChangesForKey(key))
+    if (!m_published || !enableInterProcessKVO() || !shouldPropagateValueChangesForKey(key))
         return nullptr;
     return counterpart();
 }

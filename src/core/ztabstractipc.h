@@ -151,6 +151,11 @@ public:
     };
 
     bool inDirectory() const { return m_inDirectory; }
+    //! False for an object whose UUID this process invented and whose
+    //! dictionary or archive form has not been made yet: no other process can
+    //! hold its mirror, so its changes are not sent. Making either form
+    //! publishes it for good.
+    bool isPublished() const { return m_published; }
     //! The UUID the object entered the directory with; null if it never did.
     const QString &registeredUUID() const { return m_registeredUUID; }
 
@@ -166,6 +171,7 @@ private:
     zt::Ref<ZTIPCProxy> m_counterpart;
     bool m_inDirectory = false;
     bool m_awakeFromCoder = false;
+    mutable bool m_published = true;
     QString m_description;
     bool m_enableInterProcessKVO = false;
     int m_applyingOtherProcess = 0;

@@ -116,6 +116,13 @@ TEST_F(CoreTest, AgentObjectsAreRegisteredUnlessRegistrationIsOff)
     EXPECT_NE(a->description(), agentObject()->description());
     EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(a->description()).get(), a.get());
     EXPECT_TRUE(a->enableInterProcessKVO());
+    // Until its dictionary form is made, no other process can mirror it.
+    a->setName(QStringLiteral("unseen"));
+    EXPECT_TRUE(calls().isEmpty());
+    a->dictionary();
+    a->setName(QStringLiteral("seen"));
+    EXPECT_EQ(calls().size(), 1);
+    calls().clear();
     // Invalidating twice leaves the directory once and keeps the proxy.
     ZTIPCProxy *proxy = a->counterpart();
     a->invalidate();
@@ -304,6 +311,7 @@ TEST_F(CoreTest, UnwireableChangesAreDroppedWithTheirLogLines)
 {
     auto n = agentObject();
     auto other = agentObject();
+    n->dictionary(); // published
     n->mutableArrayValueForKey(QStringLiteral("children")).addObject(objectValue(other.get()));
     calls().clear();
     zttest::LogCapture log;
