@@ -63,9 +63,10 @@ void ZTDirectory::registerObject(ZTAbstractIPC *object)
     const QString uuid = object->description();
     ZT_ASSERT(!uuid.isNull(), QStringLiteral("Directory can't register a null-description object"));
     QMutexLocker locker(&m_lock);
-    if (m_objects.contains(uuid))
+    const qsizetype before = m_objects.size();
+    Entry &e = m_objects[uuid]; // one look-up: inserts an empty entry if there is none
+    if (m_objects.size() == before)
         return; // the first registration wins
-    Entry &e = m_objects[uuid];
     e.object = object;
     if (object->isRetainedByDirectory())
         e.hold = object;
