@@ -156,8 +156,9 @@ TEST(AsyncSocketConnect, LaterFailuresReachTheDelegate)
         ASSERT_TRUE(client->connectToHostOnPortWithTimeoutError(u"127.0.0.1"_s, row.port, 0.2));
         ASSERT_TRUE(waitUntil([&] { return events.disconnects == 1; }));
         EXPECT_EQ(events.events, (QStringList{u"willConnect"_s, u"will:"_s + row.error, u"did"_s}));
-        if (!row.description.isEmpty())
+        if (!row.description.isEmpty()) {
             EXPECT_EQ(events.lastError.localizedDescription(), row.description);
+        }
         EXPECT_TRUE(client->isDisconnected());
     }
     for (int fd : fds)
@@ -628,8 +629,9 @@ TEST(AsyncSocketDisconnecting, WaitsForWhatItWasToldTo)
         EXPECT_EQ(events.last(), u"did"_s);
         EXPECT_FALSE(events.contains(u"read:77"_s));
         EXPECT_FALSE(events.join(u' ').contains(u"will"_s));
-        if (row.end == &AsyncSocket::disconnect)
+        if (row.end == &AsyncSocket::disconnect) {
             EXPECT_EQ(events, words("did"));
+        }
         EXPECT_TRUE(!row.waitsForRead || events.contains(u"read:1"_s));
         if (row.waitsForWrite) {
             EXPECT_TRUE(events.contains(u"write:2"_s));

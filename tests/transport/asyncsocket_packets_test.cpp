@@ -86,8 +86,9 @@ TEST(AsyncReadPacketSpare, IsReusedOnlyWhenUnshared)
         const QByteArray bytes = QByteArray(row.readLength, 'r');
         std::memcpy(p.prepareWrite(row.readLength), bytes.constData(), size_t(row.readLength));
         p.commit(row.readLength);
-        if (row.reused >= 0)
+        if (row.reused >= 0) {
             EXPECT_EQ(p.buffer().constData() == allocation, row.reused == 1);
+        }
         EXPECT_EQ(copy, row.shared ? QByteArray(row.spareLength, 'x') : QByteArray());
         EXPECT_EQ(p.takeData(), bytes);
     }
@@ -117,8 +118,9 @@ TEST(AsyncReadPacket, FixedLengthBufferGrowsWithTheBytesNotTheClaim)
             ASSERT_LE(p.buffer().size(), claimed);
         }
         EXPECT_EQ(p.doneData(), sent);
-        if (p.bytesDone() == claimed)
+        if (p.bytesDone() == claimed) {
             EXPECT_EQ(p.takeData(), sent);
+        }
     }
 }
 

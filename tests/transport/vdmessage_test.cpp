@@ -239,8 +239,9 @@ TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(vd::isIndexSetData(row.payload), !row.indexes.isEmpty());
-        if (!row.indexes.isEmpty())
+        if (!row.indexes.isEmpty()) {
             EXPECT_EQ(render(QVariant::fromValue(vd::indexSetFromData(row.payload))), row.indexes);
+        }
     }
 }
 
@@ -413,8 +414,9 @@ TEST(VDMessageEncode, ArgumentsThatCannotTravelRaiseAndProduceNothing)
         EXPECT_EQ(raised, row.raised);
         const QStringList lines = log.lines();
         ASSERT_EQ(lines.size(), row.logged ? 1 : 0) << lines.join(u'\n').toStdString();
-        if (row.logged)
+        if (row.logged) {
             EXPECT_TRUE(lines.front().startsWith(QLatin1String(row.logged))) << lines.front().toStdString();
+        }
     }
 }
 
