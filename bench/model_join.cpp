@@ -447,6 +447,9 @@ BENCHMARK(BM_QtRemoteObjects_LateJoin)
 
 int main(int argc, char **argv)
 {
+    // The helpers this process starts inherit the environment, the peer's
+    // included: every process of the benchmark runs with the same heap.
+    zt::process::restartWithHugePageHeap(argv);
     QCoreApplication app(argc, argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))

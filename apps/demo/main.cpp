@@ -448,6 +448,7 @@ void ClientRoot::registerMembers(zt::ClassBuilder<ClientRoot> &b)
 
 int main(int argc, char **argv)
 {
+    zt::process::restartWithHugePageHeap(argv);
     QCoreApplication app(argc, argv);
     if (app.arguments().contains(QStringLiteral("--agent")))
         return runAgent(app);

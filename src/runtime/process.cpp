@@ -6,6 +6,12 @@
 #include <QRandomGenerator>
 #include <QUuid>
 
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <unistd.h>
+
 namespace zt::process {
 
 namespace {
@@ -59,6 +65,27 @@ QString globallyUniqueString()
         *p++ = hex[bytes[i] & 0x0F];
     }
     return out;
+}
+
+void restartWithHugePageHeap(char **argv)
+{
+    static constexpr char Tunable[] = "glibc.malloc.hugetlb";
+    const char *found = std::getenv("GLIBC_TUNABLES");
+    if (found && std::strstr(found, Tunable))
+        return; // settled already: by the user, or by the restart
+    const std::optional<std::string> current = found ? std::optional<std::string>(found) : std::nullopt;
+    std::string tunables = current && !current->empty() ? *current + ':' : std::string();
+    tunables += Tunable;
+    tunables += "=1";
+    if (::setenv("GLIBC_TUNABLES", tunables.c_str(), 1) != 0)
+        return;
+    ::execv("/proc/self/exe", argv);
+    // The restart failed (no /proc, say): go on as we are, without the
+    // tunable in the environment of the processes we start.
+    if (current)
+        ::setenv("GLIBC_TUNABLES", current->c_str(), 1);
+    else
+        ::unsetenv("GLIBC_TUNABLES");
 }
 
 } // namespace zt::process

@@ -179,6 +179,7 @@ public:
 
 int main(int argc, char **argv)
 {
+    zt::process::restartWithHugePageHeap(argv);
     QCoreApplication app(argc, argv);
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.BenchModelAgent"));
     Agent agent;
