@@ -79,7 +79,14 @@ void restartWithHugePageHeap(char **argv)
     tunables += "=1";
     if (::setenv("GLIBC_TUNABLES", tunables.c_str(), 1) != 0)
         return;
-    ::execv("/proc/self/exe", argv);
+    // Through the executable's own path: exec names the process after the
+    // file it is given, and "/proc/self/exe" would rename it "exe".
+    char path[4096];
+    const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path - 1);
+    if (length > 0) {
+        path[length] = '\0';
+        ::execv(path, argv);
+    }
     // The restart failed (no /proc, say): go on as we are, without the
     // tunable in the environment of the processes we start.
     if (current)
