@@ -1,10 +1,7 @@
 // Shared main of every test executable: a QCoreApplication must exist for
 // timers, sockets and the event loop that the library relies on.
-//
-// With ZT_PROBE_HEAP_RESTART set, the executable is instead the probe of
-// zt::process::restartWithHugePageHeap (tests/runtime/process_test.cpp):
-// it prints its process ID on each start, then, once past the restart, the
-// tunables and the name it runs under.
+// With ZT_PROBE_HEAP_RESTART set, the executable is the probe of
+// tests/runtime/process_test.cpp instead.
 #include "runtime/process.h"
 
 #include <QCoreApplication>
@@ -24,8 +21,7 @@ int main(int argc, char **argv)
         zt::process::restartWithHugePageHeap(argv);
         std::string name;
         std::getline(std::ifstream("/proc/self/comm"), name);
-        const char *tunables = std::getenv("GLIBC_TUNABLES");
-        std::printf("tunables %s\nname %s\n", tunables ? tunables : "", name.c_str());
+        std::printf("%s %s\n", std::getenv("GLIBC_TUNABLES"), name.c_str()); // set by now
         return 0;
     }
     QCoreApplication app(argc, argv);

@@ -116,13 +116,11 @@ TEST_F(CoreTest, AgentObjectsAreRegisteredUnlessRegistrationIsOff)
     EXPECT_NE(a->description(), agentObject()->description());
     EXPECT_EQ(ZTDirectory::sharedInstance()->objectWithID(a->description()).get(), a.get());
     EXPECT_TRUE(a->enableInterProcessKVO());
-    // Until its dictionary form is made, no other process can mirror it.
-    a->setName(QStringLiteral("unseen"));
+    a->setName(QStringLiteral("unseen")); // no dictionary form yet: nobody can mirror it
     EXPECT_TRUE(calls().isEmpty());
     a->dictionary();
     a->setName(QStringLiteral("seen"));
-    EXPECT_EQ(calls().size(), 1);
-    calls().clear();
+    EXPECT_EQ(std::exchange(calls(), {}).size(), 1);
     // Invalidating twice leaves the directory once and keeps the proxy.
     ZTIPCProxy *proxy = a->counterpart();
     a->invalidate();
