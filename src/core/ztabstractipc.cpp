@@ -82,7 +82,7 @@ void ZTAbstractIPC::initWithDictionary(const QVariantMap &dictionary)
 void ZTAbstractIPC::uuidInconsistency(const QString &expected) const
 {
     zt::assertionFailure(zt::format(u"AssignUUID Inconsistency: description not set (%@, %@, %d)",
-                                    m_description, expected, int(m_inDirectory)));
+                                    description(), expected, int(m_inDirectory)));
 }
 
 void ZTAbstractIPC::initWithUUID(const QString &uuid)
@@ -91,10 +91,11 @@ void ZTAbstractIPC::initWithUUID(const QString &uuid)
     const QString fixed = staticUUID();
     const QString use = fixed.isNull() ? uuid : fixed;
     assignUUID(use);
-    if (m_description != use)
+    const zt::PackedUUID packed(use);
+    if (m_uuid != packed)
         uuidInconsistency(use);
     init();
-    if (m_description != use)
+    if (m_uuid != packed)
         uuidInconsistency(use);
 }
 
@@ -111,7 +112,7 @@ void ZTAbstractIPC::init()
         assignUUID(zt::process::globallyUniqueString());
         m_published = false; // nobody else can know this UUID yet
     } else {
-        ZT_ASSERT(!m_description.isEmpty(), QStringLiteral("Counterpart should have a description set"));
+        ZT_ASSERT(!m_uuid.isEmpty(), QStringLiteral("Counterpart should have a description set"));
     }
 }
 
@@ -120,7 +121,7 @@ void ZTAbstractIPC::init()
 void ZTAbstractIPC::encodeWithCoder(zt::KeyedArchiver &coder) const
 {
     m_published = true;
-    coder.encodeObject(m_description, QStringLiteral("UUID"));
+    coder.encodeObject(description(), QStringLiteral("UUID"));
 }
 
 void ZTAbstractIPC::initWithCoder(zt::KeyedUnarchiver &coder)
@@ -159,13 +160,13 @@ void ZTAbstractIPC::assignUUID(const QString &uuid)
     if (m_inDirectory)
         zt::Exception::raise(QStringLiteral("AssignUUID Inconsistency"),
                              zt::format(u"Cannot assign UUID to %@ which is already in directory", this));
-    m_description = uuid;
+    m_uuid = zt::PackedUUID(uuid);
     if (registrationEnabled) {
         m_inDirectory = true;
-        m_registeredUUID = uuid;
+        m_registeredUUID = m_uuid;
         ZTDirectory::sharedInstance()->registerObject(this);
     }
-    if (m_description != uuid)
+    if (m_uuid != zt::PackedUUID(uuid))
         uuidInconsistency(uuid);
 }
 
@@ -173,14 +174,14 @@ void ZTAbstractIPC::dealloc()
 {
     if (m_inDirectory) {
         zt::log(ztCore, u"*** %@ %@ was torn down while still in the directory; its owner must invalidate it",
-                className(), m_registeredUUID);
+                className(), registeredUUID());
         ZTDirectory::sharedInstance()->removeEntryIfHolding(m_registeredUUID, this);
         m_inDirectory = false;
     }
     auto tokens = std::move(m_observers);
     m_observers.clear();
     tokens.clear();
-    m_description = QString();
+    m_uuid = zt::PackedUUID();
     if (m_counterpart) {
         m_counterpart->setParent(nullptr);
         m_counterpart.reset();
@@ -194,7 +195,7 @@ void ZTAbstractIPC::dealloc()
 ZTIPCProxy *ZTAbstractIPC::counterpart()
 {
     if (!m_counterpart && m_inDirectory) {
-        ZT_ASSERT(!m_description.isEmpty(), QStringLiteral("Cannot create counterpart for volatile object"));
+        ZT_ASSERT(!m_uuid.isEmpty(), QStringLiteral("Cannot create counterpart for volatile object"));
         m_counterpart = zt::make<ZTIPCProxy>();
         m_counterpart->setParent(this);
     }
@@ -210,7 +211,7 @@ QVariantMap ZTAbstractIPC::dictionary() const
 {
     m_published = true;
     QVariantMap d;
-    d.insert(QStringLiteral("description"), m_description);
+    d.insert(QStringLiteral("description"), description());
     auto *self = const_cast<ZTAbstractIPC *>(this);
     for (const zt::DictionaryEntry &entry : classInfo().dictionaryEntries()) {
         QVariant value = entry.getter->call(self, nullptr);
@@ -294,7 +295,7 @@ void ZTAbstractIPC::didChangeValuesAtIndexesForKey(zt::KeyValueChange kind, cons
 
 void ZTAbstractIPC::setDescription(const QString &description)
 {
-    m_description = description;
+    m_uuid = zt::PackedUUID(description);
 }
 
 void ZTAbstractIPC::setEnableInterProcessKVO(bool enable)

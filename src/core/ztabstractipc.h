@@ -1,12 +1,11 @@
 #pragma once
 // ZTAbstractIPC: the base of every model object that exists in both processes.
 //
-// Each object has a UUID (held in `description`, so printing an object prints
-// its UUID), enters the process's ZTDirectory under it, and owns at most one
-// ZTIPCProxy, its `counterpart`, standing for the mirror with the same UUID in
-// the other process. Every did-change announcement of a propagated key is
-// handed to the counterpart while this side is the directing one
-// (enableInterProcessKVO), so the change is repeated on the mirror.
+// Each object has a UUID (answered as `description`, so printing an object
+// prints its UUID; kept packed, see zt::PackedUUID), enters the process's ZTDirectory under it, and owns at
+// most one ZTIPCProxy, its `counterpart`, standing for the mirror with the same UUID in the other process.
+// Every did-change announcement of a propagated key is handed to the counterpart while this side is the
+// directing one (enableInterProcessKVO), so the change is repeated on the mirror.
 //
 // UUIDs: the agent invents them in init(); the client receives them through
 // createCounterpartWithUUID / initWithUUID; per-process singletons answer a
@@ -19,6 +18,7 @@
 #include "core/vdkvo.h"
 #include "core/ztipcproxy.h"
 #include "runtime/keyedarchive.h"
+#include "runtime/packeduuid.h"
 
 class ZT_EXPORT ZTAbstractIPC : public zt::Object, public zt::Coding
 {
@@ -113,7 +113,7 @@ public:
     // ---- accessors ----
     //! The UUID.
     //! @sel description
-    QString description() const override { return m_description; }
+    QString description() const override { return m_uuid.toString(); }
     //! @sel setDescription:
     void setDescription(const QString &description);
     //! @sel enableInterProcessKVO
@@ -157,7 +157,7 @@ public:
     //! publishes it for good.
     bool isPublished() const { return m_published; }
     //! The UUID the object entered the directory with; null if it never did.
-    const QString &registeredUUID() const { return m_registeredUUID; }
+    QString registeredUUID() const { return m_registeredUUID.toString(); }
 
 protected:
     void dealloc() override;
@@ -167,13 +167,15 @@ private:
     //! The counterpart when a change of `key` is to cross to the other process.
     ZTIPCProxy *propagatingProxy(const QString &key);
 
+    friend class ZTDirectory;
+
     QList<zt::Ref<VDKVO>> m_observers;
     zt::Ref<ZTIPCProxy> m_counterpart;
+    zt::PackedUUID m_uuid;
+    zt::PackedUUID m_registeredUUID;
+    int m_applyingOtherProcess = 0;
     bool m_inDirectory = false;
     bool m_awakeFromCoder = false;
     mutable bool m_published = true;
-    QString m_description;
     bool m_enableInterProcessKVO = false;
-    int m_applyingOtherProcess = 0;
-    QString m_registeredUUID;
 };

@@ -40,7 +40,7 @@ zt::Ref<ZTAbstractIPC> ZTDirectory::objectWithID(const QString &uuid) const
     if (ZTAbstractIPC *const *hit = m_lastHit->find(uuid)) {
         object = *hit;
     } else {
-        auto it = m_objects.constFind(uuid);
+        auto it = m_objects.constFind(zt::PackedUUID(uuid));
         if (it == m_objects.cend())
             return {};
         object = it->object;
@@ -60,7 +60,7 @@ void ZTDirectory::forgetLastHit()
 void ZTDirectory::registerObject(ZTAbstractIPC *object)
 {
     ZT_ASSERT(object, QStringLiteral("Directory can't register a null object"));
-    const QString uuid = object->description();
+    const zt::PackedUUID &uuid = object->m_uuid;
     ZT_ASSERT(!uuid.isNull(), QStringLiteral("Directory can't register a null-description object"));
     QMutexLocker locker(&m_lock);
     const qsizetype before = m_objects.size();
@@ -75,11 +75,15 @@ void ZTDirectory::registerObject(ZTAbstractIPC *object)
 void ZTDirectory::unregisterObject(ZTAbstractIPC *object)
 {
     ZT_ASSERT(object, QStringLiteral("Directory can't unregister a null object"));
-    const QString uuid = object->registeredUUID().isNull() ? object->description() : object->registeredUUID();
-    unregisterObjectWithID(uuid);
+    removeEntry(object->m_registeredUUID.isNull() ? object->m_uuid : object->m_registeredUUID);
 }
 
 void ZTDirectory::unregisterObjectWithID(const QString &uuid)
+{
+    removeEntry(zt::PackedUUID(uuid));
+}
+
+void ZTDirectory::removeEntry(const zt::PackedUUID &uuid)
 {
     ZT_ASSERT(!uuid.isNull(), QStringLiteral("Directory can't unregister a null-description object"));
     Entry removed;
@@ -91,7 +95,7 @@ void ZTDirectory::unregisterObjectWithID(const QString &uuid)
     // `removed.hold` is dropped here, outside the lock: it may free the object.
 }
 
-void ZTDirectory::removeEntryIfHolding(const QString &uuid, const ZTAbstractIPC *object)
+void ZTDirectory::removeEntryIfHolding(const zt::PackedUUID &uuid, const ZTAbstractIPC *object)
 {
     Entry removed;
     {

@@ -14,6 +14,7 @@
 // drops the directory's hold on that object, if it had one.
 
 #include "core/qksharedobject.h"
+#include "runtime/packeduuid.h"
 
 #include <QHash>
 #include <QMutex>
@@ -60,7 +61,8 @@ private:
     friend class ZTAbstractIPC;
     //! Removes the entry under `uuid` only if it holds `object`; used when an
     //! object is torn down while still registered.
-    void removeEntryIfHolding(const QString &uuid, const ZTAbstractIPC *object);
+    void removeEntryIfHolding(const zt::PackedUUID &uuid, const ZTAbstractIPC *object);
+    void removeEntry(const zt::PackedUUID &uuid);
     void forgetLastHit(); // under m_lock
     struct Entry
     {
@@ -68,7 +70,7 @@ private:
         zt::Ref<ZTAbstractIPC> hold; // set for objects the directory retains
     };
     mutable QMutex m_lock;
-    QHash<QString, Entry> m_objects;
+    QHash<zt::PackedUUID, Entry> m_objects;
     // The last object found, by the address of its ID's characters: decoded
     // messages name the same object with the same string over and over. Any
     // removal forgets it.

@@ -1,6 +1,7 @@
 // Unique strings name return handlers: random version-4 UUIDs in the
 // canonical upper-case form, different every time and from every thread.
 
+#include "runtime/packeduuid.h"
 #include "runtime/process.h"
 
 #include <QCoreApplication>
@@ -67,6 +68,48 @@ TEST(HugePageHeapRestart, RestartsOnceInPlaceKeepingOtherTunablesAndAnExplicitCh
         lines << QString::fromLatin1(expected) + u' ' + QFileInfo(executable).fileName().left(15);
         EXPECT_EQ(QString::fromLatin1(probe.readAllStandardOutput()).split(u'\n', Qt::SkipEmptyParts), lines);
     }
+}
+
+// UUIDs are kept packed: whatever text goes in comes back exactly, and two
+// values are equal (and hash alike) exactly when their texts are.
+TEST(PackedUUID, GivesBackTheTextItWasMadeFrom)
+{
+    const QString upper = zt::process::globallyUniqueString();
+    struct Row
+    {
+        const char *name;
+        QString text;
+        bool packed;
+    } rows[] = {
+        {"upper case", upper, true},
+        {"lower case", upper.toLower(), true},
+        {"digits only", QStringLiteral("01234567-8901-2345-6789-012345678901"), true},
+        {"all ones", QStringLiteral("FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF"), true},
+        {"mixed case", QStringLiteral("ABCDEF01-2345-6789-abcd-ef0123456789"), false},
+        {"braces", u'{' + upper + u'}', false},
+        {"dash misplaced", upper.left(7) + QStringLiteral("-0") + upper.mid(9), false},
+        {"not hex", upper.left(35) + u'G', false},
+        {"one short", upper.left(35), false},
+        {"fixed name", QStringLiteral("ZTAbstractConnectionController"), false},
+        {"empty", QStringLiteral(""), false},
+        {"null", QString(), false},
+    };
+    QSet<zt::PackedUUID> all;
+    for (const Row &row : rows) {
+        SCOPED_TRACE(row.name);
+        const zt::PackedUUID uuid(row.text);
+        EXPECT_EQ(uuid.isPacked(), row.packed);
+        EXPECT_EQ(uuid.toString(), row.text);
+        EXPECT_EQ(uuid.toString().isNull(), row.text.isNull());
+        EXPECT_EQ(uuid.isNull(), row.text.isNull());
+        EXPECT_EQ(uuid.isEmpty(), row.text.isEmpty());
+        EXPECT_EQ(zt::PackedUUID(QStringView(row.text)), uuid);
+        EXPECT_EQ(qHash(zt::PackedUUID(row.text), 7), qHash(uuid, 7));
+        all.insert(uuid);
+    }
+    // Every row's text differs ("empty" and "null" are one text), so every
+    // value but those two is distinct.
+    EXPECT_EQ(all.size(), qsizetype(std::size(rows)) - 1);
 }
 
 } // namespace
