@@ -90,8 +90,8 @@ void ZTAbstractIPC::initWithUUID(const QString &uuid)
     ZT_ASSERT(!ZTIPCProxy::isAgent(), QStringLiteral("Agent cannot call initWithUUID:"));
     const QString fixed = staticUUID();
     const QString use = fixed.isNull() ? uuid : fixed;
-    assignUUID(use);
     const zt::PackedUUID packed(use);
+    assignPacked(packed);
     if (m_uuid != packed)
         uuidInconsistency(use);
     init();
@@ -101,7 +101,7 @@ void ZTAbstractIPC::initWithUUID(const QString &uuid)
 
 void ZTAbstractIPC::init()
 {
-    m_observers.clear();
+    m_observers.reset();
     m_enableInterProcessKVO = ZTIPCProxy::isAgent();
     const QString fixed = staticUUID();
     if (!fixed.isNull()) {
@@ -109,7 +109,7 @@ void ZTAbstractIPC::init()
     } else if (m_awakeFromCoder) {
         // the coder assigned it
     } else if (ZTIPCProxy::isAgent()) {
-        assignUUID(zt::process::globallyUniqueString());
+        assignPacked(zt::process::globallyUniqueUUID());
         m_published = false; // nobody else can know this UUID yet
     } else {
         ZT_ASSERT(!m_uuid.isEmpty(), QStringLiteral("Counterpart should have a description set"));
@@ -145,9 +145,7 @@ void ZTAbstractIPC::invalidate()
     if (!m_inDirectory)
         return;
     zt::Ref<ZTAbstractIPC> keepAlive(this); // the directory may hold the last reference
-    auto tokens = std::move(m_observers);
-    m_observers.clear();
-    tokens.clear();
+    m_observers.reset();                    // ends the observations; the member is null while they run
     ZTDirectory::sharedInstance()->unregisterObject(this);
     nilify();
     m_inDirectory = false;
@@ -157,17 +155,24 @@ void ZTAbstractIPC::nilify() {}
 
 void ZTAbstractIPC::assignUUID(const QString &uuid)
 {
+    zt::PackedUUID packed(uuid);
+    assignPacked(packed);
+    if (m_uuid != packed)
+        uuidInconsistency(uuid);
+}
+
+void ZTAbstractIPC::assignPacked(zt::PackedUUID uuid)
+{
     if (m_inDirectory)
         zt::Exception::raise(QStringLiteral("AssignUUID Inconsistency"),
                              zt::format(u"Cannot assign UUID to %@ which is already in directory", this));
-    m_uuid = zt::PackedUUID(uuid);
+    m_uuid = std::move(uuid);
     if (registrationEnabled) {
         m_inDirectory = true;
-        m_registeredUUID = m_uuid;
+        m_wasRegistered = true;
+        m_registeredElsewhere.reset();
         ZTDirectory::sharedInstance()->registerObject(this);
     }
-    if (m_uuid != zt::PackedUUID(uuid))
-        uuidInconsistency(uuid);
 }
 
 void ZTAbstractIPC::dealloc()
@@ -175,12 +180,10 @@ void ZTAbstractIPC::dealloc()
     if (m_inDirectory) {
         zt::log(ztCore, u"*** %@ %@ was torn down while still in the directory; its owner must invalidate it",
                 className(), registeredUUID());
-        ZTDirectory::sharedInstance()->removeEntryIfHolding(m_registeredUUID, this);
+        ZTDirectory::sharedInstance()->removeEntryIfHolding(registeredPacked(), this);
         m_inDirectory = false;
     }
-    auto tokens = std::move(m_observers);
-    m_observers.clear();
-    tokens.clear();
+    m_observers.reset(); // ends the observations; the member is null while they run
     m_uuid = zt::PackedUUID();
     if (m_counterpart) {
         m_counterpart->setParent(nullptr);
@@ -295,7 +298,10 @@ void ZTAbstractIPC::didChangeValuesAtIndexesForKey(zt::KeyValueChange kind, cons
 
 void ZTAbstractIPC::setDescription(const QString &description)
 {
-    m_uuid = zt::PackedUUID(description);
+    zt::PackedUUID renamed(description);
+    if (m_wasRegistered && !m_registeredElsewhere && renamed != m_uuid)
+        m_registeredElsewhere = std::make_unique<zt::PackedUUID>(std::move(m_uuid));
+    m_uuid = std::move(renamed);
 }
 
 void ZTAbstractIPC::setEnableInterProcessKVO(bool enable)
@@ -305,10 +311,12 @@ void ZTAbstractIPC::setEnableInterProcessKVO(bool enable)
 
 void ZTAbstractIPC::setObservers(const QList<zt::Ref<VDKVO>> &observers)
 {
-    auto previous = std::exchange(m_observers, observers);
+    auto previous = std::exchange(m_observers, std::make_unique<QList<zt::Ref<VDKVO>>>(observers));
 }
 
 void ZTAbstractIPC::addObservationToken(zt::Ref<VDKVO> token)
 {
-    m_observers.append(std::move(token));
+    if (!m_observers)
+        m_observers = std::make_unique<QList<zt::Ref<VDKVO>>>();
+    m_observers->append(std::move(token));
 }

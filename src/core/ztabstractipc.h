@@ -121,7 +121,7 @@ public:
     //! @sel setEnableInterProcessKVO:
     void setEnableInterProcessKVO(bool enable);
     //! @sel observers
-    QList<zt::Ref<VDKVO>> observers() const { return m_observers; }
+    QList<zt::Ref<VDKVO>> observers() const { return m_observers ? *m_observers : QList<zt::Ref<VDKVO>>(); }
     //! @sel setObservers:
     void setObservers(const QList<zt::Ref<VDKVO>> &observers);
     //! Keeps a token alive for as long as the object observes.
@@ -157,23 +157,33 @@ public:
     //! publishes it for good.
     bool isPublished() const { return m_published; }
     //! The UUID the object entered the directory with; null if it never did.
-    QString registeredUUID() const { return m_registeredUUID.toString(); }
+    QString registeredUUID() const { return m_wasRegistered ? registeredPacked().toString() : QString(); }
 
 protected:
     void dealloc() override;
 
 private:
     [[noreturn]] void uuidInconsistency(const QString &expected) const;
+    void assignPacked(zt::PackedUUID uuid);
     //! The counterpart when a change of `key` is to cross to the other process.
     ZTIPCProxy *propagatingProxy(const QString &key);
 
     friend class ZTDirectory;
 
-    QList<zt::Ref<VDKVO>> m_observers;
+    std::unique_ptr<QList<zt::Ref<VDKVO>>> m_observers; // null until the first token
     zt::Ref<ZTIPCProxy> m_counterpart;
+    //! The UUID the directory holds the object under: its own unless it was
+    //! renamed by setDescription while registered.
+    const zt::PackedUUID &registeredPacked() const
+    {
+        return m_registeredElsewhere ? *m_registeredElsewhere : m_uuid;
+    }
+
+    // Every person and identity carries these: keep them small.
     zt::PackedUUID m_uuid;
-    zt::PackedUUID m_registeredUUID;
-    int m_applyingOtherProcess = 0;
+    std::unique_ptr<zt::PackedUUID> m_registeredElsewhere; // only after a rename
+    qint16 m_applyingOtherProcess = 0;
+    bool m_wasRegistered = false;
     bool m_inDirectory = false;
     bool m_awakeFromCoder = false;
     mutable bool m_published = true;

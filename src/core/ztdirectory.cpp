@@ -43,7 +43,7 @@ zt::Ref<ZTAbstractIPC> ZTDirectory::objectWithID(const QString &uuid) const
         auto it = m_objects.constFind(zt::PackedUUID(uuid));
         if (it == m_objects.cend())
             return {};
-        object = it->object;
+        object = *it;
         m_lastHit->store(uuid, object);
     }
     // The entry is a plain pointer: the object may already be on its way out
@@ -64,18 +64,18 @@ void ZTDirectory::registerObject(ZTAbstractIPC *object)
     ZT_ASSERT(!uuid.isNull(), QStringLiteral("Directory can't register a null-description object"));
     QMutexLocker locker(&m_lock);
     const qsizetype before = m_objects.size();
-    Entry &e = m_objects[uuid]; // one look-up: inserts an empty entry if there is none
+    ZTAbstractIPC *&entry = m_objects[uuid]; // one look-up: inserts a null entry if there is none
     if (m_objects.size() == before)
         return; // the first registration wins
-    e.object = object;
+    entry = object;
     if (object->isRetainedByDirectory())
-        e.hold = object;
+        m_held.insert(uuid, zt::Ref<ZTAbstractIPC>(object));
 }
 
 void ZTDirectory::unregisterObject(ZTAbstractIPC *object)
 {
     ZT_ASSERT(object, QStringLiteral("Directory can't unregister a null object"));
-    removeEntry(object->m_registeredUUID.isNull() ? object->m_uuid : object->m_registeredUUID);
+    removeEntry(object->registeredPacked());
 }
 
 void ZTDirectory::unregisterObjectWithID(const QString &uuid)
@@ -86,29 +86,26 @@ void ZTDirectory::unregisterObjectWithID(const QString &uuid)
 void ZTDirectory::removeEntry(const zt::PackedUUID &uuid)
 {
     ZT_ASSERT(!uuid.isNull(), QStringLiteral("Directory can't unregister a null-description object"));
-    Entry removed;
+    zt::Ref<ZTAbstractIPC> held;
     {
         QMutexLocker locker(&m_lock);
-        removed = m_objects.take(uuid);
+        if (m_objects.remove(uuid) && !m_held.isEmpty())
+            held = m_held.take(uuid);
         forgetLastHit();
     }
-    // `removed.hold` is dropped here, outside the lock: it may free the object.
+    // `held` is dropped here, outside the lock: it may free the object.
 }
 
 void ZTDirectory::removeEntryIfHolding(const zt::PackedUUID &uuid, const ZTAbstractIPC *object)
 {
-    Entry removed;
-    {
-        QMutexLocker locker(&m_lock);
-        auto it = m_objects.find(uuid);
-        if (it == m_objects.end() || it->object != object)
-            return;
-        removed = std::move(*it);
-        m_objects.erase(it);
-        forgetLastHit();
-    }
-    // An object being torn down was never held (the hold would have kept it
-    // alive), so dropping `removed` frees nothing.
+    QMutexLocker locker(&m_lock);
+    auto it = m_objects.find(uuid);
+    if (it == m_objects.end() || *it != object)
+        return;
+    m_objects.erase(it);
+    // An object being torn down was never held: the hold would have kept it
+    // alive.
+    forgetLastHit();
 }
 
 namespace {

@@ -64,13 +64,11 @@ private:
     void removeEntryIfHolding(const zt::PackedUUID &uuid, const ZTAbstractIPC *object);
     void removeEntry(const zt::PackedUUID &uuid);
     void forgetLastHit(); // under m_lock
-    struct Entry
-    {
-        ZTAbstractIPC *object = nullptr;
-        zt::Ref<ZTAbstractIPC> hold; // set for objects the directory retains
-    };
     mutable QMutex m_lock;
-    QHash<zt::PackedUUID, Entry> m_objects;
+    // A plain pointer per entry (a channel's people are most of them); the
+    // few objects the directory retains are held in a table of their own.
+    QHash<zt::PackedUUID, ZTAbstractIPC *> m_objects;
+    QHash<zt::PackedUUID, zt::Ref<ZTAbstractIPC>> m_held;
     // The last object found, by the address of its ID's characters: decoded
     // messages name the same object with the same string over and over. Any
     // removal forgets it.

@@ -79,19 +79,27 @@ QString ZTAbstractIdentity::awayMessage() const
     return m_status == StatusAway ? m_awayMessage : emptyString();
 }
 
+ZTAbstractIdentity::StatusImageCache &ZTAbstractIdentity::statusImageCache() const
+{
+    if (!m_statusImage)
+        m_statusImage = std::make_unique<StatusImageCache>();
+    return *m_statusImage;
+}
+
 QVariant ZTAbstractIdentity::statusImage() const
 {
-    if (m_status != m_lastStatus || !m_statusImage.isValid()) {
-        m_lastStatus = m_status;
-        m_statusImage = zt::model::transformedValue(
-            QString::fromLatin1(zt::model::StatusImageTransformerName), QVariant(qint64(m_status)));
+    StatusImageCache &cache = statusImageCache();
+    if (m_status != cache.lastStatus || !cache.image.isValid()) {
+        cache.lastStatus = m_status;
+        cache.image = zt::model::transformedValue(QString::fromLatin1(zt::model::StatusImageTransformerName),
+                                                  QVariant(qint64(m_status)));
     }
-    return m_statusImage;
+    return cache.image;
 }
 
 void ZTAbstractIdentity::setStatusImage(const QVariant &image)
 {
-    setAndNotify(m_statusImage, image, QStringLiteral("statusImage"));
+    setAndNotify(statusImageCache().image, image, QStringLiteral("statusImage"));
 }
 
 bool ZTAbstractIdentity::hasPrivilege(qint16 code) const

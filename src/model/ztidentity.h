@@ -127,8 +127,15 @@ protected:
     QString m_nickname;
 
 private:
-    mutable QVariant m_statusImage;
-    mutable qint16 m_lastStatus = 0;
+    // The cached picture of the status, made when first asked for: most
+    // identities (a channel's thousands of people) are never drawn.
+    struct StatusImageCache
+    {
+        QVariant image;
+        qint16 lastStatus = 0; // the status the image was made for
+    };
+    StatusImageCache &statusImageCache() const;
+    mutable std::unique_ptr<StatusImageCache> m_statusImage;
 };
 
 class ZT_EXPORT ZTAbstractNickCandidate : public ZTAbstractIPC

@@ -22,6 +22,9 @@ public:
     //! Keeps a null text null and an empty one empty.
     explicit PackedUUID(const QString &text);
 
+    //! Upper-case text of these bits, most significant digit first.
+    static PackedUUID fromBits(quint64 high, quint64 low);
+
     QString toString() const;
     bool isNull() const;
     bool isEmpty() const;

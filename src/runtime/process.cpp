@@ -4,7 +4,6 @@
 
 #include <QMutex>
 #include <QRandomGenerator>
-#include <QUuid>
 
 #include <cstdlib>
 #include <cstring>
@@ -44,27 +43,22 @@ void setApplicationIdentifier(const QString &id)
     identifier() = id;
 }
 
+PackedUUID globallyUniqueUUID()
+{
+    // A random (version 4) UUID. Each thread draws from its own generator,
+    // started once from the process-wide one (itself fed from the system's
+    // entropy): no lock and no system call, which matters because every
+    // remote call that awaits a result takes one.
+    QRandomGenerator64 &generator = fastpath::perThread<UniqueStringGenerator>().generator;
+    quint64 high = generator.generate(), low = generator.generate();
+    high = (high & ~quint64(0xF000)) | 0x4000;                    // version 4
+    low = (low & ~(quint64(0xC0) << 56)) | (quint64(0x80) << 56); // RFC 4122 variant
+    return PackedUUID::fromBits(high, low);
+}
+
 QString globallyUniqueString()
 {
-    // A random (version 4) UUID in upper case, 8-4-4-4-12. Each thread draws
-    // from its own generator, started once from the process-wide one (itself
-    // fed from the system's entropy): no lock and no system call, which
-    // matters because every remote call that awaits a result takes one.
-    QRandomGenerator64 &generator = fastpath::perThread<UniqueStringGenerator>().generator;
-    quint64 words[2] = {generator.generate(), generator.generate()};
-    auto *bytes = reinterpret_cast<uchar *>(words);
-    bytes[6] = uchar((bytes[6] & 0x0F) | 0x40); // version 4
-    bytes[8] = uchar((bytes[8] & 0x3F) | 0x80); // RFC 4122 variant
-    static constexpr char16_t hex[] = u"0123456789ABCDEF";
-    QString out(36, Qt::Uninitialized);
-    char16_t *p = reinterpret_cast<char16_t *>(out.data());
-    for (int i = 0; i < 16; ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10)
-            *p++ = u'-';
-        *p++ = hex[bytes[i] >> 4];
-        *p++ = hex[bytes[i] & 0x0F];
-    }
-    return out;
+    return globallyUniqueUUID().toString();
 }
 
 void restartWithHugePageHeap(char **argv)

@@ -3,6 +3,7 @@
 // "com.example.Zintaro2Agent"; an agent's ends with "Agent") and globally
 // unique strings.
 
+#include "runtime/packeduuid.h"
 #include "zt_export.h"
 
 #include <QString>
@@ -17,6 +18,8 @@ ZT_EXPORT void setApplicationIdentifier(const QString &identifier);
 //! A new globally unique string: upper-case UUID text without braces
 //! ("6F9619FF-8B86-D011-B42D-00C04FC964FF"), so it never holds "_".
 ZT_EXPORT QString globallyUniqueString();
+//! The same, packed (no string is made).
+ZT_EXPORT PackedUUID globallyUniqueUUID();
 
 //! Restarts the process image (same process ID, arguments and descriptors)
 //! with glibc's malloc asking for transparent huge pages for its heap
