@@ -2,10 +2,12 @@
 // ZTAbstractIPC: the base of every model object that exists in both processes.
 //
 // Each object has a UUID (answered as `description`, so printing an object
-// prints its UUID; kept packed, see zt::PackedUUID), enters the process's ZTDirectory under it, and owns at
-// most one ZTIPCProxy, its `counterpart`, standing for the mirror with the same UUID in the other process.
-// Every did-change announcement of a propagated key is handed to the counterpart while this side is the
-// directing one (enableInterProcessKVO), so the change is repeated on the mirror.
+// prints its UUID; held packed, see zt::PackedUUID), enters the process's
+// ZTDirectory under it, and owns at most one ZTIPCProxy, its `counterpart`,
+// standing for the mirror with the same UUID in the other process. Every
+// did-change announcement of a propagated key is handed to the counterpart
+// while this side is the directing one (enableInterProcessKVO), so the
+// change is repeated on the mirror.
 //
 // UUIDs: the agent invents them in init(); the client receives them through
 // createCounterpartWithUUID / initWithUUID; per-process singletons answer a
