@@ -20,8 +20,8 @@ constexpr std::array<quint8, 32> DigitPlaces = [] {
     return places;
 }();
 
-// Per ASCII character: the digit's value in the low four bits, Upper or Lower
-// for a letter, NotDigit for anything else.
+// Per ASCII character: the digit's value in the low four bits, UpperLetter or
+// LowerLetter for a letter, NotDigit for anything else.
 enum : quint8
 {
     UpperLetter = 0x10,
