@@ -137,14 +137,14 @@ bool PackedUUID::isEmpty() const
     return text && text->isEmpty();
 }
 
-size_t qHash(const PackedUUID &uuid, size_t seed) noexcept
+size_t qHash(const PackedUUID &uuid, size_t salt) noexcept
 {
     if (const QString *text = std::get_if<QString>(&uuid.m_value))
-        return qHash(*text, seed);
+        return qHash(*text, salt);
     const PackedUUID::Bits &bits = uuid.bits();
-    // Keyed by the table's seed: a peer that picks its UUIDs cannot aim them
-    // at one bucket.
-    return qHashMulti(seed, bits.high, bits.low, uuid.m_value.index());
+    // Keyed by the table's random salt: a peer that picks its UUIDs cannot
+    // aim them at one bucket.
+    return qHashMulti(salt, bits.high, bits.low, uuid.m_value.index());
 }
 
 } // namespace zt

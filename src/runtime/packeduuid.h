@@ -33,7 +33,7 @@ public:
 
     friend bool operator==(const PackedUUID &a, const PackedUUID &b) { return a.m_value == b.m_value; }
     friend bool operator!=(const PackedUUID &a, const PackedUUID &b) { return !(a == b); }
-    friend ZT_EXPORT size_t qHash(const PackedUUID &uuid, size_t seed) noexcept;
+    friend ZT_EXPORT size_t qHash(const PackedUUID &uuid, size_t salt) noexcept;
 
 private:
     struct Bits
