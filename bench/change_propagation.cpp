@@ -50,6 +50,16 @@ public:
     zt::Ref<CountingRoot> root = zt::make<CountingRoot>();
 };
 
+// A node a client mirrors: an agent object sends changes only once its
+// dictionary form has been made (it is published).
+zt::Ref<BenchNode> publishedNode()
+{
+    auto node = zt::make<BenchNode>();
+    node->init();
+    node->dictionary();
+    return node;
+}
+
 void agentRole()
 {
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.Zintaro2Agent"));
@@ -71,8 +81,7 @@ static void BM_AgentIntegerChangeToRemoteRoot(benchmark::State &state)
     agentRole();
     Delegate delegate;
     ZTApplication::setDelegate(&delegate);
-    auto node = zt::make<BenchNode>();
-    node->init();
+    auto node = publishedNode();
     // Model objects observe their own propagated keys (with an empty
     // callback); measure with that registration in place.
     node->addObservationToken(zt::observeKeyPathOptionsHandler(node.get(), QStringLiteral("count"), {},
@@ -93,8 +102,7 @@ static void BM_AgentStringChangeToRemoteRoot(benchmark::State &state)
     agentRole();
     Delegate delegate;
     ZTApplication::setDelegate(&delegate);
-    auto node = zt::make<BenchNode>();
-    node->init();
+    auto node = publishedNode();
     const QString a = QStringLiteral("Split-process IRC, correct to the last byte");
     const QString b = QStringLiteral("Topic set by the agent");
     bool flip = false;
@@ -111,8 +119,7 @@ static void BM_AgentRemovalToRemoteRoot(benchmark::State &state)
     agentRole();
     Delegate delegate;
     ZTApplication::setDelegate(&delegate);
-    auto node = zt::make<BenchNode>();
-    node->init();
+    auto node = publishedNode();
     for (auto _ : state) {
         node->didChangeValuesAtIndexesForKey(zt::KeyValueChange::Removal, zt::IndexSet{0},
                                              QStringLiteral("x"));
