@@ -167,6 +167,8 @@ void ZTAbstractIPC::assignPacked(zt::PackedUUID uuid)
         zt::Exception::raise(QStringLiteral("AssignUUID Inconsistency"),
                              zt::format(u"Cannot assign UUID to %@ which is already in directory", this));
     m_uuid = std::move(uuid);
+    if (m_counterpart)
+        m_counterpart->forgetParentUUID();
     if (registrationEnabled) {
         m_inDirectory = true;
         m_wasRegistered = true;
@@ -302,6 +304,8 @@ void ZTAbstractIPC::setDescription(const QString &description)
     if (m_wasRegistered && !m_registeredElsewhere && renamed != m_uuid)
         m_registeredElsewhere = std::make_unique<zt::PackedUUID>(std::move(m_uuid));
     m_uuid = std::move(renamed);
+    if (m_counterpart)
+        m_counterpart->forgetParentUUID();
 }
 
 void ZTAbstractIPC::setEnableInterProcessKVO(bool enable)

@@ -148,6 +148,13 @@ void ZTIPCProxy::clientDidChangeValuesAtIndexesForKey(quint64 kind, const zt::In
     changeValuesAtIndexes(kind, indexes, key, false);
 }
 
+const QString &ZTIPCProxy::parentUUID()
+{
+    if (m_parentUUID.isNull())
+        m_parentUUID = m_parent->description();
+    return m_parentUUID;
+}
+
 void ZTIPCProxy::changeValueForKey(const QString &key, bool agent)
 {
     if (!m_parent)
@@ -158,7 +165,7 @@ void ZTIPCProxy::changeValueForKey(const QString &key, bool agent)
                 zt::valueClassName(value), key, m_parent->className());
         return;
     }
-    send(AgentChange, ClientChange, agent, {value, key, m_parent->description()});
+    send(AgentChange, ClientChange, agent, {value, key, parentUUID()});
 }
 
 void ZTIPCProxy::changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes, const QString &key,
@@ -212,17 +219,17 @@ void ZTIPCProxy::changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes
         const QVariantList values = valuesAtIndexes();
         if (!canWireValues(values))
             return unsupported(values);
-        send(AgentInsert, ClientInsert, agent, {values, indexValue, key, m_parent->description()});
+        send(AgentInsert, ClientInsert, agent, {values, indexValue, key, parentUUID()});
         return;
     }
     case quint64(zt::KeyValueChange::Removal):
-        send(AgentRemove, ClientRemove, agent, {indexValue, key, m_parent->description()});
+        send(AgentRemove, ClientRemove, agent, {indexValue, key, parentUUID()});
         return;
     case quint64(zt::KeyValueChange::Replacement): {
         const QVariantList values = valuesAtIndexes();
         if (!canWireValues(values))
             return unsupported(values);
-        send(AgentReplace, ClientReplace, agent, {indexValue, values, key, m_parent->description()});
+        send(AgentReplace, ClientReplace, agent, {indexValue, values, key, parentUUID()});
         return;
     }
     default:
@@ -308,7 +315,7 @@ void ZTIPCProxy::forwardInvocation(zt::Invocation &invocation)
         return;
     const zt::Selector selector = invocation.selector();
     invocation.setSelector(
-        ZTForwardedSelector::format(prefix(), m_parent->className(), m_parent->description(), selector));
+        ZTForwardedSelector::format(prefix(), m_parent->className(), parentUUID(), selector));
     if (ZTApplicationDelegate *delegate = ZTApplication::delegate())
         delegate->sendForwardedInvocation(invocation, m_parent, selector);
     // else no connection: the call is lost

@@ -83,9 +83,18 @@ public:
     ZTAbstractIPC *parent() const { return m_parent; }
     //! Not retained: the parent owns the proxy.
     //! @sel setParent:
-    void setParent(ZTAbstractIPC *parent) { m_parent = parent; }
+    void setParent(ZTAbstractIPC *parent)
+    {
+        m_parent = parent;
+        m_parentUUID = QString();
+    }
+    //! Drops the parent's UUID text kept for messages; the parent calls it
+    //! when its UUID changes.
+    void forgetParentUUID() { m_parentUUID = QString(); }
 
 private:
+    //! The parent's UUID text, made once: every message names its object.
+    const QString &parentUUID();
     void changeValueForKey(const QString &key, bool agent);
     void changeValuesAtIndexes(quint64 kind, const zt::IndexSet &indexes, const QString &key, bool agent);
     //! Sends to the remote root; the client's messages lead with its client ID.
@@ -93,4 +102,5 @@ private:
               std::initializer_list<QVariant> arguments);
 
     ZTAbstractIPC *m_parent = nullptr;
+    QString m_parentUUID;
 };
