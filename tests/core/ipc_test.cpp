@@ -297,8 +297,12 @@ TEST_F(CoreTest, DirectingClientsSendTheFourClientMessagesLedByTheirId)
         {"client:didRemoveValuesAtIndexes:forKey:objectID:",
          {cid, QVariant::fromValue(IndexSet{0}), key, QStringLiteral("C-1")}},
     });
+    node->setDescription(QStringLiteral("C-9")); // renamed: later messages name the new UUID
+    node->setCount(7);
     node->stopDirectingKVOCommunication();
-    expectCalls({{"toAgent_TestNode_C-1_setEnableInterProcessKVO:", {true}}});
+    expectCalls({{"client:didChangeValue:forKey:objectID:",
+                  {cid, qint64(7), QStringLiteral("count"), QStringLiteral("C-9")}},
+                 {"toAgent_TestNode_C-9_setEnableInterProcessKVO:", {true}}});
 }
 
 // Changes that cannot cross are dropped with a log line; of the model objects
