@@ -1,10 +1,14 @@
 // The binary property-list writer. Two passes over the value:
 //  1. flatten: number every object in pre-order (a container before its
 //     children; a dictionary's keys, then its values), sharing equal scalars
-//     through a hash table, and add up each object's encoded size;
+//     through a hash table, and add up each object's encoded size. ASCII
+//     strings are narrowed into one arena as they are read, in object order;
 //  2. emit: with the object count and the total size known, the reference
 //     and offset widths are fixed, so the output is allocated once at its
 //     exact size and every object and offset-table entry is written in place.
+//     Strings come from the arena in one sequential run: reading each QString
+//     a second time, after a large value has pushed it out of the cache, was
+//     most of this pass.
 // This is the object order and the set of width choices CF makes, so small
 // values come out byte for byte as CF and plistlib write them.
 
@@ -43,20 +47,21 @@ enum class Kind : quint8
     Dict,
 };
 
+// 24 bytes: a large value has a million of these.
 struct Object
 {
     Kind kind;
-    int intWidth = 0;         // Int, Uid: payload width
-    qsizetype count = 0;      // Data, strings: length; Array: elements; Dict: pairs
-    qsizetype firstRef = 0;   // containers: index of their first reference in refs
-    qsizetype headerSize = 0; // marker, extended count and scalar payload
+    quint8 intWidth = 0; // Int, Uid: payload width
+    qsizetype count = 0; // Data, strings: length; Array: elements; Dict: pairs
     union {
         qint64 i;
         quint64 u;
         double d;
         float f;
-        const QString *s;
-        const QByteArray *b;
+        const QString *s;    // Utf16
+        const QByteArray *b; // Data
+        qsizetype at;        // Ascii: offset of its bytes in the arena
+        qsizetype firstRef;  // containers: index of their first reference in refs
     };
 };
 
@@ -86,8 +91,9 @@ private:
     qsizetype flattenString(const QString &s);
     qsizetype flattenContainer(const QVariant &value, int depth);
     template<typename It> qsizetype flattenEntries(It first, It last, qsizetype n, int depth);
-    qsizetype addScalar(Object object, quint64 hash);
-    qsizetype addObject(const Object &object);
+    //! `size`: the object's marker, extended count and payload.
+    qsizetype addScalar(const Object &object, quint64 hash, qsizetype size);
+    qsizetype addObject(const Object &object, qsizetype size);
     qsizetype fail(QString reason);
 
     bool sameScalar(const Object &a, const Object &b) const;
@@ -101,13 +107,24 @@ private:
             m_refs.reserve(std::max(size, 2 * m_refs.capacity()));
         m_refs.resize(size);
     }
+    //! Room for `size` arena bytes, growing geometrically.
+    void growAscii(qsizetype size)
+    {
+        if (size > m_ascii.capacity())
+            m_ascii.reserve(std::max(size, 2 * m_ascii.capacity()));
+        m_ascii.resize(size);
+    }
     uchar *emitObject(uchar *p, const Object &o, int refSize) const;
 
     QVarLengthArray<Object, 64> m_objects;
-    QVarLengthArray<qsizetype, 128> m_refs;
-    // Open-addressing table of shared scalars: object index + 1, 0 when free.
-    QVarLengthArray<quint32, 128> m_table;
-    QVarLengthArray<quint64, 128> m_tableHashes;
+    // Object indexes fit 32 bits (checked in addScalar and addObject).
+    QVarLengthArray<quint32, 128> m_refs;
+    QVarLengthArray<uchar, 256> m_ascii;
+    // Open-addressing table of shared scalars, one word a slot: the hash's
+    // high half (which also picks the slot) over object index + 1; 0 when
+    // free. One cache line per probe, not one for the index and one for the
+    // hash.
+    QVarLengthArray<quint64, 128> m_table;
     qsizetype m_tableUsed = 0;
     qsizetype m_boolIndex[2] = {-1, -1};
     qsizetype m_headerBytes = 0;
@@ -139,6 +156,8 @@ bool Writer::sameScalar(const Object &a, const Object &b) const
     case Kind::Data:
         return *a.b == *b.b;
     case Kind::Ascii:
+        return a.count == b.count &&
+               std::memcmp(m_ascii.constData() + a.at, m_ascii.constData() + b.at, size_t(a.count)) == 0;
     case Kind::Utf16:
         return *a.s == *b.s;
     default:
@@ -150,49 +169,52 @@ void Writer::growTable()
 {
     // Grown in place: QVarLengthArray's move assignment leaks its old heap
     // buffer in Qt 6.4.
-    const QVarLengthArray<quint32, 128> oldTable = m_table;
-    const QVarLengthArray<quint64, 128> oldHashes = m_tableHashes;
+    const QVarLengthArray<quint64, 128> oldTable = m_table;
     const qsizetype capacity = m_table.isEmpty() ? 64 : m_table.size() * 2;
     m_table.resize(capacity);
-    m_tableHashes.resize(capacity);
     std::fill(m_table.begin(), m_table.end(), 0);
-    const qsizetype mask = capacity - 1;
-    for (qsizetype i = 0; i < oldTable.size(); ++i) {
-        if (!oldTable[i])
+    const quint64 mask = quint64(capacity - 1);
+    for (const quint64 entry : oldTable) {
+        if (!entry)
             continue;
-        qsizetype slot = qsizetype(oldHashes[i]) & mask;
+        quint64 slot = (entry >> 32) & mask;
         while (m_table[slot])
             slot = (slot + 1) & mask;
-        m_table[slot] = oldTable[i];
-        m_tableHashes[slot] = oldHashes[i];
+        m_table[slot] = entry;
     }
 }
 
-qsizetype Writer::addScalar(Object object, quint64 hash)
+constexpr quint64 HighHalf = 0xffffffff00000000ULL;
+
+qsizetype Writer::addScalar(const Object &object, quint64 hash, qsizetype size)
 {
     if ((m_tableUsed + 1) * 2 > m_table.size())
         growTable();
-    const qsizetype mask = m_table.size() - 1;
-    qsizetype slot = qsizetype(hash) & mask;
-    while (const quint32 entry = m_table[slot]) {
-        if (m_tableHashes[slot] == hash && sameScalar(m_objects[entry - 1], object))
-            return entry - 1;
+    const quint64 mask = quint64(m_table.size() - 1);
+    const quint64 tag = hash & HighHalf;
+    quint64 slot = (hash >> 32) & mask;
+    while (const quint64 entry = m_table[slot]) {
+        const qsizetype index = qsizetype(quint32(entry)) - 1;
+        if ((entry & HighHalf) == tag && sameScalar(m_objects[index], object))
+            return index;
         slot = (slot + 1) & mask;
     }
-    if (m_objects.size() >= qsizetype(std::numeric_limits<quint32>::max()))
-        return fail(QStringLiteral("Property list invalid for format: too many objects"));
-    const qsizetype index = addObject(object);
-    m_table[slot] = quint32(index + 1);
-    m_tableHashes[slot] = hash;
+    const qsizetype index = addObject(object, size);
+    if (index < 0)
+        return index;
+    m_table[slot] = tag | quint64(index + 1);
     ++m_tableUsed;
     return index;
 }
 
-qsizetype Writer::addObject(const Object &object)
+qsizetype Writer::addObject(const Object &object, qsizetype size)
 {
+    // Index + 1 must fit the table's low half and a reference.
+    if (m_objects.size() >= qsizetype(std::numeric_limits<quint32>::max()))
+        return fail(QStringLiteral("Property list invalid for format: too many objects"));
     const qsizetype index = m_objects.size();
     m_objects.append(object);
-    m_headerBytes += object.headerSize;
+    m_headerBytes += size;
     return index;
 }
 
@@ -200,17 +222,32 @@ qsizetype Writer::flattenString(const QString &s)
 {
     const qsizetype n = s.size();
     const auto *units = reinterpret_cast<const char16_t *>(s.constData());
+    // Narrowed at the arena's end while checked; kept there only if the
+    // string is ASCII and not already present.
+    const qsizetype at = m_ascii.size();
+    growAscii(at + n);
+    uchar *bytes = m_ascii.data() + at;
     char16_t all = 0;
-    for (qsizetype i = 0; i < n; ++i)
+    for (qsizetype i = 0; i < n; ++i) {
         all |= units[i];
+        bytes[i] = uchar(units[i]);
+    }
     Object o{};
-    o.kind = all < 0x80 ? Kind::Ascii : Kind::Utf16;
     o.count = n;
+    const qsizetype objects = m_objects.size();
+    if (all < 0x80) {
+        o.kind = Kind::Ascii;
+        o.at = at;
+        const qsizetype index = addScalar(o, hashBytes(bytes, n, 0x5a), 1 + countSize(n) + n);
+        if (m_objects.size() == objects)
+            m_ascii.resize(at);
+        return index;
+    }
+    m_ascii.resize(at);
+    o.kind = Kind::Utf16;
     o.s = &s;
-    o.headerSize = 1 + countSize(n) + (o.kind == Kind::Ascii ? n : 2 * n);
-    // ASCII and UTF-16 forms of one text are never both present, so one salt
-    // serves both.
-    return addScalar(o, hashBytes(reinterpret_cast<const uchar *>(units), 2 * n, 0x5a));
+    return addScalar(o, hashBytes(reinterpret_cast<const uchar *>(units), 2 * n, 0x5b),
+                     1 + countSize(n) + 2 * n);
 }
 
 // A dictionary's entries, from a QVariantMap or a Dictionary: all keys
@@ -234,23 +271,26 @@ template<typename Pair> const QVariant &valueOf(const Pair &kv)
 
 template<typename It> qsizetype Writer::flattenEntries(It first, It last, qsizetype n, int depth)
 {
-    const qsizetype index = m_objects.size();
     Object o{};
     o.kind = Kind::Dict;
     o.count = n;
     o.firstRef = m_refs.size();
-    o.headerSize = 1 + countSize(n);
-    m_objects.append(o);
-    m_headerBytes += o.headerSize;
+    const qsizetype index = addObject(o, 1 + countSize(n));
+    if (index < 0)
+        return -1;
     growRefs(o.firstRef + 2 * n);
     qsizetype at = o.firstRef;
-    for (It it = first; it != last; ++it)
-        m_refs[at++] = flattenString(keyOf(*it));
+    for (It it = first; it != last; ++it) {
+        const qsizetype key = flattenString(keyOf(*it));
+        if (key < 0)
+            return -1;
+        m_refs[at++] = quint32(key);
+    }
     for (It it = first; it != last; ++it) {
         const qsizetype child = flatten(valueOf(*it), depth + 1);
         if (child < 0)
             return -1;
-        m_refs[at++] = child;
+        m_refs[at++] = quint32(child);
     }
     return index;
 }
@@ -260,7 +300,6 @@ qsizetype Writer::flattenContainer(const QVariant &value, int depth)
     if (depth >= MaxWriteDepth)
         return fail(zt::format(u"Property list invalid for format: containers nested deeper than %d levels",
                                MaxWriteDepth));
-    const qsizetype index = m_objects.size();
     Object o{};
     const int type = value.typeId();
     if (type == QMetaType::QVariantMap) {
@@ -273,32 +312,26 @@ qsizetype Writer::flattenContainer(const QVariant &value, int depth)
     }
     o.kind = Kind::Array;
     o.firstRef = m_refs.size();
-    if (type == QMetaType::QStringList) {
-        const QStringList &list = *static_cast<const QStringList *>(value.constData());
+    const auto elements = [&](const auto &list, auto flattenOne) -> qsizetype {
         o.count = list.size();
-        o.headerSize = 1 + countSize(o.count);
-        m_objects.append(o);
-        m_headerBytes += o.headerSize;
+        const qsizetype index = addObject(o, 1 + countSize(o.count));
+        if (index < 0)
+            return -1;
         growRefs(o.firstRef + o.count);
         qsizetype at = o.firstRef;
-        for (const QString &s : list)
-            m_refs[at++] = flattenString(s);
+        for (const auto &element : list) {
+            const qsizetype child = flattenOne(element);
+            if (child < 0)
+                return -1;
+            m_refs[at++] = quint32(child);
+        }
         return index;
-    }
-    const QVariantList &list = *static_cast<const QVariantList *>(value.constData());
-    o.count = list.size();
-    o.headerSize = 1 + countSize(o.count);
-    m_objects.append(o);
-    m_headerBytes += o.headerSize;
-    growRefs(o.firstRef + o.count);
-    qsizetype at = o.firstRef;
-    for (const QVariant &element : list) {
-        const qsizetype child = flatten(element, depth + 1);
-        if (child < 0)
-            return -1;
-        m_refs[at++] = child;
-    }
-    return index;
+    };
+    if (type == QMetaType::QStringList)
+        return elements(*static_cast<const QStringList *>(value.constData()),
+                        [this](const QString &s) { return flattenString(s); });
+    return elements(*static_cast<const QVariantList *>(value.constData()),
+                    [this, depth](const QVariant &v) { return flatten(v, depth + 1); });
 }
 
 qsizetype Writer::flatten(const QVariant &value, int depth)
@@ -311,12 +344,9 @@ qsizetype Writer::flatten(const QVariant &value, int depth)
         const bool b = *static_cast<const bool *>(value.constData());
         qsizetype &index = m_boolIndex[b];
         if (index < 0) {
-            index = m_objects.size();
             o.kind = Kind::Bool;
             o.i = b;
-            o.headerSize = 1;
-            m_objects.append(o);
-            m_headerBytes += 1;
+            index = addObject(o, 1);
         }
         return index;
     }
@@ -340,23 +370,21 @@ qsizetype Writer::flatten(const QVariant &value, int depth)
     case QMetaType::Double:
         o.kind = Kind::Real;
         o.d = *static_cast<const double *>(value.constData());
-        o.headerSize = 9;
-        return addScalar(o, mix(o.u ^ 0x23));
+        return addScalar(o, mix(o.u ^ 0x23), 9);
     case QMetaType::Float: {
         o.kind = Kind::Float32;
         o.f = *static_cast<const float *>(value.constData());
-        o.headerSize = 5;
         quint32 bits;
         std::memcpy(&bits, &o.f, sizeof bits);
-        return addScalar(o, mix(bits ^ 0x22));
+        return addScalar(o, mix(bits ^ 0x22), 5);
     }
     case QMetaType::QByteArray: {
         const QByteArray &data = *static_cast<const QByteArray *>(value.constData());
         o.kind = Kind::Data;
         o.b = &data;
         o.count = data.size();
-        o.headerSize = 1 + countSize(o.count) + o.count;
-        return addScalar(o, hashBytes(reinterpret_cast<const uchar *>(data.constData()), o.count, 0x40));
+        return addScalar(o, hashBytes(reinterpret_cast<const uchar *>(data.constData()), o.count, 0x40),
+                         1 + countSize(o.count) + o.count);
     }
     case QMetaType::QDateTime: {
         const auto seconds = detail::dateToSeconds(*static_cast<const QDateTime *>(value.constData()));
@@ -364,8 +392,7 @@ qsizetype Writer::flatten(const QVariant &value, int depth)
             return fail(QStringLiteral("Property list invalid for format: date is invalid or out of range"));
         o.kind = Kind::Date;
         o.d = *seconds;
-        o.headerSize = 9;
-        return addScalar(o, mix(o.u ^ 0x33));
+        return addScalar(o, mix(o.u ^ 0x33), 9);
     }
     case QMetaType::QVariantList:
     case QMetaType::QStringList:
@@ -378,21 +405,18 @@ qsizetype Writer::flatten(const QVariant &value, int depth)
             // Written once per appearance, as CF and plistlib do.
             o.kind = Kind::Uid;
             o.u = static_cast<const zt::Uid *>(value.constData())->value;
-            o.intWidth = byteWidth(o.u);
-            o.headerSize = 1 + o.intWidth;
-            return addObject(o);
+            o.intWidth = quint8(byteWidth(o.u));
+            return addObject(o, 1 + o.intWidth);
         }
         return fail(zt::format(u"Property list invalid for format: %@ objects are not property list objects",
                                valueClassName(value)));
     }
     // Integers.
     if (o.kind == Kind::BigUInt) {
-        o.headerSize = 17;
-        return addScalar(o, mix(o.u ^ 0x14));
+        return addScalar(o, mix(o.u ^ 0x14), 17);
     }
-    o.intWidth = o.i < 0 ? 8 : byteWidth(o.u);
-    o.headerSize = 1 + o.intWidth;
-    return addScalar(o, mix(o.u ^ 0x10));
+    o.intWidth = quint8(o.i < 0 ? 8 : byteWidth(o.u));
+    return addScalar(o, mix(o.u ^ 0x10), 1 + o.intWidth);
 }
 
 uchar *writeCount(uchar *p, quint8 marker, qsizetype n)
@@ -443,13 +467,11 @@ uchar *Writer::emitObject(uchar *p, const Object &o, int refSize) const
         if (o.count)
             std::memcpy(p, o.b->constData(), size_t(o.count));
         return p + o.count;
-    case Kind::Ascii: {
+    case Kind::Ascii:
         p = writeCount(p, AsciiString, o.count);
-        const auto *units = reinterpret_cast<const char16_t *>(o.s->constData());
-        for (qsizetype i = 0; i < o.count; ++i)
-            p[i] = uchar(units[i]);
+        if (o.count)
+            std::memcpy(p, m_ascii.constData() + o.at, size_t(o.count));
         return p + o.count;
-    }
     case Kind::Utf16: {
         p = writeCount(p, Utf16String, o.count);
         const auto *units = reinterpret_cast<const char16_t *>(o.s->constData());
@@ -468,7 +490,7 @@ uchar *Writer::emitObject(uchar *p, const Object &o, int refSize) const
         const bool dict = o.kind == Kind::Dict;
         p = writeCount(p, dict ? format::Dict : format::Array, o.count);
         const qsizetype refs = dict ? 2 * o.count : o.count;
-        const qsizetype *ref = m_refs.constData() + o.firstRef;
+        const quint32 *ref = m_refs.constData() + o.firstRef;
         if (refSize == 1) {
             for (qsizetype i = 0; i < refs; ++i)
                 p[i] = uchar(ref[i]);

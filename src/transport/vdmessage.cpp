@@ -227,12 +227,14 @@ bool appendScalarRecord(MessageBuffer &out, const QVariant &value)
 // dates.
 void appendGeneralRecord(MessageBuffer &out, const QVariant &boxed)
 {
-    if (!zt::plist::isPropertyList(boxed)) {
+    zt::Error error;
+    const QByteArray data = zt::plist::writeBinary(boxed, &error);
+    // The writer refuses what the check refuses, so the check (a walk of the
+    // whole value) runs only to tell the two failures apart.
+    if (!error.isNull() && !zt::plist::isPropertyList(boxed)) {
         zt::log(ztTransport, u"%@ is not a property list: %@", zt::valueClassName(boxed), boxed);
         zt::Exception::raise(QStringLiteral("EWREW"), QStringLiteral("QWEWQ"));
     }
-    zt::Error error;
-    const QByteArray data = zt::plist::writeBinary(boxed, &error);
     if (!error.isNull())
         zt::log(ztTransport, u"Could not serialize %@ (%@)", data, zt::valueClassName(data));
     out.appendRecord(data);
