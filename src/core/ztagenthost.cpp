@@ -1,6 +1,8 @@
 #include "core/ztagenthost.h"
 
+#include "core/ztdirectory.h"
 #include "runtime/fastpath_p.h"
+#include "runtime/indexset.h"
 #include "runtime/invocation.h"
 
 #include <QTimer>
@@ -142,14 +144,76 @@ void ZTAgentHost::onSocketDidAcceptNewSocket(VDConnection *, VDConnection *accep
     m_peers.append(std::move(peer));
 }
 
+namespace {
+
+// A list's elements after the first piece, which follow the handshake.
+struct StateTail
+{
+    QString objectID;
+    QString key;
+    qsizetype from;
+    QVariantList values;
+};
+
+// Moves the tails of long lists out of a dictionary form, depth first, the
+// dictionaries of objects in the directory only. What stays in a tail is
+// sent as it is (a piece is not split again).
+void takeTails(QVariant &value, qsizetype pieceSize, QList<StateTail> &tails)
+{
+    if (value.typeId() == QMetaType::QVariantList) {
+        for (QVariant &element : *static_cast<QVariantList *>(value.data()))
+            takeTails(element, pieceSize, tails);
+        return;
+    }
+    if (value.typeId() != QMetaType::QVariantMap)
+        return;
+    auto &map = *static_cast<QVariantMap *>(value.data());
+    const auto id = map.constFind(QStringLiteral("description"));
+    const zt::Ref<ZTAbstractIPC> object =
+        id == map.cend() || id->typeId() != QMetaType::QString
+            ? nullptr
+            : ZTDirectory::sharedInstance()->objectWithID(*static_cast<const QString *>(id->constData()));
+    for (auto it = map.begin(); it != map.end(); ++it) {
+        if (object && it->typeId() == QMetaType::QVariantList) {
+            auto &list = *static_cast<QVariantList *>(it->data());
+            // By index, one piece at a time: a key with no indexed insertion
+            // would take each piece as a copy of the whole list.
+            if (list.size() > pieceSize && object->classInfo().accessorsForKey(it.key()).insertMany) {
+                tails.append({object->description(), it.key(), pieceSize, list.mid(pieceSize)});
+                list.resize(pieceSize);
+            }
+        }
+        takeTails(*it, pieceSize, tails);
+    }
+}
+
+} // namespace
+
 void ZTAgentHost::rootDidReceiveRegisterClient(ZTRootObject *root)
 {
     Peer *peer = peerFor(root->connection());
     if (!peer || !m_root)
         return;
     VDConnection *connection = peer->connection.get();
-    connection->proxyForRemoteObject()->perform("handshakeFromAgent:", {m_root->dictionary()});
+    QVariant state = m_root->dictionary();
+    QList<StateTail> tails;
+    if (m_pieceSize > 0)
+        takeTails(state, m_pieceSize, tails);
+    zt::Object *client = connection->proxyForRemoteObject();
+    client->perform("handshakeFromAgent:", {state});
+    state.clear();
     connection->setAllowWriting(true);
+    for (StateTail &tail : tails) {
+        for (qsizetype at = 0; at < tail.values.size(); at += m_pieceSize) {
+            const qsizetype n = qMin(m_pieceSize, tail.values.size() - at);
+            client->perform(
+                "agentDidInsertValues:atIndexes:forKey:objectID:",
+                {tail.values.mid(at, n),
+                 QVariant::fromValue(zt::IndexSet::fromRange(quint64(tail.from + at), quint64(n))), tail.key,
+                 tail.objectID});
+        }
+        tail.values.clear(); // its memory goes as it is sent
+    }
     if (peer->registered)
         return; // registered again: the state was sent again, nothing else changes
     peer->registered = true;

@@ -4,6 +4,15 @@
 // "handshakeFromAgent:" carrying the dictionary form of the model's root
 // object (the initial state), then opens that client's write gate.
 //
+// A large initial state goes in pieces: a list in an object's dictionary
+// form longer than initialStatePieceSize(), under a key the object inserts
+// into by index, keeps its first piece in the handshake and the rest follows
+// at once, right after it, as that client's own insertions
+// ("agentDidInsertValues:atIndexes:forKey:objectID:") of a piece each. The
+// client builds each piece while the agent encodes the next, and a client's
+// model ends as it would from one message; it is complete once those
+// insertions are applied, before any later change.
+//
 // Clients: any number. A peer is a client once it registered; until then
 // nothing but the handshake is written to it. A peer that misbehaves (an
 // oversized length, a dropped connection) loses its own connection only.
@@ -50,6 +59,10 @@ public:
     void setRootClass(const zt::ClassInfo &cls) { m_rootClass = &cls; }
     //! What the clients' roots offer (default ZTRootObject::clientRootProtocol()). Not owned.
     void setClientProtocol(const zt::Protocol *protocol) { m_clientProtocol = protocol; }
+    //! The most elements of one list in one message of the initial state
+    //! (default 512); 0 sends the state as one message.
+    void setInitialStatePieceSize(qsizetype size) { m_pieceSize = qMax<qsizetype>(size, 0); }
+    qsizetype initialStatePieceSize() const { return m_pieceSize; }
 
     //! Listens (port 0: any free port) and becomes the application delegate.
     bool listen(const QString &interface, quint16 port, zt::Error *error = nullptr);
@@ -92,4 +105,5 @@ private:
     QList<Peer> m_peers;             // accepted, in order of acceptance
     QList<VDConnection *> m_clients; // registered, in order of registration
     zt::Ref<zt::Object> m_fanOut;
+    qsizetype m_pieceSize = 512;
 };

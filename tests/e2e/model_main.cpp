@@ -23,7 +23,8 @@ using namespace Qt::StringLiterals;
 namespace {
 
 QTextStream out(stdout);
-const QString GoneEntry = u"@gone"_s; // the snapshot's list of UUIDs that must have left
+const QString GoneEntry = u"@gone"_s;   // the snapshot's list of UUIDs that must have left
+const QString OrderEntry = u"@order"_s; // the root's UUID, then those of its objects in order
 
 // Controllers have a fixed UUID: the client makes them with plain init()
 // unless one of the class is registered already (the person list
@@ -150,7 +151,16 @@ public:
     {
         QStringList differences;
         for (auto it = snapshot.cbegin(); it != snapshot.cend(); ++it) {
-            if (it.key() == GoneEntry) {
+            if (it.key() == OrderEntry) {
+                const QStringList order = it.value().toStringList();
+                QStringList found{order.value(0)};
+                if (auto mirror = zt::dynamicCast<ScenarioRoot>(
+                        ZTDirectory::sharedInstance()->objectWithID(order.value(0))))
+                    for (const auto &object : mirror->objects())
+                        found.append(object->description());
+                if (found != order)
+                    differences.append(u"the root's objects are not in the agent's order"_s);
+            } else if (it.key() == GoneEntry) {
                 for (const QVariant &uuid : it.value().toList())
                     if (ZTDirectory::sharedInstance()->objectWithID(uuid.toString()))
                         differences.append(uuid.toString() + u": still in the directory"_s);
@@ -217,6 +227,10 @@ QVariantMap ScenarioContext::snapshot()
     };
     visit(directory->dictionary());
     visit(root->objectDictionaries());
+    QStringList order{root->description()}; // then its top-level objects' UUIDs, in order
+    for (const auto &object : root->objects())
+        order.append(object->description());
+    forms.insert(OrderEntry, order);
     const QStringList gone = QSet<QString>(seen).subtract(QSet(forms.keyBegin(), forms.keyEnd())).values();
     for (const QString &uuid : gone)
         if (registered->objectWithID(uuid))
@@ -287,6 +301,15 @@ int runAgent(QCoreApplication &app)
     protocol.addMethod("agentFinished:", zt::MethodSignature::fromTypes("v@:@"));
     protocol.addMethod("agentAsksClientToPerform:onObjectWithID:", zt::MethodSignature::fromTypes("v@:@@"));
     host->setClientProtocol(&protocol);
+    // The client's initial state in pieces: three identities the root holds
+    // before it connects reach it as one in the handshake and two insertions,
+    // and the first step's snapshot compares them.
+    host->setInitialStatePieceSize(1);
+    for (const QString &name : {u"early-1"_s, u"early-2"_s, u"early-3"_s}) {
+        auto identity = made<AgentSelfIdentity>();
+        setKeys(identity.get(), {u"username"_s, name, u"realname"_s, name.toUpper()});
+        agent.ctx.adopt(name, identity);
+    }
     if (!host->listen(u"127.0.0.1"_s, 0))
         return 1;
     out << "LISTENING " << host->port() << Qt::endl;
