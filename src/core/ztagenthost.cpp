@@ -4,6 +4,7 @@
 #include "runtime/fastpath_p.h"
 #include "runtime/indexset.h"
 #include "runtime/invocation.h"
+#include "runtime/members.h"
 
 #include <QTimer>
 
@@ -146,22 +147,37 @@ void ZTAgentHost::onSocketDidAcceptNewSocket(VDConnection *, VDConnection *accep
 
 namespace {
 
+using zt::detail::ListRemainder;
+
 // A list's elements after the first piece, which follow the handshake.
 struct StateTail
 {
     QString objectID;
     QString key;
     qsizetype from;
-    QVariantList values;
+    ListRemainder rest;
 };
 
-// Moves the tails of long lists out of a dictionary form, depth first, the
-// dictionaries of objects in the directory only. What stays in a tail is
-// sent as it is (a piece is not split again).
+// Takes a list's ListRemainder off its end, if it has one.
+std::optional<ListRemainder> takeRemainder(QVariantList &list)
+{
+    if (list.isEmpty() || list.constLast().metaType() != QMetaType::fromType<ListRemainder>())
+        return std::nullopt;
+    ListRemainder rest = list.takeLast().value<ListRemainder>();
+    return rest;
+}
+
+// Moves the tails of long lists out of a dictionary form made under a
+// DictionaryListLimit, depth first: a list under a key that its object (one
+// in the directory) inserts into by index keeps its first piece, the others
+// are made whole. A tail is sent as it is made (a piece is not split again).
 void takeTails(QVariant &value, qsizetype pieceSize, QList<StateTail> &tails)
 {
     if (value.typeId() == QMetaType::QVariantList) {
-        for (QVariant &element : *static_cast<QVariantList *>(value.data()))
+        auto &list = *static_cast<QVariantList *>(value.data());
+        if (auto rest = takeRemainder(list))
+            list += rest->make(list.size(), rest->total - list.size());
+        for (QVariant &element : list)
             takeTails(element, pieceSize, tails);
         return;
     }
@@ -174,15 +190,29 @@ void takeTails(QVariant &value, qsizetype pieceSize, QList<StateTail> &tails)
             ? nullptr
             : ZTDirectory::sharedInstance()->objectWithID(*static_cast<const QString *>(id->constData()));
     for (auto it = map.begin(); it != map.end(); ++it) {
-        if (object && it->typeId() == QMetaType::QVariantList) {
-            auto &list = *static_cast<QVariantList *>(it->data());
-            // By index, one piece at a time: a key with no indexed insertion
-            // would take each piece as a copy of the whole list.
-            if (list.size() > pieceSize && object->classInfo().accessorsForKey(it.key()).insertMany) {
-                tails.append({object->description(), it.key(), pieceSize, list.mid(pieceSize)});
+        if (it->typeId() != QMetaType::QVariantList) {
+            takeTails(*it, pieceSize, tails);
+            continue;
+        }
+        auto &list = *static_cast<QVariantList *>(it->data());
+        std::optional<ListRemainder> rest = takeRemainder(list);
+        // By index, one piece at a time: a key with no indexed insertion
+        // would take each piece as a copy of the whole list.
+        if (object && object->classInfo().accessorsForKey(it.key()).insertMany) {
+            if (!rest && list.size() > pieceSize) { // made whole: split what is there
+                const QVariantList made = list.mid(pieceSize);
+                rest = ListRemainder{
+                    [made, pieceSize](qsizetype from, qsizetype n) { return made.mid(from - pieceSize, n); },
+                    list.size()};
                 list.resize(pieceSize);
             }
+            if (rest) {
+                tails.append({object->description(), it.key(), list.size(), std::move(*rest)});
+                rest.reset();
+            }
         }
+        if (rest)
+            list += rest->make(list.size(), rest->total - list.size());
         takeTails(*it, pieceSize, tails);
     }
 }
@@ -195,24 +225,32 @@ void ZTAgentHost::rootDidReceiveRegisterClient(ZTRootObject *root)
     if (!peer || !m_root)
         return;
     VDConnection *connection = peer->connection.get();
-    QVariant state = m_root->dictionary();
+    QVariant state;
     QList<StateTail> tails;
-    if (m_pieceSize > 0)
+    if (m_pieceSize > 0) {
+        {
+            const zt::detail::DictionaryListLimit limit(m_pieceSize);
+            state = m_root->dictionary();
+        }
         takeTails(state, m_pieceSize, tails);
+    } else {
+        state = m_root->dictionary();
+    }
     zt::Object *client = connection->proxyForRemoteObject();
     client->perform("handshakeFromAgent:", {state});
     state.clear();
     connection->setAllowWriting(true);
+    // Each piece is made as it is sent: the client builds one while the
+    // agent makes and encodes the next.
     for (StateTail &tail : tails) {
-        for (qsizetype at = 0; at < tail.values.size(); at += m_pieceSize) {
-            const qsizetype n = qMin(m_pieceSize, tail.values.size() - at);
-            client->perform(
-                "agentDidInsertValues:atIndexes:forKey:objectID:",
-                {tail.values.mid(at, n),
-                 QVariant::fromValue(zt::IndexSet::fromRange(quint64(tail.from + at), quint64(n))), tail.key,
-                 tail.objectID});
+        for (qsizetype at = tail.from; at < tail.rest.total; at += m_pieceSize) {
+            const qsizetype n = qMin(m_pieceSize, tail.rest.total - at);
+            client->perform("agentDidInsertValues:atIndexes:forKey:objectID:",
+                            {tail.rest.make(at, n),
+                             QVariant::fromValue(zt::IndexSet::fromRange(quint64(at), quint64(n))), tail.key,
+                             tail.objectID});
         }
-        tail.values.clear(); // its memory goes as it is sent
+        tail.rest = {}; // what it holds goes as it is sent
     }
     if (peer->registered)
         return; // registered again: the state was sent again, nothing else changes

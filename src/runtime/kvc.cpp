@@ -369,4 +369,27 @@ void raiseBadObjects(const Object *object, const char *selector, qsizetype objec
                            object->className(), selector, quint64(objects), indexes));
 }
 
+namespace detail {
+
+namespace {
+thread_local qsizetype t_dictionaryListLimit = 0;
+} // namespace
+
+DictionaryListLimit::DictionaryListLimit(qsizetype limit) : m_previous(t_dictionaryListLimit)
+{
+    t_dictionaryListLimit = qMax<qsizetype>(limit, 0);
+}
+
+DictionaryListLimit::~DictionaryListLimit()
+{
+    t_dictionaryListLimit = m_previous;
+}
+
+qsizetype DictionaryListLimit::current()
+{
+    return t_dictionaryListLimit;
+}
+
+} // namespace detail
+
 } // namespace zt

@@ -47,6 +47,7 @@
 #include "runtime/kvc.h"
 #include "runtime/ref.h"
 
+#include <functional>
 #include <optional>
 
 namespace zt {
@@ -130,13 +131,54 @@ inline QStringList keyPathList(std::initializer_list<const char *> keyPaths)
     return out;
 }
 
+//! The rest of a list of dictionaries that dictionariesOf() left unmade
+//! under a DictionaryListLimit: `make(from, count)` makes those elements.
+//! Not a property-list value: whoever sets the limit takes it out.
+struct ListRemainder
+{
+    std::function<QVariantList(qsizetype from, qsizetype count)> make;
+    qsizetype total = 0; // the whole list's length
+};
+
+//! While one is alive, dictionariesOf() on this thread makes only the first
+//! `limit` dictionaries of a longer list and ends it with a ListRemainder
+//! (the agent sends a large initial state in pieces, each made as it goes).
+class ZT_EXPORT DictionaryListLimit
+{
+public:
+    explicit DictionaryListLimit(qsizetype limit);
+    ~DictionaryListLimit();
+    DictionaryListLimit(const DictionaryListLimit &) = delete;
+    DictionaryListLimit &operator=(const DictionaryListLimit &) = delete;
+    //! This thread's limit; 0 when none.
+    static qsizetype current();
+
+private:
+    qsizetype m_previous;
+};
+
+//! A wired list of `size` elements, `make(from, count)` making a run of
+//! them: the whole list, or under a DictionaryListLimit its first piece and
+//! a ListRemainder for the rest.
+template<typename Make> QVariantList limitedList(qsizetype size, Make make)
+{
+    const qsizetype limit = DictionaryListLimit::current();
+    if (limit <= 0 || size <= limit)
+        return make(0, size);
+    QVariantList out = make(0, limit);
+    out.append(QVariant::fromValue(ListRemainder{std::move(make), size}));
+    return out;
+}
+
 template<typename T> QVariantList dictionariesOf(const QList<Ref<T>> &list)
 {
-    QVariantList out;
-    out.reserve(list.size());
-    for (const Ref<T> &object : list)
-        out.append(object->dictionary());
-    return out;
+    return limitedList(list.size(), [list](qsizetype from, qsizetype count) {
+        QVariantList out;
+        out.reserve(count);
+        for (qsizetype i = from; i < from + count; ++i)
+            out.append(list[i]->dictionary());
+        return out;
+    });
 }
 
 //! The elements at `indexes`, each made by `value` (an object's value or its

@@ -104,11 +104,13 @@ public:
 
     QVariantList objectDictionaries() const
     {
-        QVariantList entries;
-        for (const zt::Ref<ZTAbstractIPC> &object : m_objects)
-            entries.append(
-                QVariantMap{{u"class"_s, object->className()}, {u"dictionary"_s, object->dictionary()}});
-        return entries;
+        return zt::detail::limitedList(m_objects.size(), [objects = m_objects](qsizetype from, qsizetype n) {
+            QVariantList entries;
+            for (const zt::Ref<ZTAbstractIPC> &object : objects.mid(from, n))
+                entries.append(
+                    QVariantMap{{u"class"_s, object->className()}, {u"dictionary"_s, object->dictionary()}});
+            return entries;
+        });
     }
     void setObjectDictionaries(const QVariantList &entries) { setObjects(mirrorsOf(entries)); }
     void insertObjectDictionariesAtIndexes(const QVariantList &entries, const zt::IndexSet &indexes)
