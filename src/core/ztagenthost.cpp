@@ -158,63 +158,93 @@ struct StateTail
     ListRemainder rest;
 };
 
-// Takes a list's ListRemainder off its end, if it has one.
-std::optional<ListRemainder> takeRemainder(QVariantList &list)
+// A list's ListRemainder, if it ends with one.
+const ListRemainder *remainderOf(const QVariantList &list)
 {
     if (list.isEmpty() || list.constLast().metaType() != QMetaType::fromType<ListRemainder>())
-        return std::nullopt;
-    ListRemainder rest = list.takeLast().value<ListRemainder>();
-    return rest;
+        return nullptr;
+    return static_cast<const ListRemainder *>(list.constLast().constData());
 }
 
-// Moves the tails of long lists out of a dictionary form made under a
-// DictionaryListLimit, depth first: a list under a key that its object (one
-// in the directory) inserts into by index keeps its first piece, the others
-// are made whole. A tail is sent as it is made (a piece is not split again).
-void takeTails(QVariant &value, qsizetype pieceSize, QList<StateTail> &tails)
+std::optional<QVariant> withTails(const QVariant &value, qsizetype pieceSize, QList<StateTail> &tails);
+
+// The list with its tail taken (when `owner` inserts into `key` by index) or
+// its remainder made, and its elements' tails taken; nullopt when nothing
+// changes. A list the owner inserts into, made whole and longer than a
+// piece, is split the same way.
+std::optional<QVariantList> listWithTails(const QVariantList &list, qsizetype pieceSize,
+                                          QList<StateTail> &tails, const ZTAbstractIPC *owner,
+                                          const QString &key)
+{
+    std::optional<QVariantList> out;
+    const ListRemainder *remainder = remainderOf(list);
+    const qsizetype made = remainder ? list.size() - 1 : list.size();
+    // By index, one piece at a time: a key with no indexed insertion would
+    // take each piece as a copy of the whole list.
+    if ((remainder || made > pieceSize) && owner && owner->classInfo().accessorsForKey(key).insertMany) {
+        const qsizetype kept = qMin(made, pieceSize);
+        ListRemainder rest = remainder
+                                 ? *remainder
+                                 : ListRemainder{[after = list.mid(kept), kept](qsizetype from, qsizetype n) {
+                                                     return after.mid(from - kept, n);
+                                                 },
+                                                 made};
+        tails.append({owner->description(), key, kept, std::move(rest)});
+        out = list.first(kept);
+    } else if (remainder) {
+        out = list.first(made) + remainder->make(made, remainder->total - made);
+    }
+    const QVariantList &elements = out ? *out : list;
+    for (qsizetype i = 0; i < elements.size(); ++i) {
+        if (std::optional<QVariant> changed = withTails(elements[i], pieceSize, tails)) {
+            if (!out)
+                out = list;
+            (*out)[i] = std::move(*changed);
+        }
+    }
+    return out;
+}
+
+// Takes the tails of long lists out of a dictionary form made under a
+// DictionaryListLimit, depth first, reading it only: a container is copied
+// (one level) only on the way to a change, so the lines and other shared
+// values of a large model are neither copied nor detached. Answers the
+// changed value, or nullopt when nothing under it changes.
+std::optional<QVariant> withTails(const QVariant &value, qsizetype pieceSize, QList<StateTail> &tails)
 {
     if (value.typeId() == QMetaType::QVariantList) {
-        auto &list = *static_cast<QVariantList *>(value.data());
-        if (auto rest = takeRemainder(list))
-            list += rest->make(list.size(), rest->total - list.size());
-        for (QVariant &element : list)
-            takeTails(element, pieceSize, tails);
-        return;
+        auto list = listWithTails(*static_cast<const QVariantList *>(value.constData()), pieceSize, tails,
+                                  nullptr, {});
+        return list ? std::optional<QVariant>(std::move(*list)) : std::nullopt;
     }
     if (value.typeId() != QMetaType::QVariantMap)
-        return;
-    auto &map = *static_cast<QVariantMap *>(value.data());
-    const auto id = map.constFind(QStringLiteral("description"));
-    const zt::Ref<ZTAbstractIPC> object =
-        id == map.cend() || id->typeId() != QMetaType::QString
-            ? nullptr
-            : ZTDirectory::sharedInstance()->objectWithID(*static_cast<const QString *>(id->constData()));
-    for (auto it = map.begin(); it != map.end(); ++it) {
-        if (it->typeId() != QMetaType::QVariantList) {
-            takeTails(*it, pieceSize, tails);
-            continue;
-        }
-        auto &list = *static_cast<QVariantList *>(it->data());
-        std::optional<ListRemainder> rest = takeRemainder(list);
-        // By index, one piece at a time: a key with no indexed insertion
-        // would take each piece as a copy of the whole list.
-        if (object && object->classInfo().accessorsForKey(it.key()).insertMany) {
-            if (!rest && list.size() > pieceSize) { // made whole: split what is there
-                const QVariantList made = list.mid(pieceSize);
-                rest = ListRemainder{
-                    [made, pieceSize](qsizetype from, qsizetype n) { return made.mid(from - pieceSize, n); },
-                    list.size()};
-                list.resize(pieceSize);
+        return std::nullopt;
+    const auto &map = *static_cast<const QVariantMap *>(value.constData());
+    std::optional<QVariantMap> out;
+    std::optional<zt::Ref<ZTAbstractIPC>> owner; // looked up when a list may be split
+    for (auto it = map.cbegin(); it != map.cend(); ++it) {
+        std::optional<QVariant> changed;
+        if (it->typeId() == QMetaType::QVariantList) {
+            const auto &list = *static_cast<const QVariantList *>(it->constData());
+            if (!owner && (list.size() > pieceSize || remainderOf(list))) {
+                const QVariant id = map.value(QStringLiteral("description"));
+                owner = id.typeId() == QMetaType::QString
+                            ? ZTDirectory::sharedInstance()->objectWithID(id.toString())
+                            : zt::Ref<ZTAbstractIPC>();
             }
-            if (rest) {
-                tails.append({object->description(), it.key(), list.size(), std::move(*rest)});
-                rest.reset();
-            }
+            if (auto changedList =
+                    listWithTails(list, pieceSize, tails, owner ? owner->get() : nullptr, it.key()))
+                changed = QVariant(std::move(*changedList));
+        } else {
+            changed = withTails(*it, pieceSize, tails);
         }
-        if (rest)
-            list += rest->make(list.size(), rest->total - list.size());
-        takeTails(*it, pieceSize, tails);
+        if (changed) {
+            if (!out)
+                out = map;
+            out->insert(it.key(), std::move(*changed));
+        }
     }
+    return out ? std::optional<QVariant>(std::move(*out)) : std::nullopt;
 }
 
 } // namespace
@@ -232,7 +262,8 @@ void ZTAgentHost::rootDidReceiveRegisterClient(ZTRootObject *root)
             const zt::detail::DictionaryListLimit limit(m_pieceSize);
             state = m_root->dictionary();
         }
-        takeTails(state, m_pieceSize, tails);
+        if (std::optional<QVariant> changed = withTails(state, m_pieceSize, tails))
+            state = std::move(*changed);
     } else {
         state = m_root->dictionary();
     }

@@ -10,7 +10,10 @@
 // a mirror directs, its changes go to the agent, led by clientID().
 //
 // Events (on the event loop of the thread that connected):
-//   nodeDidBecomeReady  the mirror of the agent's root holds the initial state
+//   nodeDidBecomeReady  the mirror of the agent's root holds the handshake's
+//                       state; the pieces of long lists that follow it (see
+//                       ZTAgentHost) arrive as insertions, before any later
+//                       change
 //   nodeDidDisconnect   the link is gone (also when connecting failed)
 
 #include "core/ztapplication.h"
@@ -47,7 +50,7 @@ public:
     void setAgentProtocol(const zt::Protocol *protocol) { m_agentProtocol = protocol; }
     void setClientID(const QVariant &id) { m_clientID = id; }
     //! What one message from the agent may make this process build (the
-    //! initial state of a large model is one message); applied on connecting.
+    //! handshake of a large model is one message); applied on connecting.
     void setDecodeLimits(const vd::DecodeLimits &limits) { m_decodeLimits = limits; }
 
     //! Connects, registers once connected, and becomes the application delegate.
