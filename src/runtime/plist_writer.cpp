@@ -83,9 +83,6 @@ class Writer
 {
 public:
     QByteArray write(const QVariant &root, Error *error);
-    //! Ready for the next value, keeping what its arrays hold up to a
-    //! message's worth (below); a larger value's arrays are freed.
-    void reset();
 
 private:
     // Answers the object's index, or -1 after recording why the value is not
@@ -599,45 +596,9 @@ qsizetype writeScalarBinary(const QVariant &value, uchar *out)
     return tableOffset + 1 + TrailerSize;
 }
 
-void Writer::reset()
-{
-    const auto keep = [](auto &array, qsizetype most) {
-        array.clear();
-        if (array.capacity() > most)
-            array.squeeze();
-    };
-    keep(m_objects, 16 * 1024); // 384 KB
-    keep(m_refs, 32 * 1024);
-    keep(m_ascii, 256 * 1024);
-    // The table is cleared slot by slot: it keeps the size the last value
-    // needed, so a small value after a large one does not clear a large table.
-    qsizetype slots = 64;
-    while (slots < 2 * (m_tableUsed + 1))
-        slots *= 2;
-    if (slots > 16 * 1024 || m_tableUsed == 0) {
-        m_table.clear();
-        m_table.squeeze();
-    } else {
-        m_table.resize(slots);
-        std::fill(m_table.begin(), m_table.end(), 0);
-    }
-    m_tableUsed = 0;
-    m_boolIndex[0] = m_boolIndex[1] = -1;
-    m_headerBytes = 0;
-    m_failure.clear();
-}
-
 QByteArray writeBinary(const QVariant &value, Error *error)
 {
-    // One writer per thread, kept between values: the change messages of a
-    // busy model each need no allocation and no table growth of their own.
-    // The writer calls out to nothing, so it is never entered twice.
-    thread_local Writer writer;
-    struct Reset
-    {
-        Writer &w;
-        ~Reset() { w.reset(); }
-    } reset{writer};
+    Writer writer;
     return writer.write(value, error);
 }
 
