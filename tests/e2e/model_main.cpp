@@ -229,16 +229,16 @@ QVariantMap ScenarioContext::snapshot()
     };
     visit(directory->dictionary());
     visit(root->objectDictionaries());
-    QStringList order{root->description()}; // then its top-level objects' UUIDs, in order
-    for (const auto &object : root->objects())
-        order.append(object->description());
-    forms.insert(OrderEntry, order);
     const QStringList gone = QSet<QString>(seen).subtract(QSet(forms.keyBegin(), forms.keyEnd())).values();
     for (const QString &uuid : gone)
         if (registered->objectWithID(uuid))
             QTextStream(stderr) << uuid << ": still in the agent's directory" << Qt::endl;
     seen.unite(QSet(forms.keyBegin(), forms.keyEnd()));
     forms.insert(GoneEntry, gone);
+    QStringList order{root->description()}; // then its top-level objects' UUIDs, in order
+    for (const auto &object : root->objects())
+        order.append(object->description());
+    forms.insert(OrderEntry, order);
     return forms;
 }
 
