@@ -105,8 +105,6 @@ const auto unarchived = [](const QByteArray &data) {
 };
 } // namespace
 
-// ---- UUIDs and registration ----
-
 // Agent objects get fresh UUIDs (their form is the UUID generator's test) and
 // are registered under them; registration off makes volatile objects that
 // never send.
@@ -194,8 +192,6 @@ TEST_F(CoreTest, UuidAndDirectoryRulesAndTheirAssertionTexts)
     }
 }
 
-// ---- the directory ----
-
 // The first registration of an ID wins, whatever class is asked for. Repeated
 // look-ups with one string are remembered; whatever leaves the directory
 // (invalidated, torn down while registered) is never answered again, also when
@@ -267,8 +263,6 @@ TEST_F(CoreTest, ArchivesKeepOrRecreateTheUuid)
     old->invalidate();
 }
 
-// ---- change messages ----
-
 TEST_F(CoreTest, DirectingClientsSendTheFourClientMessagesLedByTheirId)
 {
     playRole(false);
@@ -337,8 +331,6 @@ TEST_F(CoreTest, UnwireableChangesAreDroppedWithTheirLogLines)
          {QVariantList{other->dictionary()}, QStringLiteral("childDictionaries"), id}},
     });
 }
-
-// ---- block observation ----
 
 TEST_F(CoreTest, TokensObserveForTheirLifetime)
 {

@@ -1,5 +1,5 @@
 // Channels: dictionary form and encoding, outgoing commands, people and
-// their departure, line counts, stars, line look-ups and the archive.
+// their departure, line counts, stars and line look-ups.
 #include "model_fixture.h"
 
 TEST_F(ModelTest, DictionaryFormsCountersAndEncoding)
@@ -167,14 +167,4 @@ TEST_F(ModelTest, LinesAndStars)
     EXPECT_TRUE(channel->content().isEmpty());
     EXPECT_TRUE(channel->history().isEmpty());
     EXPECT_EQ(channel->unreadLines(), 0u);
-}
-
-TEST_F(ModelTest, ChannelArchiveKeepsItsUUID)
-{
-    auto channel = make<AgentChannel>();
-    const QString uuid = channel->description();
-    auto decoded = roundTrip<AgentChannel>(channel.get());
-    ASSERT_TRUE(decoded);
-    EXPECT_EQ(decoded->description(), uuid);
-    EXPECT_EQ(decoded->status(), 0); // init ran
 }

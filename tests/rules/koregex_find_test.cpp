@@ -1,12 +1,9 @@
-// Compiling and finding: options, ranges, the position count, groups, names,
-// enumeration and descriptions.
+// Compiling and finding: options, ranges, the position count, groups, names
+// and enumeration.
 
 #include "regex_support.h"
 
-#include "runtime/format.h"
 #include "runtime/value.h"
-
-#include <QRegularExpression>
 
 using namespace regextest;
 using zt::Ref;
@@ -14,8 +11,6 @@ using zt::Ref;
 namespace {
 
 constexpr auto R = [](qsizetype location, qsizetype length) { return KORange{location, length}; };
-
-// ---- compilation ----
 
 TEST(KORegexCompile, InitWithoutPatternAndPatternLists)
 {
@@ -32,26 +27,6 @@ TEST(KORegexCompile, InitWithoutPatternAndPatternLists)
     EXPECT_TRUE(list[0]->findInString(qs("xAx")));
     EXPECT_TRUE(list[1]->findInString(qs("BBB")));
 }
-
-TEST(KORegexCompile, Descriptions)
-{
-    auto regex = compile("(a)(z)?");
-    const QString text = regex->description();
-    EXPECT_TRUE(QRegularExpression(qs("^<KORegex: 0x[0-9a-f]+>\\[pattern: \\(a\\)\\(z\\)\\?\\]$"))
-                    .match(text)
-                    .hasMatch())
-        << text.toStdString();
-    EXPECT_EQ(zt::format(u"%@", regex), text);
-
-    const QString matchText = regex->findInString(qs("ba"))->description();
-    const auto parts = QRegularExpression(qs("^<KORegexMatch: 0x[0-9a-f]+> \\{\n(.*)\\}$"),
-                                          QRegularExpression::DotMatchesEverythingOption)
-                           .match(matchText);
-    ASSERT_TRUE(parts.hasMatch()) << matchText.toStdString();
-    EXPECT_EQ(parts.captured(1), qs("\t0 {1, 1} a\n\t1 {1, 1} a\n\t2 {9223372036854775807, 0} (null)\n"));
-}
-
-// ---- finding in a string and in ranges ----
 
 TEST(KORegexFind, FirstAndAllMatches)
 {
@@ -144,8 +119,6 @@ TEST(KORegexFind, RangePassingTheEndRaises)
     }
 }
 
-// ---- groups of a match ----
-
 TEST(KORegexMatchGroups, ParticipationAndText)
 {
     auto match = compile("(a)|(b)(x*)")->findInString(qs("cb"));
@@ -183,8 +156,6 @@ TEST(KORegexMatchGroups, Named)
     EXPECT_EQ(compile("(?J)(?<n>a)|(?<n>b)")->findInString(qs("b"))->groupNamed(qs("n")), qs("b"));
 }
 
-// ---- enumeration ----
-
 TEST(KORegexEnumerator, LazyAndExhausted)
 {
     auto enumerator = compile("\\d+")->findEnumeratorInString(qs("a1b22c333"));
@@ -203,8 +174,6 @@ TEST(KORegexEnumerator, LazyAndExhausted)
     ASSERT_TRUE(astral->nextObject());
     EXPECT_EQ(astral->range(), R(3, 3));
 }
-
-// ---- selectors ----
 
 TEST(KORegexSelectors, ReachableByName)
 {

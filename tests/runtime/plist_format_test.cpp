@@ -13,43 +13,22 @@ using namespace plisttest;
 
 namespace {
 
+// The writer's bytes are compared with plistlib's in plist_oracle_test.cpp;
+// these are the values that comparison cannot make.
 TEST(PlistWriter, ExactBytes)
 {
     const struct
     {
         const char *name;
         QVariant value;
-        const char *objects, *offsets; // the trailer follows from them
+        const char *object;
     } rows[] = {
-        // Integers in 1, 2, 4 and 8 bytes by magnitude; negatives always 8.
-        {"integer_widths", QVariantList{255, 256, 65536, qlonglong(1) << 32, -1},
-         "a5 0102030405 10ff 110100 1200010000 130000000100000000 13ffffffffffffffff", "080e10131821"},
-        {"unsigned_above_int64_in_16_bytes", std::numeric_limits<qulonglong>::max(),
-         "14 0000000000000000 ffffffffffffffff", "08"},
-        // ASCII as bytes, anything else as UTF-16BE, equal strings once.
-        {"strings_ascii_utf16_shared",
-         QVariantList{QStringLiteral("abc"), QStringLiteral("\u00e9"), QStringLiteral("abc")},
-         "a3 010201 53616263 6100e9", "080c10"},
-        // Keys before values; one object per boolean value.
-        {"dictionary_keys_first_booleans_shared",
-         QVariantMap{{QStringLiteral("a"), QVariantList{false, true}}, {QStringLiteral("b"), true}},
-         "d2 01020305 5161 5162 a20405 08 09", "080d0f111415"},
-        {"extended_count", QVariantList{0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14},
-         "af100f 0102030405060708090a0b0c0d0e0f"
-         " 1000 1001 1002 1003 1004 1005 1006 1007 1008 1009 100a 100b 100c 100d 100e",
-         "081a1c1e20222426282a2c2e30323436"},
-        {"date_seconds_since_2001", utcDate(978307201500), "33 3ff8000000000000", "08"},
-        {"float_as_float32", QVariant(1.5f), "22 3fc00000", "08"},
-        {"real_as_float64", QVariant(-0.0), "23 8000000000000000", "08"},
+        {"float_as_float32", QVariant(1.5f), "22 3fc00000"},
+        {"negative_zero_as_float64", QVariant(-0.0), "23 8000000000000000"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        const QByteArray objects = hexBytes(row.objects), offsets = hexBytes(row.offsets);
-        // Trailer: 6 unused bytes, 1-byte offsets and references, the object
-        // count, top object 0, and where the offset table starts.
-        const QByteArray file = "bplist00" + objects + offsets + QByteArray(6, '\0') + "\x01\x01" +
-                                Assembly::bigEndian(quint64(offsets.size()), 8) + Assembly::bigEndian(0, 8) +
-                                Assembly::bigEndian(quint64(8 + objects.size()), 8);
+        const QByteArray file = assemble({hexBytes(row.object)});
         EXPECT_EQ(plist::writeBinary(row.value).toHex().toStdString(), file.toHex().toStdString());
         const auto read = plist::readBinary(file);
         ASSERT_TRUE(read.has_value());
@@ -150,7 +129,6 @@ TEST(PlistReader, ReadsWellFormedFilesWeWouldNotWrite)
                    hexBytes("13 0000000000000005")}),
          QVariantList{5, 5, 5}},
         {"int128_negative", assemble({hexBytes("14 ffffffffffffffff fffffffffffffffe")}), qlonglong(-2)},
-        {"float32", assemble({hexBytes("22 3fc00000")}), 1.5},
         {"null_reads_null_marker", assemble({hexBytes("a1 01"), hexBytes("00")}), QVariantList{nullValue()}},
         {"extended_count_for_short_string", assemble({hexBytes("5f 1003 616263")}), QStringLiteral("abc")},
         {"three_byte_refs_and_offsets",

@@ -68,9 +68,12 @@ inline QList<QByteArray> tokens(const QVariant &v, bool strict = false)
     }
 }
 
-//! Equal token lists, or where they first differ.
-inline testing::AssertionResult sameTokens(const QList<QByteArray> &x, const QList<QByteArray> &y)
+//! Equality that also requires the same kinds (bool, signed, unsigned), the
+//! same bits for reals and the same instant for dates; else where the typed
+//! dumps first differ.
+inline testing::AssertionResult sameValue(const QVariant &a, const QVariant &b)
 {
+    const QList<QByteArray> x = tokens(a, true), y = tokens(b, true);
     if (x == y)
         return testing::AssertionSuccess();
     qsizetype i = 0;
@@ -79,13 +82,6 @@ inline testing::AssertionResult sameTokens(const QList<QByteArray> &x, const QLi
     return testing::AssertionFailure() << "token " << i << " of " << x.size() << " and " << y.size()
                                        << " differs: " << x.value(i).left(100).toStdString() << " vs "
                                        << y.value(i).left(100).toStdString();
-}
-
-//! Equality that also requires the same kinds (bool, signed, unsigned), the
-//! same bits for reals and the same instant for dates.
-inline testing::AssertionResult sameValue(const QVariant &a, const QVariant &b)
-{
-    return sameTokens(tokens(a, true), tokens(b, true));
 }
 
 //! Assembles a binary property list from raw object bodies, so tests can

@@ -104,8 +104,6 @@ TEST(AttributedString, RangesOutsideTheTextRaise)
     EXPECT_THROW(AttributedString().attributesAt(0), zt::Exception);
 }
 
-// ---- labels: attributed strings made by the shared helpers ----
-
 const QColor Grey = QColor::fromRgbF(0.5f, 0.5f, 0.5f);
 const QColor SelectedGrey = QColor::fromRgbF(0.8f, 0.8f, 0.8f);
 

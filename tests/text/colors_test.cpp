@@ -10,7 +10,6 @@ namespace {
 
 using namespace Qt::StringLiterals;
 
-// The exact pieces of the HTML form.
 const QString Bold = u"<span style=\"font-weight:bold;display:inline\">"_s;
 const QString Italic = u"<span style=\"font-style:italic;display:inline\">"_s;
 const QString Underline = u"<span style=\"text-decoration:underline;display:inline\">"_s;
@@ -81,9 +80,10 @@ TEST(ColorCodes, ConvertsToHtmlAndPlainText)
         // The view overload takes the same path without the shared fast return.
         EXPECT_EQ(irc::parseColorCodes(QStringView(input), true), expectedHtml);
         // Text without codes comes back as it is, sharing its data.
-        if (input == expectedPlain)
+        if (input == expectedPlain) {
             EXPECT_TRUE(irc::coloredString(input).isSharedWith(input) &&
                         irc::strippedString(input).isSharedWith(input));
+        }
     }
 }
 

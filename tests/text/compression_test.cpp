@@ -70,8 +70,6 @@ TEST(CompressionRoundTrip, EmptyInputIsAnsweredAsItIs)
     }
 }
 
-// ---- Python's zlib and gzip as the other side ----
-
 // Reads what we wrote, writes what we must read: for every name, raw_<name>
 // holds the data, ours_zlib_<name> and ours_gzip_<name> our output; the
 // script fails on a mismatch and writes py_zlib_<name> and py_gzip_<name>.
@@ -122,8 +120,6 @@ TEST(CompressionAgainstPython, BothDirectionsAgree)
         EXPECT_TRUE(gzipInflate(theirZlib) == input.data);
     }
 }
-
-// ---- damaged and mislabelled input ----
 
 const QByteArray hello = QByteArray("hello");
 const QByteArray helloZlib = hex("789ccb48cdc9c90700062c0215");
