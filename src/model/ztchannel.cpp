@@ -347,6 +347,10 @@ void ZTAbstractChannel::resetUsers()
     mutableUsers().removeAllObjects();
 }
 
+ZTAbstractChannel::FoldedNickname::FoldedNickname(const QString &nickname)
+    : text(nickname.toCaseFolded()), hash(qHash(text, QHashSeed::globalSeed()))
+{}
+
 void ZTAbstractChannel::indexUsersFrom(qsizetype first) const
 {
     if (!m_userIndexValid)
@@ -355,9 +359,9 @@ void ZTAbstractChannel::indexUsersFrom(qsizetype first) const
         const auto identity = m_users[i]->identity();
         if (!identity)
             continue;
-        QString key = identity->nickname().toCaseFolded();
-        if (!m_userIndex.contains(key))
-            m_userIndex.insert(std::move(key), m_users[i].get());
+        ZTAbstractPerson *&entry = m_userIndex[FoldedNickname(identity->nickname())];
+        if (!entry) // the first user of a nickname keeps it
+            entry = m_users[i].get();
     }
 }
 
@@ -371,7 +375,7 @@ zt::Ref<ZTAbstractPerson> ZTAbstractChannel::personWithName(const QString &name)
         m_userIndexGeneration = generation;
         indexUsersFrom(0);
     }
-    if (ZTAbstractPerson *candidate = m_userIndex.value(name.toCaseFolded())) {
+    if (ZTAbstractPerson *candidate = m_userIndex.value(FoldedNickname(name))) {
         const auto identity = candidate->identity();
         if (identity && identity->nickname().compare(name, Qt::CaseInsensitive) == 0)
             return zt::Ref<ZTAbstractPerson>(candidate);

@@ -274,9 +274,24 @@ private:
 
     zt::Ref<ZTAbstractAdvancedSettings> m_advancedSettings;
     QList<zt::Ref<ZTAbstractPerson>> m_users;
+    // A case-folded nickname with its hash, made once: a probe compares
+    // hashes before it reads another key's characters, which in a channel of
+    // tens of thousands are rarely in the cache.
+    struct FoldedNickname
+    {
+        QString text;
+        size_t hash;
+        explicit FoldedNickname(const QString &nickname);
+        friend bool operator==(const FoldedNickname &a, const FoldedNickname &b)
+        {
+            return a.hash == b.hash && a.text == b.text;
+        }
+        // Made with the tables' process-wide random salt.
+        friend size_t qHash(const FoldedNickname &key, size_t) noexcept { return key.hash; }
+    };
     // Case-folded nickname → first user of it. Valid while it covers
     // exactly m_users and no identity was renamed since it was made.
-    mutable QHash<QString, ZTAbstractPerson *> m_userIndex;
+    mutable QHash<FoldedNickname, ZTAbstractPerson *> m_userIndex;
     mutable bool m_userIndexValid = false;
     mutable quint64 m_userIndexGeneration = 0;
     QVariant m_highlightDictionaries;
