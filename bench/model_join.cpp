@@ -449,7 +449,7 @@ int main(int argc, char **argv)
 {
     // The helpers this process starts inherit the environment, the peer's
     // included: every process of the benchmark runs with the same heap.
-    zt::process::restartWithHugePageHeap(argv);
+    zt::process::restartWithTunedHeap(argv);
     QCoreApplication app(argc, argv);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))

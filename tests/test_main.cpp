@@ -18,7 +18,7 @@ int main(int argc, char **argv)
     if (std::getenv("ZT_PROBE_HEAP_RESTART")) {
         std::printf("pid %d\n", int(::getpid()));
         std::fflush(stdout);
-        zt::process::restartWithHugePageHeap(argv);
+        zt::process::restartWithTunedHeap(argv);
         std::string name;
         std::getline(std::ifstream("/proc/self/comm"), name);
         std::printf("%s %s\n", std::getenv("GLIBC_TUNABLES"), name.c_str()); // set by now

@@ -448,7 +448,7 @@ void ClientRoot::registerMembers(zt::ClassBuilder<ClientRoot> &b)
 
 int main(int argc, char **argv)
 {
-    zt::process::restartWithHugePageHeap(argv);
+    zt::process::restartWithTunedHeap(argv);
     QCoreApplication app(argc, argv);
     if (app.arguments().contains(QStringLiteral("--agent")))
         return runAgent(app);

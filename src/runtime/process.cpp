@@ -61,16 +61,24 @@ QString globallyUniqueString()
     return globallyUniqueUUID().toString();
 }
 
-void restartWithHugePageHeap(char **argv)
+void restartWithTunedHeap(char **argv)
 {
-    static constexpr char Tunable[] = "glibc.malloc.hugetlb";
+    static constexpr std::pair<const char *, const char *> Tunables[] = {
+        {"glibc.malloc.hugetlb", "1"}, {"glibc.malloc.tcache_count", "1000"}};
     const char *found = std::getenv("GLIBC_TUNABLES");
-    if (found && std::strstr(found, Tunable))
-        return; // settled already: by the user, or by the restart
     const std::optional<std::string> current = found ? std::optional<std::string>(found) : std::nullopt;
-    std::string tunables = current && !current->empty() ? *current + ':' : std::string();
-    tunables += Tunable;
-    tunables += "=1";
+    // Each tunable the environment leaves unset is added; after the restart
+    // none is, so the process restarts once at most.
+    std::string tunables = current.value_or(std::string());
+    for (const auto &[name, value] : Tunables) {
+        if (found && std::strstr(found, name))
+            continue; // settled already: by the user, or by the restart
+        if (!tunables.empty())
+            tunables += ':';
+        tunables += std::string(name) + '=' + value;
+    }
+    if (current && tunables == *current)
+        return;
     if (::setenv("GLIBC_TUNABLES", tunables.c_str(), 1) != 0)
         return;
     // Through the executable's own path: exec names the process after the
@@ -82,7 +90,7 @@ void restartWithHugePageHeap(char **argv)
         ::execv(path, argv);
     }
     // The restart failed (no /proc, say): go on as we are, without the
-    // tunable in the environment of the processes we start.
+    // tunables in the environment of the processes we start.
     if (current)
         ::setenv("GLIBC_TUNABLES", current->c_str(), 1);
     else

@@ -41,13 +41,17 @@ TEST(GloballyUniqueString, IsAnUpperCaseVersion4UuidNeverRepeatedInAnyThread)
 
 // The test executable is its own probe (tests/test_main.cpp): it prints its
 // process ID on each start, then its tunables and name once past the restart.
-TEST(HugePageHeapRestart, RestartsOnceInPlaceKeepingOtherTunablesAndAnExplicitChoice)
+TEST(TunedHeapRestart, RestartsOnceInPlaceKeepingOtherTunablesAndExplicitChoices)
 {
     const QString executable = QCoreApplication::applicationFilePath();
     const std::pair<const char *, const char *> rows[] = {
-        {nullptr, "glibc.malloc.hugetlb=1"},
-        {"glibc.malloc.check=0", "glibc.malloc.check=0:glibc.malloc.hugetlb=1"},
-        {"glibc.malloc.hugetlb=0", "glibc.malloc.hugetlb=0"}, // an explicit choice stands
+        {nullptr, "glibc.malloc.hugetlb=1:glibc.malloc.tcache_count=1000"},
+        {"glibc.malloc.check=0",
+         "glibc.malloc.check=0:glibc.malloc.hugetlb=1:glibc.malloc.tcache_count=1000"},
+        // explicit choices stand
+        {"glibc.malloc.hugetlb=0", "glibc.malloc.hugetlb=0:glibc.malloc.tcache_count=1000"},
+        {"glibc.malloc.tcache_count=7:glibc.malloc.hugetlb=0",
+         "glibc.malloc.tcache_count=7:glibc.malloc.hugetlb=0"},
     };
     for (const auto &[given, expected] : rows) {
         SCOPED_TRACE(given ? given : "unset");

@@ -179,7 +179,7 @@ public:
 
 int main(int argc, char **argv)
 {
-    zt::process::restartWithHugePageHeap(argv);
+    zt::process::restartWithTunedHeap(argv);
     QCoreApplication app(argc, argv);
     zt::process::setApplicationIdentifier(QStringLiteral("com.zintaro.BenchModelAgent"));
     Agent agent;
