@@ -10,6 +10,8 @@
 
 #include <QSet>
 
+#include <bit>
+
 ZT_DEFINE_CLASS(ZTAbstractChannel)
 
 namespace {
@@ -347,9 +349,68 @@ void ZTAbstractChannel::resetUsers()
     mutableUsers().removeAllObjects();
 }
 
-ZTAbstractChannel::FoldedNickname::FoldedNickname(const QString &nickname)
-    : text(nickname.toCaseFolded()), hash(qHash(text, QHashSeed::globalSeed()))
-{}
+namespace {
+
+// The hash of a nickname's case-folded form, with the process's random hash
+// salt (nicknames come from the network). ASCII, nearly every nickname, is
+// folded on the stack.
+size_t foldedNicknameHash(QStringView nickname)
+{
+    char16_t folded[64];
+    if (nickname.size() <= qsizetype(std::size(folded))) {
+        qsizetype n = 0;
+        for (const QChar c : nickname) {
+            const char16_t u = c.unicode();
+            if (u >= 0x80) {
+                n = -1;
+                break;
+            }
+            folded[n++] = u >= u'A' && u <= u'Z' ? char16_t(u + (u'a' - u'A')) : u;
+        }
+        if (n >= 0)
+            return qHash(QStringView(folded, n), QHashSeed::globalSeed());
+    }
+    return qHash(nickname.toString().toCaseFolded(), QHashSeed::globalSeed());
+}
+
+bool isNamed(const ZTAbstractPerson *person, QStringView name)
+{
+    const auto identity = person->identity();
+    return identity && identity->nickname().compare(name, Qt::CaseInsensitive) == 0;
+}
+
+} // namespace
+
+size_t ZTAbstractChannel::userIndexSlot(QStringView name, size_t hash, bool *disagrees) const
+{
+    const size_t mask = m_userIndex.size() - 1;
+    for (size_t at = hash & mask;; at = (at + 1) & mask) {
+        const UserIndexSlot &slot = m_userIndex[at];
+        if (!slot.person)
+            return at;
+        if (slot.hash == hash) {
+            if (isNamed(slot.person, name))
+                return at;
+            if (disagrees)
+                *disagrees = true;
+        }
+    }
+}
+
+void ZTAbstractChannel::resizeUserIndex(size_t slots) const
+{
+    std::vector<UserIndexSlot> old(slots);
+    old.swap(m_userIndex);
+    const size_t mask = slots - 1;
+    for (const UserIndexSlot &slot : old) {
+        if (!slot.person)
+            continue;
+        size_t at = slot.hash & mask;
+        while (m_userIndex[at].person)
+            at = (at + 1) & mask;
+        m_userIndex[at] = slot;
+    }
+}
 
 void ZTAbstractChannel::indexUsersFrom(qsizetype first) const
 {
@@ -359,9 +420,15 @@ void ZTAbstractChannel::indexUsersFrom(qsizetype first) const
         const auto identity = m_users[i]->identity();
         if (!identity)
             continue;
-        ZTAbstractPerson *&entry = m_userIndex[FoldedNickname(identity->nickname())];
-        if (!entry) // the first user of a nickname keeps it
-            entry = m_users[i].get();
+        if (size_t(m_userIndexCount + 1) * 2 > m_userIndex.size())
+            resizeUserIndex(std::max<size_t>(16, m_userIndex.size() * 2));
+        const QString nickname = identity->nickname();
+        const size_t hash = foldedNicknameHash(nickname);
+        UserIndexSlot &slot = m_userIndex[userIndexSlot(nickname, hash, nullptr)];
+        if (slot.person)
+            continue; // the first user of a nickname keeps it
+        slot = UserIndexSlot{hash, m_users[i].get()};
+        ++m_userIndexCount;
     }
 }
 
@@ -370,25 +437,23 @@ zt::Ref<ZTAbstractPerson> ZTAbstractChannel::personWithName(const QString &name)
     const quint64 generation = zt::model::nicknameGeneration();
     if (!m_userIndexValid || m_userIndexGeneration != generation) {
         m_userIndex.clear();
-        m_userIndex.reserve(m_users.size());
+        m_userIndexCount = 0;
+        resizeUserIndex(std::bit_ceil(std::max<size_t>(16, size_t(m_users.size()) * 2 + 2)));
         m_userIndexValid = true;
         m_userIndexGeneration = generation;
         indexUsersFrom(0);
     }
-    if (ZTAbstractPerson *candidate = m_userIndex.value(FoldedNickname(name))) {
-        const auto identity = candidate->identity();
-        if (identity && identity->nickname().compare(name, Qt::CaseInsensitive) == 0)
-            return zt::Ref<ZTAbstractPerson>(candidate);
-    } else {
+    bool disagrees = false;
+    if (ZTAbstractPerson *found =
+            m_userIndex[userIndexSlot(name, foldedNicknameHash(name), &disagrees)].person)
+        return zt::Ref<ZTAbstractPerson>(found);
+    if (!disagrees)
         return {};
-    }
     // The index disagrees with the people (changed without a rename being
     // noted): read the list itself.
-    for (const auto &person : m_users) {
-        const auto identity = person->identity();
-        if (identity && identity->nickname().compare(name, Qt::CaseInsensitive) == 0)
+    for (const auto &person : m_users)
+        if (isNamed(person.get(), name))
             return person;
-    }
     return {};
 }
 

@@ -32,6 +32,8 @@
 #include "core/ztabstractipc.h"
 #include "runtime/members.h"
 
+#include <vector>
+
 class ZTAbstractConnection;
 class ZTAbstractPerson;
 class ZTAbstractBan;
@@ -274,24 +276,24 @@ private:
 
     zt::Ref<ZTAbstractAdvancedSettings> m_advancedSettings;
     QList<zt::Ref<ZTAbstractPerson>> m_users;
-    // A case-folded nickname with its hash, made once: a probe compares
-    // hashes before it reads another key's characters, which in a channel of
-    // tens of thousands are rarely in the cache.
-    struct FoldedNickname
-    {
-        QString text;
-        size_t hash;
-        explicit FoldedNickname(const QString &nickname);
-        friend bool operator==(const FoldedNickname &a, const FoldedNickname &b)
-        {
-            return a.hash == b.hash && a.text == b.text;
-        }
-        // Made with the tables' process-wide random salt.
-        friend size_t qHash(const FoldedNickname &key, size_t) noexcept { return key.hash; }
-    };
     // Case-folded nickname → first user of it. Valid while it covers
-    // exactly m_users and no identity was renamed since it was made.
-    mutable QHash<FoldedNickname, ZTAbstractPerson *> m_userIndex;
+    // exactly m_users and no identity was renamed since it was made. Open
+    // addressing over (hash, user) slots, at most half full: a probe
+    // compares hashes, and reads a user only when its hash matches, to
+    // check the user's nickname. No key is stored, so indexing a user
+    // allocates nothing.
+    struct UserIndexSlot
+    {
+        size_t hash = 0;
+        ZTAbstractPerson *person = nullptr; // null: free
+    };
+    //! The slot of the user indexed under `name`, or the free slot that
+    //! ends its probe. `disagrees` is set when a slot of the same hash holds
+    //! a user named otherwise now.
+    size_t userIndexSlot(QStringView name, size_t hash, bool *disagrees) const;
+    void resizeUserIndex(size_t slots) const;
+    mutable std::vector<UserIndexSlot> m_userIndex; // a power of two of them, or none
+    mutable qsizetype m_userIndexCount = 0;
     mutable bool m_userIndexValid = false;
     mutable quint64 m_userIndexGeneration = 0;
     QVariant m_highlightDictionaries;

@@ -26,16 +26,24 @@ TEST_F(ModelTest, PersonWithNameAgreesWithAScanAfterEveryChange)
          [this](auto &c, const auto &) {
              c.mutableUsers().replaceObjectAtIndex(0, zt::objectValue(person(u"C"_s).get()));
          }},
+        {"grown past its first table",
+         [this](auto &c, const auto &) {
+             for (int i = 0; i < 100; ++i)
+                 c.mutableUsers().addObject(zt::objectValue(person(u"p%1"_s.arg(i)).get()));
+         }},
         {"set anew",
          [this](auto &c, const auto &) {
              c.setUsers({person(u"x"_s), person(u"A"_s)});
          }},
     };
-    const QStringList names{u"a"_s, u"b"_s, u"c"_s, u"zed"_s, u"yves"_s, u"x"_s, u"nobody"_s};
+    const QStringList names{
+        u"a"_s,   u"b"_s,   u"c"_s,    u"zed"_s,    u"yves"_s,      u"x"_s,
+        u"P50"_s, u"p99"_s, u"p100"_s, u"nobody"_s, u"\u00e4rger"_s}; // a name beyond ASCII, another case
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
         auto channel = make<AgentChannel>();
-        const People people{person(u"a"_s), person(u"b"_s), person(u"c"_s), person(u"b"_s)};
+        const People people{person(u"a"_s), person(u"b"_s), person(u"c"_s), person(u"b"_s),
+                            person(u"\u00c4RGER"_s)};
         for (const auto &name : names)
             channel->personWithName(name); // the index exists before the change
         channel->mutableUsers().addObjects(zt::detail::objectValues(people));
