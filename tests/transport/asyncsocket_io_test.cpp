@@ -12,7 +12,6 @@
 #include <cmath>
 #include <cstring>
 #include <linux/sockios.h>
-#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,15 +20,6 @@ using namespace sockettest;
 using namespace Qt::StringLiterals;
 
 namespace {
-
-sockaddr_in loopback(quint16 port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
 
 struct FamilyRow
 {
@@ -54,18 +44,17 @@ TEST(AsyncSocketAccept, ConnectsAndReportsBothEnds)
         AsyncSocket *server = pair.server();
 
         const QHostAddress host(QString::fromLatin1(row.host));
+        const quint16 port = pair.listener->localPort();
         EXPECT_EQ(pair.client->connectedHost(), host.toString());
-        EXPECT_EQ(pair.client->connectedPort(), pair.listener->localPort());
-        EXPECT_EQ(server->connectedPort(), pair.client->localPort());
         EXPECT_EQ(server->localHost(), host.toString());
-        EXPECT_EQ(pair.client->isIPv4(), row.ipv4);
-        EXPECT_EQ(pair.client->isIPv6(), !row.ipv4);
-        EXPECT_EQ(server->isIPv4(), row.ipv4);
-        EXPECT_EQ(SockAddr::dataPort(pair.client->connectedAddress()), pair.listener->localPort());
+        EXPECT_EQ(pair.client->connectedPort(), port);
+        EXPECT_EQ(SockAddr::dataPort(pair.client->connectedAddress()), port);
+        EXPECT_EQ(SockAddr::dataPort(server->localAddress()), port);
+        EXPECT_EQ(server->connectedPort(), pair.client->localPort());
         EXPECT_EQ(SockAddr::hostAddress(pair.client->connectedAddress()), host);
-        EXPECT_EQ(SockAddr::dataPort(server->localAddress()), pair.listener->localPort());
-        EXPECT_TRUE(pair.client->isConnected());
-        EXPECT_TRUE(server->isConnected());
+        EXPECT_EQ((QList<bool>{pair.client->isIPv4(), !pair.client->isIPv6(), server->isIPv4()}),
+                  QList<bool>(3, row.ipv4));
+        EXPECT_TRUE(pair.client->isConnected() && server->isConnected());
         EXPECT_EQ(pair.listenerEvents.events, words("accept"));
         EXPECT_EQ(pair.serverEvents.events, words("willConnect connect"));
 
@@ -81,19 +70,13 @@ TEST(AsyncSocketAccept, ConnectsAndReportsBothEnds)
     }
 }
 
-// Failures reported at once through the error argument; the socket stays closed.
+// Failures reported at once through the error argument; the socket stays
+// closed. Rows: whether the delegate allows connecting, the call, the error's
+// domain, code and description (code and description unchecked when null).
 TEST(AsyncSocketConnect, ImmediateFailuresFillTheError)
 {
-    struct Row
-    {
-        const char *name;
-        bool allowConnect;
-        std::function<bool(AsyncSocket *, zt::Error *)> call;
-        const char *domain;
-        qint64 code;
-        const char *description; // null: not checked
-    };
-    const Row rows[] = {
+    using Call = std::function<bool(AsyncSocket *, zt::Error *)>;
+    const std::tuple<const char *, bool, Call, const char *, qint64, const char *> rows[] = {
         {"UnknownInterface", true,
          [](AsyncSocket *s, zt::Error *e) {
              return s->acceptOnInterfacePortError(u"no-such-interface0"_s, 0, e);
@@ -105,17 +88,17 @@ TEST(AsyncSocketConnect, ImmediateFailuresFillTheError)
         {"DelegateRefuses", false,
          [](AsyncSocket *s, zt::Error *e) { return s->connectToHostOnPortError(u"127.0.0.1"_s, 9, e); },
          "AsyncSocketErrorDomain", 1, "Connection canceled"}};
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto &[name, allowConnect, call, domain, code, description] : rows) {
+        SCOPED_TRACE(name);
         Recorder events;
-        events.allowConnect = row.allowConnect;
+        events.allowConnect = allowConnect;
         auto socket = AsyncSocket::createWithDelegate(&events);
         zt::Error error;
-        EXPECT_FALSE(row.call(socket.get(), &error));
-        EXPECT_EQ(error.domain, QString::fromLatin1(row.domain));
-        if (row.description) {
-            EXPECT_EQ(error.code, row.code);
-            EXPECT_EQ(error.localizedDescription(), QString::fromLatin1(row.description));
+        EXPECT_FALSE(call(socket.get(), &error));
+        EXPECT_EQ(error.domain, QString::fromLatin1(domain));
+        if (description) {
+            EXPECT_EQ(error.code, code);
+            EXPECT_EQ(error.localizedDescription(), QString::fromLatin1(description));
         }
         EXPECT_TRUE(socket->isDisconnected());
     }
@@ -130,34 +113,31 @@ TEST(AsyncSocketConnect, LaterFailuresReachTheDelegate)
     ASSERT_TRUE(probe.listen());
     const quint16 freePort = probe.listener->localPort();
     probe.listener->disconnect();
-    sockaddr_in address = loopback(0);
+    QByteArray address = SockAddr::dataWithHostAddress(QHostAddress::LocalHost, 0);
+    auto *raw = reinterpret_cast<sockaddr *>(address.data());
+    socklen_t length = socklen_t(address.size());
     const int full = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_EQ(::bind(full, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(::bind(full, raw, length), 0);
     ASSERT_EQ(::listen(full, 0), 0);
-    socklen_t length = sizeof address;
-    ::getsockname(full, reinterpret_cast<sockaddr *>(&address), &length);
+    ::getsockname(full, raw, &length);
     std::vector<int> fds{full};
     for (int i = 0; i < 3; ++i) {
         fds.push_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-        ::connect(fds.back(), reinterpret_cast<sockaddr *>(&address), sizeof address);
+        ::connect(fds.back(), raw, length);
     }
-    const struct
-    {
-        const char *name;
-        quint16 port;
-        QString error, description;
-    } rows[] = {{"refused", freePort, u"NSPOSIXErrorDomain:%1"_s.arg(ECONNREFUSED), {}},
-                {"timed out", ntohs(address.sin_port), u"AsyncSocketErrorDomain:2"_s,
-                 u"Attempt to connect to host timed out"_s}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
+    const std::tuple<const char *, quint16, QString, QString> rows[] = {
+        {"refused", freePort, u"NSPOSIXErrorDomain:%1"_s.arg(ECONNREFUSED), {}},
+        {"timed out", SockAddr::dataPort(address), u"AsyncSocketErrorDomain:2"_s,
+         u"Attempt to connect to host timed out"_s}};
+    for (const auto &[name, port, error, description] : rows) {
+        SCOPED_TRACE(name);
         Recorder events;
         auto client = AsyncSocket::createWithDelegate(&events);
-        ASSERT_TRUE(client->connectToHostOnPortWithTimeoutError(u"127.0.0.1"_s, row.port, 0.2));
+        ASSERT_TRUE(client->connectToHostOnPortWithTimeoutError(u"127.0.0.1"_s, port, 0.2));
         ASSERT_TRUE(waitUntil([&] { return events.disconnects == 1; }));
-        EXPECT_EQ(events.events, (QStringList{u"willConnect"_s, u"will:"_s + row.error, u"did"_s}));
-        if (!row.description.isEmpty()) {
-            EXPECT_EQ(events.lastError.localizedDescription(), row.description);
+        EXPECT_EQ(events.events, (QStringList{u"willConnect"_s, u"will:"_s + error, u"did"_s}));
+        if (!description.isEmpty()) {
+            EXPECT_EQ(events.lastError.localizedDescription(), description);
         }
         EXPECT_TRUE(client->isDisconnected());
     }
@@ -261,10 +241,11 @@ TEST(AsyncSocketThreads, AcceptedSocketRunsOnTheThreadTheDelegateGives)
 }
 
 // How a socket takes bytes from its stream: no more than each step needs
-// (none), terminator reads in chunks, or everything the stream holds.
-using Taking = void (AsyncSocket::*)();
-constexpr Taking Exactly = nullptr, PreBuffering = &AsyncSocket::enablePreBuffering,
-                 ReadingAhead = &AsyncSocket::enableReadAhead;
+// (no switch), terminator reads in chunks, or everything the stream holds.
+const std::pair<const char *, void (AsyncSocket::*)()> takings[] = {
+    {"exactly", nullptr},
+    {"pre-buffering", &AsyncSocket::enablePreBuffering},
+    {"reading ahead", &AsyncSocket::enableReadAhead}};
 
 //! Sends `stream` from `writer` in writes of `chunk` bytes, each issued when
 //! the previous one has completed, so the reader wakes up on every chunk.
@@ -283,8 +264,8 @@ void feedInChunks(Recorder &events, AsyncSocket *writer, const QByteArray &strea
 
 TEST(AsyncSocketRead, MaximumLengthOverflowFailsInOrder)
 {
-    for (Taking taking : {Exactly, PreBuffering, ReadingAhead}) {
-        SCOPED_TRACE(taking == Exactly ? "exactly" : taking == PreBuffering ? "pre-buffering" : "read-ahead");
+    for (const auto &[name, taking] : takings) {
+        SCOPED_TRACE(name);
         Pair pair;
         ASSERT_TRUE(pair.open());
         AsyncSocket *server = pair.server();
@@ -334,9 +315,8 @@ TEST(AsyncSocketRead, CallerBuffersAreFilledFromTheirOffset)
     ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() == 4; }));
 
     EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"abcd", "line\n", "xyz", "123"}));
-    EXPECT_EQ(*header, "HEADERabcd______");
-    EXPECT_EQ(*line, "line\n");
-    EXPECT_EQ(*small, "..xyz");
+    EXPECT_EQ((QList<QByteArray>{*header, *line, *small}),
+              (QList<QByteArray>{"HEADERabcd______", "line\n", "..xyz"}));
     EXPECT_TRUE(server->isConnected());
     EXPECT_TRUE(log.lines().join(u'\n').contains(u"thrown by the delegate"_s));
 }
@@ -344,69 +324,51 @@ TEST(AsyncSocketRead, CallerBuffersAreFilledFromTheirOffset)
 // Length-prefixed frames, each followed by a text line, read the way a
 // message connection reads them: the length, then the body, then the line,
 // each queued from the callback of the one before. The stream arrives split
-// at every kind of place; every way of taking bytes hands out the same reads.
-struct FrameRow
-{
-    const char *name;
-    Taking taking;
-    int chunk;
-};
-
-const FrameRow frameRows[] = {{"ByteByByte", Exactly, 1},
-                              {"ThirteenBytes", Exactly, 13},
-                              {"AllAtOnce", Exactly, 1 << 20},
-                              {"PreBufferedByteByByte", PreBuffering, 1},
-                              {"PreBufferedThreeBytes", PreBuffering, 3},
-                              {"PreBufferedAllAtOnce", PreBuffering, 1 << 20},
-                              {"ReadAheadByteByByte", ReadingAhead, 1},
-                              {"ReadAheadThirteenBytes", ReadingAhead, 13},
-                              {"ReadAheadThreeHundredBytes", ReadingAhead, 300},
-                              {"ReadAheadPastItsBuffer", ReadingAhead, 9000},
-                              {"ReadAheadAllAtOnce", ReadingAhead, 1 << 20}};
-
+// at every kind of place (byte by byte, 13 bytes, past the read-ahead
+// buffer, all at once); every way of taking bytes hands out the same reads.
 TEST(AsyncSocketFrames, SplitAnywhereStillReadInOrder)
 {
-    for (const FrameRow &row : frameRows) {
-        SCOPED_TRACE(row.name);
-        constexpr long LengthTag = 1, BodyTag = 2, LineTag = 3;
-        const int frames = 120;
-        QByteArray stream;
-        QList<QByteArray> expected;
-        for (int i = 0; i < frames; ++i) {
-            const QByteArray body = patternBytes((i * 37) % 260, quint32(i + 1)); // some are empty
-            const quint64 be = qToBigEndian(quint64(body.size()));
-            const QByteArray length(reinterpret_cast<const char *>(&be), 8);
-            // Lone and doubled carriage returns before the terminator; some lines are the terminator alone.
-            const QByteArray line = i % 5 ? "fr\ram" + QByteArray::number(i) + "\r\r\n" : "\r\n";
-            stream += length + body + line;
-            expected << length << body << line;
+    constexpr long LengthTag = 1, BodyTag = 2, LineTag = 3;
+    QByteArray stream;
+    QList<QByteArray> expected;
+    for (int i = 0; i < 120; ++i) {
+        const QByteArray body = patternBytes((i * 37) % 260, quint32(i + 1)); // some are empty
+        const quint64 be = qToBigEndian(quint64(body.size()));
+        const QByteArray length(reinterpret_cast<const char *>(&be), 8);
+        // Lone and doubled carriage returns before the terminator; some lines are the terminator alone.
+        const QByteArray line = i % 5 ? "fr\ram" + QByteArray::number(i) + "\r\r\n" : "\r\n";
+        stream += length + body + line;
+        expected << length << body << line;
+    }
+    for (const auto &[name, taking] : takings) {
+        for (const int chunk : {1, 13, 300, 9000, 1 << 20}) {
+            SCOPED_TRACE(testing::Message() << name << ", chunks of " << chunk);
+            Pair pair;
+            ASSERT_TRUE(pair.open());
+            AsyncSocket *server = pair.server();
+            if (taking)
+                (server->*taking)();
+            pair.serverEvents.onRead = [](AsyncSocket *s, const QByteArray &data, long tag) {
+                if (tag == LengthTag) {
+                    quint64 be = 0;
+                    std::memcpy(&be, data.constData(), 8);
+                    s->readDataToLengthWithTimeoutTag(qsizetype(qFromBigEndian(be)), 10, BodyTag);
+                } else if (tag == BodyTag) {
+                    s->readDataToDataWithTimeoutTag("\r\n", 10, LineTag);
+                } else {
+                    s->readDataToLengthWithTimeoutTag(8, -1, LengthTag);
+                }
+            };
+            server->readDataToLengthWithTimeoutTag(8, -1, LengthTag);
+            feedInChunks(pair.clientEvents, pair.client.get(), stream, chunk);
+            ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() >= expected.size(); }));
+            EXPECT_EQ(pair.serverEvents.data, expected);
+            EXPECT_TRUE(server->unreadData().isEmpty());
+            long tag = -1;
+            qsizetype done = -1;
+            server->progressOfReadReturningTagBytesDoneTotal(&tag, &done);
+            EXPECT_EQ(std::pair(tag, done), std::pair(LengthTag, qsizetype(0)));
         }
-        Pair pair;
-        ASSERT_TRUE(pair.open());
-        AsyncSocket *server = pair.server();
-        if (row.taking)
-            (server->*row.taking)();
-        pair.serverEvents.onRead = [](AsyncSocket *s, const QByteArray &data, long tag) {
-            if (tag == LengthTag) {
-                quint64 be = 0;
-                std::memcpy(&be, data.constData(), 8);
-                s->readDataToLengthWithTimeoutTag(qsizetype(qFromBigEndian(be)), 10, BodyTag);
-            } else if (tag == BodyTag) {
-                s->readDataToDataWithTimeoutTag("\r\n", 10, LineTag);
-            } else {
-                s->readDataToLengthWithTimeoutTag(8, -1, LengthTag);
-            }
-        };
-        server->readDataToLengthWithTimeoutTag(8, -1, LengthTag);
-        feedInChunks(pair.clientEvents, pair.client.get(), stream, row.chunk);
-        ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.data.size() >= expected.size(); }));
-        EXPECT_EQ(pair.serverEvents.data, expected);
-        EXPECT_TRUE(server->unreadData().isEmpty());
-        long tag;
-        qsizetype done = -1;
-        server->progressOfReadReturningTagBytesDoneTotal(&tag, &done);
-        EXPECT_EQ(tag, LengthTag);
-        EXPECT_EQ(done, 0);
     }
 }
 
@@ -534,55 +496,50 @@ TEST(AsyncSocketReadTimeouts, AskTheDelegateAtEachExpiry)
 }
 
 // A peer that never reads, with a small receive buffer so that a writer soon
-// has to wait. Rows: one large write, extended once; and a
-// burst of small writes, handed to the stream in batches that also stop at
-// Qt's high-water mark: every write before the one that times out completes
-// on its own, in queue order.
+// has to wait. Rows (writes, size, timeout, extended once): one large write,
+// extended once; and a burst of small writes, handed to the stream in batches
+// that also stop at Qt's high-water mark: every write before the one that
+// times out completes on its own, in queue order.
 TEST(AsyncSocketTimeout, WriteTimesOutWhenThePeerStopsReading)
 {
-    const struct
-    {
-        const char *name;
-        long writes;
-        qsizetype size;
-        double timeout;
-        bool extendOnce;
-    } rows[] = {{"one large write, extended once", 1, 64 << 20, 0.2, true},
-                {"20 MB of small writes", 20000, 1000, 0.3, false}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
+    const std::tuple<const char *, long, qsizetype, double, bool> rows[] = {
+        {"one large write, extended once", 1, 64 << 20, 0.2, true},
+        {"20 MB of small writes", 20000, 1000, 0.3, false}};
+    for (const auto &[name, writes, size, timeout, extendOnce] : rows) {
+        SCOPED_TRACE(name);
         Server listening;
         ASSERT_TRUE(listening.listen());
         const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
         const int small = 4096;
         ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-        sockaddr_in address = loopback(listening.listener->localPort());
-        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+        const QByteArray address =
+            SockAddr::dataWithHostAddress(QHostAddress::LocalHost, listening.listener->localPort());
+        ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr *>(address.constData()), address.size()), 0);
         const bool connected = waitUntil([&] { return listening.serverEvents.connected; });
         int asks = 0;
         listening.serverEvents.writeTimeoutAnswer = [&](long, double) {
-            return ++asks == 1 && row.extendOnce ? 0.05 : 0.0;
+            return ++asks == 1 && extendOnce ? 0.05 : 0.0;
         };
-        for (long tag = 1; connected && tag <= row.writes; ++tag)
-            listening.server()->writeDataWithTimeoutTag(patternBytes(row.size, quint32(tag)), row.timeout,
-                                                        tag);
+        for (long tag = 1; connected && tag <= writes; ++tag)
+            listening.server()->writeDataWithTimeoutTag(patternBytes(size, quint32(tag)), timeout, tag);
         const bool closed = connected && waitUntil([&] { return listening.serverEvents.disconnects == 1; });
         ::close(fd);
         ASSERT_TRUE(closed);
         // write:1 … write:k-1, then the timeout of write k (asked twice when
         // extended), part-way or not begun.
         const QStringList events = listening.serverEvents.events.mid(2);
-        const qsizetype completed = events.size() - 3 - (row.extendOnce ? 1 : 0);
+        const qsizetype completed = events.size() - 3 - (extendOnce ? 1 : 0);
         ASSERT_GE(completed, 0);
-        for (qsizetype i = 0; i < completed; ++i)
-            ASSERT_EQ(events[i], u"write:%1"_s.arg(i + 1));
-        EXPECT_LT(completed, row.writes);
-        QStringList ending(row.extendOnce ? 2 : 1, u"writeTimeout:%1"_s.arg(completed + 1));
-        ending << u"will:AsyncSocketErrorDomain:5"_s << u"did"_s;
-        EXPECT_EQ(events.mid(completed), ending);
+        EXPECT_LT(completed, writes);
+        QStringList expected;
+        for (qsizetype i = 1; i <= completed; ++i)
+            expected << u"write:%1"_s.arg(i);
+        expected << QStringList(extendOnce ? 2 : 1, u"writeTimeout:%1"_s.arg(completed + 1))
+                 << u"will:AsyncSocketErrorDomain:5"_s << u"did"_s;
+        EXPECT_EQ(events, expected);
         EXPECT_EQ(listening.serverEvents.lastError.localizedDescription(), u"Write operation timed out"_s);
-        EXPECT_GE(listening.serverEvents.lastWriteDone, row.writes == 1 ? 1 : 0);
-        EXPECT_LT(listening.serverEvents.lastWriteDone, row.size);
+        EXPECT_GE(listening.serverEvents.lastWriteDone, writes == 1 ? 1 : 0);
+        EXPECT_LT(listening.serverEvents.lastWriteDone, size);
     }
 }
 
@@ -642,15 +599,12 @@ TEST(AsyncSocketDisconnecting, WaitsForWhatItWasToldTo)
 // A listener has no queues to drain: each variant closes it at once and frees its port.
 TEST(AsyncSocketListener, DrainingVariantsCloseItAtOnce)
 {
-    for (auto variant : {&AsyncSocket::disconnectAfterReading, &AsyncSocket::disconnectAfterWriting,
-                         &AsyncSocket::disconnectAfterReadingAndWriting}) {
-        SCOPED_TRACE(variant == &AsyncSocket::disconnectAfterReading   ? "after reading"
-                     : variant == &AsyncSocket::disconnectAfterWriting ? "after writing"
-                                                                       : "after both");
+    for (const EndingRow &row : endingRows) {
+        SCOPED_TRACE(row.name);
         Server listening;
         ASSERT_TRUE(listening.listen());
         const quint16 port = listening.listener->localPort();
-        ((*listening.listener).*variant)();
+        ((*listening.listener).*row.end)();
         EXPECT_TRUE(listening.listener->isDisconnected());
         listening.listener.reset();
         flushDeferredDeletes();
@@ -726,29 +680,25 @@ TEST(AsyncSocketProgress, ReadProgressFollowsTheCurrentRead)
     Pair pair;
     ASSERT_TRUE(pair.open());
     AsyncSocket *server = pair.server();
-    long tag = -1;
-    qsizetype done = -1, total = -1;
-    EXPECT_TRUE(std::isnan(server->progressOfReadReturningTagBytesDoneTotal(&tag, &done, &total)));
-    EXPECT_EQ(tag, 0);
-    EXPECT_EQ(total, 0);
+    const auto progress = [&] { // "fraction tag:done/total"
+        long tag = -1;
+        qsizetype done = -1, total = -1;
+        const double fraction = server->progressOfReadReturningTagBytesDoneTotal(&tag, &done, &total);
+        return u"%1 %2:%3/%4"_s.arg(fraction).arg(tag).arg(done).arg(total);
+    };
+    EXPECT_EQ(progress(), u"nan 0:0/0"_s);
 
     server->readDataToLengthWithTimeoutTag(100, 10, 42);
     server->readDataToDataWithTimeoutTag("\n", 10, 43);
     pair.client->writeDataWithTimeoutTag(QByteArray(40, 'x'), 10, 1);
     ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.partialReads == 40; }));
     EXPECT_EQ(pair.serverEvents.lastPartialTag, 42);
-    EXPECT_DOUBLE_EQ(server->progressOfReadReturningTagBytesDoneTotal(&tag, &done, &total), 0.4);
-    EXPECT_EQ(tag, 42);
-    EXPECT_EQ(done, 40);
-    EXPECT_EQ(total, 100);
+    EXPECT_EQ(progress(), u"0.4 42:40/100"_s);
 
     // A terminator read has no known total.
     pair.client->writeDataWithTimeoutTag(QByteArray(60, 'y') + "ab", 10, 1);
     ASSERT_TRUE(waitUntil([&] { return pair.serverEvents.lastPartialTag == 43; }));
-    EXPECT_TRUE(std::isnan(server->progressOfReadReturningTagBytesDoneTotal(&tag, &done, &total)));
-    EXPECT_EQ(tag, 43);
-    EXPECT_EQ(done, 2);
-    EXPECT_EQ(total, 0);
+    EXPECT_EQ(progress(), u"nan 43:2/0"_s);
 }
 
 } // namespace

@@ -8,22 +8,6 @@
 
 namespace {
 
-// A packet whose bytes done are `done`: caller's buffer of `bufferLength`
-// bytes (or none when negative), start offset `offset`.
-AsyncReadPacket packetWith(const QByteArray &term, const QByteArray &done, qsizetype maxLength = 0,
-                           qsizetype bufferLength = -1, qsizetype offset = 0, qsizetype readLength = 0)
-{
-    std::shared_ptr<QByteArray> buffer;
-    if (bufferLength >= 0)
-        buffer = std::make_shared<QByteArray>(bufferLength, '.');
-    AsyncReadPacket p(buffer, offset, maxLength, -1, readLength, term, 7);
-    if (!done.isEmpty()) {
-        std::memcpy(p.prepareWrite(done.size()), done.constData(), size_t(done.size()));
-        p.commit(done.size());
-    }
-    return p;
-}
-
 using Rule = qsizetype (AsyncReadPacket::*)() const;
 constexpr Rule Term = &AsyncReadPacket::readLengthForTerm, NonTerm = &AsyncReadPacket::readLengthForNonTerm,
                Prebuffer = &AsyncReadPacket::prebufferReadLengthForTerm;
@@ -38,7 +22,7 @@ TEST(AsyncReadPacketLength, AsksForWhatTheRuleAllows)
         Rule rule;
         QByteArray term;
         qsizetype readLength, maxLength, bufferLength, offset; // bufferLength -1: the packet's own buffer
-        QByteArray done;
+        QByteArray done;                                       // the bytes already read
         qsizetype expected;
     } rows[] = {
         {"one-byte terminator", Term, "\n", 0, 0, -1, 0, "abc", 1},
@@ -58,8 +42,11 @@ TEST(AsyncReadPacketLength, AsksForWhatTheRuleAllows)
         {"pre-buffering capped by the caller's free space", Prebuffer, "\r\n", 0, 0, 50, 40, "abc", 7}};
     for (const auto &row : rows) {
         SCOPED_TRACE(row.name);
-        AsyncReadPacket p =
-            packetWith(row.term, row.done, row.maxLength, row.bufferLength, row.offset, row.readLength);
+        std::shared_ptr<QByteArray> buffer;
+        if (row.bufferLength >= 0)
+            buffer = std::make_shared<QByteArray>(row.bufferLength, '.');
+        AsyncReadPacket p(buffer, row.offset, row.maxLength, -1, row.readLength, row.term, 7);
+        p.append(row.done.constData(), row.done.size());
         EXPECT_EQ((p.*row.rule)(), row.expected);
     }
 }

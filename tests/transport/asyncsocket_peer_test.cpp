@@ -7,6 +7,7 @@
 
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 
 using namespace sockettest;
 using namespace Qt::StringLiterals;
@@ -94,11 +95,10 @@ TEST(AsyncSocketKilledPeer, ReportsTheEndAndKeepsEveryByte)
             child.waitForFinished(10000);
 
             // The end was reported once, last, through the error path.
-            const QStringList &events = serverEvents.events;
-            ASSERT_GE(events.size(), 2);
-            EXPECT_EQ(events.last(), u"did"_s);
-            EXPECT_TRUE(events[events.size() - 2].startsWith(u"will:"_s));
-            EXPECT_EQ(events.count(u"did"_s), 1);
+            static const QRegularExpression shape(
+                u"^willConnect connect(?: read:1| write:2)*+ will:\\S+ did$"_s);
+            const QString events = serverEvents.events.join(u' ');
+            EXPECT_TRUE(shape.match(events).hasMatch()) << events.right(200).toStdString();
             EXPECT_TRUE(listening.server()->isDisconnected());
             // Every byte that arrived was handed out or left in unreadData, in order.
             const QByteArray all = received + serverEvents.unreadAtWill;

@@ -197,11 +197,9 @@ struct Pair : Server
         return ok;
     }
     //! start(), then true once both ends are connected.
-    bool open(const QString &interface = QStringLiteral("localhost"),
-              const QString &host = QStringLiteral("127.0.0.1"), bool byAddress = false)
+    template<typename... Args> bool open(const Args &...args)
     {
-        return start(interface, host, byAddress) &&
-               waitUntil([&] { return clientEvents.connected && serverEvents.connected; });
+        return start(args...) && waitUntil([&] { return clientEvents.connected && serverEvents.connected; });
     }
     ~Pair()
     {

@@ -47,26 +47,25 @@ QVariantMap serverSettings()
             {QString::fromUtf16(AsyncSocketTLS::PrivateKey), credentials().key}};
 }
 
-struct TlsRow
-{
-    const char *name, *peerName; // peerName null: not given
-    bool trustsTheCertificate, validatesTheChain, succeeds;
-};
+const QString PeerName = QString::fromUtf16(AsyncSocketTLS::PeerName),
+              TrustedCertificates = QString::fromUtf16(AsyncSocketTLS::CACertificates),
+              ValidatesChain = QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain);
 
-// The client says "STARTTLS\r\n" and starts its handshake at once; the server
-// reads the line with a terminator read, which must leave the handshake's
-// bytes in the stream, then switches too. Requests queued after startTLS wait
-// for the handshake.
-const TlsRow tlsRows[] = {{"TrustedCertificateAndName", "localhost", true, true, true},
-                          {"ChainNotValidated", nullptr, false, false, true},
-                          {"UntrustedCertificateFails", nullptr, false, true, false},
-                          {"WrongPeerNameFails", "example.org", true, true, false}};
-
+// The client says "STARTTLS\r\n" and starts its handshake at once, with the
+// row's settings; the server reads the line with a terminator read, which
+// must leave the handshake's bytes in the stream, then switches too. Requests
+// queued after startTLS wait for the handshake.
 TEST(AsyncSocketStartTLS, SwitchesInQueueOrder)
 {
     ASSERT_TRUE(credentials().problem.isEmpty()) << credentials().problem.toStdString();
-    for (const TlsRow &row : tlsRows) {
-        SCOPED_TRACE(row.name);
+    const QByteArray &certificate = credentials().certificate;
+    const std::tuple<const char *, QVariantMap, bool> rows[] = {
+        {"TrustedCertificateAndName", {{PeerName, u"localhost"_s}, {TrustedCertificates, certificate}}, true},
+        {"ChainNotValidated", {{ValidatesChain, false}}, true},
+        {"UntrustedCertificateFails", {}, false},
+        {"WrongPeerNameFails", {{PeerName, u"example.org"_s}, {TrustedCertificates, certificate}}, false}};
+    for (const auto &[name, settings, succeeds] : rows) {
+        SCOPED_TRACE(name);
         Pair pair;
         ASSERT_TRUE(pair.open(u"127.0.0.1"_s));
         AsyncSocket *server = pair.server();
@@ -80,18 +79,11 @@ TEST(AsyncSocketStartTLS, SwitchesInQueueOrder)
                 s->writeDataWithTimeoutTag("reply!", 10, 5);
         };
         client->writeDataWithTimeoutTag("STARTTLS\r\n", 10, 1);
-        QVariantMap settings;
-        if (row.peerName)
-            settings.insert(QString::fromUtf16(AsyncSocketTLS::PeerName), QString::fromLatin1(row.peerName));
-        if (row.trustsTheCertificate)
-            settings.insert(QString::fromUtf16(AsyncSocketTLS::CACertificates), credentials().certificate);
-        if (!row.validatesTheChain)
-            settings.insert(QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false);
         client->startTLS(settings);
         client->writeDataWithTimeoutTag("secret\n", 10, 2);
         client->readDataToLengthWithTimeoutTag(6, 10, 3);
 
-        if (row.succeeds) {
+        if (succeeds) {
             ASSERT_TRUE(waitUntil([&] { return pair.clientEvents.data.size() == 1; }));
             EXPECT_EQ(pair.serverEvents.data, (QList<QByteArray>{"STARTTLS\r\n", "secret\n"}));
             EXPECT_EQ(pair.clientEvents.data, QList<QByteArray>{"reply!"});
@@ -131,7 +123,7 @@ TEST(AsyncSocketStartTLSOnAccept, AFixedLengthGreetingLeavesTheHandshakeInTheStr
             EXPECT_FALSE(AsyncSocketTestAccess::readsAhead(server));
         }
         pair.client->writeDataWithTimeoutTag("HELLO", 10, 1);
-        pair.client->startTLS({{QString::fromUtf16(AsyncSocketTLS::ValidatesCertificateChain), false}});
+        pair.client->startTLS({{ValidatesChain, false}});
         QByteArray lines;
         QList<QByteArray> expected{"HELLO"};
         for (int i = 0; i < 50; ++i) {

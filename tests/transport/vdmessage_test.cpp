@@ -215,14 +215,10 @@ TEST(VDMessageRecent, FreshThreadsSendEmptyAndRepeatedStringsAsThemselves)
     EXPECT_EQ(seen, (QStringList{u"''"_s, u"'value'"_s, u"''"_s, u"'value'"_s}));
 }
 
+// Each payload with its indexes rendered, or empty when it is not the form.
 TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
 {
-    const struct
-    {
-        const char *name;
-        QByteArray payload;
-        QString indexes; // rendered; empty: not the form
-    } rows[] = {
+    const std::tuple<const char *, QByteArray, QString> rows[] = {
         {"magic word alone is too short", word(vd::IndexSetMagic), {}},
         {"magic and one byte", word(vd::IndexSetMagic) + QByteArray(1, '\0'), u"idx[]"_s},
         {"count past the data is cut", indexSetPayload({3, 5}, 64), u"idx[3,5]"_s},
@@ -236,11 +232,11 @@ TEST(VDMessageIndexSet, RecognisesAndReadsTheForm)
         {"magic in little-endian order", hex("cefaedfe00000000 0000000000000000"), {}},
         {"a property list", scalarPlist("09"), {}},
         {"empty", {}, {}}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(vd::isIndexSetData(row.payload), !row.indexes.isEmpty());
-        if (!row.indexes.isEmpty()) {
-            EXPECT_EQ(render(QVariant::fromValue(vd::indexSetFromData(row.payload))), row.indexes);
+    for (const auto &[name, payload, indexes] : rows) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(vd::isIndexSetData(payload), !indexes.isEmpty());
+        if (!indexes.isEmpty()) {
+            EXPECT_EQ(render(QVariant::fromValue(vd::indexSetFromData(payload))), indexes);
         }
     }
 }
