@@ -4,9 +4,9 @@
 
 #include "support/test_model.h"
 
-#include <QThread>
 #include <atomic>
 #include <cstring>
+#include <thread>
 
 using namespace zt;
 
@@ -109,20 +109,18 @@ TEST(AccessorLookUp, ThreadsResolvingKeysWhileTheTableGrowsAllSeeTheRightAccesso
 {
     ClassInfo c("LookUpMany", &Object::staticClassInfo(), nullptr, registerManyKeys);
     std::atomic<int> wrong{0};
-    std::vector<std::unique_ptr<QThread>> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.push_back(std::unique_ptr<QThread>(QThread::create([&c, &wrong, t] {
-            for (int round = 0; round < 4; ++round)
-                for (int i = 0; i < KeyCount; ++i) {
-                    const int k = (i * (2 * t + 1) + round) % KeyCount; // each thread its own order
-                    const QByteArray name = "k" + QByteArray::number(k);
-                    if (getterOf(c, QString::fromLatin1(name)) != name)
-                        ++wrong;
-                }
-        })));
-        threads.back()->start();
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([&c, &wrong, t] {
+                for (int round = 0; round < 4; ++round)
+                    for (int i = 0; i < KeyCount; ++i) {
+                        const int k = (i * (2 * t + 1) + round) % KeyCount; // each thread its own order
+                        const QByteArray name = "k" + QByteArray::number(k);
+                        if (getterOf(c, QString::fromLatin1(name)) != name)
+                            ++wrong;
+                    }
+            });
     }
-    for (auto &thread : threads)
-        thread->wait();
     EXPECT_EQ(wrong.load(), 0);
 }

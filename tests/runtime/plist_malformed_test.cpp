@@ -139,7 +139,7 @@ TEST(PlistMalformed, FailsWithAnErrorNamingTheFault)
     }
 }
 
-// A file with one of every kind, for the truncation and corruption sweeps.
+// A file with one of every kind, for the truncation and corruption sweep.
 QByteArray richFile()
 {
     const QVariantMap value{
@@ -155,23 +155,12 @@ QByteArray richFile()
     return plist::writeBinary(value);
 }
 
-TEST(PlistTruncation, EveryPrefixFails)
-{
-    const QByteArray full = richFile();
-    ASSERT_TRUE(plist::readBinary(full).has_value());
-    for (qsizetype n = 0; n < full.size(); ++n) {
-        SCOPED_TRACE(n);
-        Error error;
-        EXPECT_FALSE(plist::readBinary(QByteArrayView(full).first(n), &error).has_value());
-        EXPECT_EQ(error.code, plist::ReadCorruptErrorCode);
-    }
-}
-
-// Every single-bit change of the rich file and of lone scalars' files (which
-// take a shortcut past the general walk) either reads as a value or fails with
-// an error, and the shortcut and the walk agree: the same value, or both
-// refuse. Run under the sanitizers this catches any read out of bounds.
-TEST(PlistCorruption, EveryBitFlipIsHandledAndTheScalarShortcutAgrees)
+// Every proper prefix of the rich file and of lone scalars' files (which take
+// a shortcut past the general walk) fails. Every single-bit change either
+// reads as a value or fails with an error, and the shortcut and the walk
+// agree: the same value, or both refuse. Run under the sanitizers this
+// catches any read out of bounds.
+TEST(PlistCorruption, EveryPrefixFailsEveryBitFlipIsHandledAndTheScalarShortcutAgrees)
 {
     QList<QByteArray> files{richFile()};
     for (const QVariant &scalar :
@@ -179,16 +168,22 @@ TEST(PlistCorruption, EveryBitFlipIsHandledAndTheScalarShortcutAgrees)
           QVariant(std::numeric_limits<int>::max()), QVariant(std::numeric_limits<qlonglong>::min()),
           QVariant(qlonglong(-1)), QVariant(2.5)})
         files.append(plist::writeBinary(scalar));
-    for (const QByteArray &file : files)
+    for (const QByteArray &file : files) {
+        SCOPED_TRACE(file.toHex().left(40).constData());
         for (qsizetype i = -1; i < file.size(); ++i) {
+            Error cut;
+            EXPECT_FALSE(
+                plist::readBinary(QByteArrayView(file).first(qMax<qsizetype>(i, 0)), &cut).has_value())
+                << "cut at " << i;
+            EXPECT_EQ(cut.code, plist::ReadCorruptErrorCode) << "cut at " << i;
             for (int bit = 0; bit < (i < 0 ? 1 : 8); ++bit) { // i == -1: the file unchanged
                 QByteArray bytes = file;
                 if (i >= 0)
                     bytes[i] = char(bytes[i] ^ (1 << bit));
-                SCOPED_TRACE(testing::Message()
-                             << file.toHex().left(40).constData() << " byte " << i << " bit " << bit);
+                SCOPED_TRACE(testing::Message() << "byte " << i << " bit " << bit);
                 Error error;
                 const std::optional<QVariant> read = plist::readBinary(bytes, &error);
+                ASSERT_TRUE(read || i >= 0) << "the file itself does not read";
                 QVariant viaWalk;
                 ASSERT_EQ(read.has_value(),
                           plist::detail::readBinaryGeneralInto(bytes, viaWalk, nullptr, {}));
@@ -201,6 +196,7 @@ TEST(PlistCorruption, EveryBitFlipIsHandledAndTheScalarShortcutAgrees)
                 }
             }
         }
+    }
 }
 
 } // namespace

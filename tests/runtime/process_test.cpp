@@ -7,10 +7,10 @@
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QProcess>
-#include <QThread>
 #include <QUuid>
 #include <gtest/gtest.h>
 #include <set>
+#include <thread>
 
 namespace {
 
@@ -29,12 +29,10 @@ TEST(GloballyUniqueString, IsAnUpperCaseVersion4UuidNeverRepeatedInAnyThread)
         check(zt::process::globallyUniqueString());
     // Another thread has its own generator: still no repeats.
     QStringList fromThread;
-    std::unique_ptr<QThread> thread(QThread::create([&] {
+    std::thread([&] {
         for (int i = 0; i < 2000; ++i)
             fromThread.append(zt::process::globallyUniqueString());
-    }));
-    thread->start();
-    thread->wait();
+    }).join();
     for (const QString &s : fromThread)
         check(s);
 }

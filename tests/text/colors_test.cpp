@@ -57,7 +57,6 @@ TEST(ColorCodes, ConvertsToHtmlAndPlainText)
         const char *name;
         QString input, html, plain;
     } rows[] = {
-        {"bold then plain", u"^Bbold^B plain"_s, u"{b}bold{/} plain"_s, u"bold plain"_s},
         {"0x1D is text", u"^]i"_s, u"^]i"_s, u"^]i"_s},
         {"closing is not nested", u"^Ba^C4b^Bc^C"_s, u"{b}a{red}b{/}c{/}"_s, u"abc"_s},
         {"foreground and background", u"^C12,4x^C"_s, u"{blue,red}x{/}"_s, u"x"_s},

