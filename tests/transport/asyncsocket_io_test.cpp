@@ -517,8 +517,9 @@ TEST(AsyncSocketTimeout, WriteTimesOutWhenThePeerStopsReading)
         ASSERT_EQ(::connect(fd, reinterpret_cast<const sockaddr *>(address.constData()), address.size()), 0);
         const bool connected = waitUntil([&] { return listening.serverEvents.connected; });
         int asks = 0;
+        const bool extend = extendOnce; // clang before 16 cannot capture a structured binding
         listening.serverEvents.writeTimeoutAnswer = [&](long, double) {
-            return ++asks == 1 && extendOnce ? 0.05 : 0.0;
+            return ++asks == 1 && extend ? 0.05 : 0.0;
         };
         for (long tag = 1; connected && tag <= writes; ++tag)
             listening.server()->writeDataWithTimeoutTag(patternBytes(size, quint32(tag)), timeout, tag);
